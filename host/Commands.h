@@ -1,0 +1,19 @@
+// The host's sub-commands. Each returns the process exit code: 0 done, 1 failed, 2 bad usage.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace tavik::host {
+
+using Args = std::vector<std::string>;
+
+struct Command {
+    const char* name;
+    const char* summary;
+    int (*run)(const Args& args);
+};
+
+int RunVersion(const Args& args);
+
+}  // namespace tavik::host

@@ -1,0 +1,34 @@
+// tavik: the command-line host of the mail library.
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "host/Commands.h"
+
+namespace {
+
+const tavik::host::Command kCommands[] = {
+    {"version", "print the version", tavik::host::RunVersion},
+};
+
+void usage(FILE* out) {
+    std::fprintf(out, "usage: tavik COMMAND [ARGS...]\n\ncommands:\n");
+    for (const auto& c : kCommands) std::fprintf(out, "  %-10s %s\n", c.name, c.summary);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc < 2 || std::strcmp(argv[1], "help") == 0 || std::strcmp(argv[1], "--help") == 0) {
+        usage(argc < 2 ? stderr : stdout);
+        return argc < 2 ? 2 : 0;
+    }
+    std::vector<std::string> args(argv + 2, argv + argc);
+    for (const auto& c : kCommands) {
+        if (std::strcmp(argv[1], c.name) == 0) return c.run(args);
+    }
+    std::fprintf(stderr, "tavik: unknown command '%s'\n", argv[1]);
+    usage(stderr);
+    return 2;
+}
