@@ -212,7 +212,8 @@ int WaitForSocket(SOCKET s, int what, long seconds, long microseconds = 0);
 hostent* gethostbyname(const char* name);
 // addr points at len bytes in network order; only AF_INET with len 4 is supported.
 hostent* gethostbyaddr(const char* addr, int len, int type);
-// Fails with WSAEFAULT when the name does not fit in namelen bytes with its terminator.
+// Fails with WSAEFAULT when the name does not fit in namelen bytes with its terminator. In a file that
+// also sees <unistd.h>, pass an int length: a size_t one picks the system's overload.
 int gethostname(char* name, int namelen);
 
 // Dotted text to a network-order address; INADDR_NONE when the text does not parse. Accepts the

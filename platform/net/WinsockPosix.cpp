@@ -1,0 +1,404 @@
+// The socket calls of a POSIX system. This file never includes platform/Winsock.h: the Windows names
+// (socket, sockaddr, ...) would collide with the system's, so the two meet only through SocketOps.h.
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <climits>
+#include <cstring>
+
+#include "platform/net/internal/SocketOps.h"
+
+namespace detail::net {
+namespace {
+
+// Windows values of the constants that cross SocketOps.h.
+constexpr int kAfInet = 2;
+constexpr int kSockStream = 1;
+constexpr int kSockDgram = 2;
+constexpr int kMsgOob = 0x1;
+constexpr int kMsgPeek = 0x2;
+constexpr int kSolSocket = 0xffff;
+
+// errno -> Windows Sockets code. EINTR only surfaces from accept (the others restart), where Windows
+// reports a cancelled blocking call. A bad descriptor is "not a socket", as Windows says for a bad handle.
+// EPIPE means the connection is gone; a Windows send on such a socket reports a reset.
+constexpr CodeRow kErrnoRows[] = {
+    {EINTR, 10004, "interrupted call"},
+    {EBADF, 10038, "bad descriptor"},
+    {EACCES, 10013, "permission denied"},
+    {EPERM, 10013, "operation not permitted"},
+    {EFAULT, 10014, "bad address"},
+    {EINVAL, 10022, "invalid argument"},
+    {EMFILE, 10024, "too many open files"},
+    {ENFILE, 10024, "file table full"},
+    {EAGAIN, 10035, "would block"},
+    {EINPROGRESS, 10036, "in progress"},
+    {EALREADY, 10037, "already in progress"},
+    {ENOTSOCK, 10038, "not a socket"},
+    {EDESTADDRREQ, 10039, "destination required"},
+    {EMSGSIZE, 10040, "message too long"},
+    {EPROTOTYPE, 10041, "wrong protocol type"},
+    {ENOPROTOOPT, 10042, "bad option"},
+    {EPROTONOSUPPORT, 10043, "protocol not supported"},
+    {ESOCKTNOSUPPORT, 10044, "socket type not supported"},
+    {EOPNOTSUPP, 10045, "operation not supported"},
+    {EPFNOSUPPORT, 10046, "protocol family not supported"},
+    {EAFNOSUPPORT, 10047, "address family not supported"},
+    {EADDRINUSE, 10048, "address in use"},
+    {EADDRNOTAVAIL, 10049, "address not available"},
+    {ENETDOWN, 10050, "network down"},
+    {ENETUNREACH, 10051, "network unreachable"},
+    {ENETRESET, 10052, "network reset"},
+    {ECONNABORTED, 10053, "connection aborted"},
+    {ECONNRESET, 10054, "connection reset"},
+    {EPIPE, 10054, "broken pipe"},
+    {ENOBUFS, 10055, "no buffer space"},
+    {ENOMEM, 10055, "out of memory"},
+    {EISCONN, 10056, "already connected"},
+    {ENOTCONN, 10057, "not connected"},
+    {ESHUTDOWN, 10058, "shut down"},
+    {ETOOMANYREFS, 10059, "too many references"},
+    {ETIMEDOUT, 10060, "timed out"},
+    {ECONNREFUSED, 10061, "connection refused"},
+    {ELOOP, 10062, "too many links"},
+    {ENAMETOOLONG, 10063, "name too long"},
+    {EHOSTDOWN, 10064, "host down"},
+    {EHOSTUNREACH, 10065, "host unreachable"},
+    {ENOTEMPTY, 10066, "directory not empty"},
+    {EUSERS, 10068, "too many users"},
+    {EDQUOT, 10069, "quota exceeded"},
+    {ESTALE, 10070, "stale handle"},
+    {EREMOTE, 10071, "remote object"},
+};
+
+// getaddrinfo/getnameinfo results -> Windows Sockets code. EAI_SYSTEM goes through errno instead.
+constexpr CodeRow kResolverRows[] = {
+    {EAI_NONAME, 11001, "host not found"},
+    {EAI_AGAIN, 11002, "temporary failure"},
+    {EAI_FAIL, 11003, "non-recoverable failure"},
+    {EAI_NODATA, 11004, "no address of the requested family"},
+    {EAI_ADDRFAMILY, 11004, "no address in the family"},
+    {EAI_FAMILY, 10047, "family not supported"},
+    {EAI_SOCKTYPE, 10044, "socket type not supported"},
+    {EAI_SERVICE, 10109, "service not known"},
+    {EAI_BADFLAGS, 10022, "bad flags"},
+    {EAI_MEMORY, 10055, "out of memory"},
+    {EAI_OVERFLOW, 10014, "buffer too small"},
+};
+
+constexpr int kUnmapped = 10107;  // WSASYSCALLFAILURE
+
+int fail(int& error, int err) {
+    error = WsaFromErrno(err);
+    return -1;
+}
+
+// Windows never hands out handle 0 and callers use 0 for "no socket", so a descriptor that lands on 0
+// (stdin closed) is moved up.
+int avoidZero(int fd) {
+    if (fd != 0) return fd;
+    int moved = ::fcntl(fd, F_DUPFD_CLOEXEC, 1);
+    int saved = errno;
+    ::close(fd);
+    errno = saved;
+    return moved;
+}
+
+sockaddr_in toSystem(const Endpoint& e) {
+    sockaddr_in sa{};
+    sa.sin_family = AF_INET;
+    sa.sin_port = e.port;
+    sa.sin_addr.s_addr = e.addr;
+    return sa;
+}
+
+Endpoint fromSystem(const sockaddr_storage& ss) {
+    Endpoint e;
+    if (ss.ss_family == AF_INET) {
+        const auto* sa = reinterpret_cast<const sockaddr_in*>(&ss);
+        e.addr = sa->sin_addr.s_addr;
+        e.port = sa->sin_port;
+    }
+    return e;
+}
+
+int sysFlags(int flags) {
+    int out = MSG_NOSIGNAL;
+    if (flags & kMsgOob) out |= MSG_OOB;
+    if (flags & kMsgPeek) out |= MSG_PEEK;
+    return out;
+}
+
+bool sysOption(int level, int name, int& sysLevel, int& sysName) {
+    if (level != kSolSocket) return false;
+    sysLevel = SOL_SOCKET;
+    switch (name) {
+        case 0x0004: sysName = SO_REUSEADDR; return true;
+        case 0x0008: sysName = SO_KEEPALIVE; return true;
+        case 0x0020: sysName = SO_BROADCAST; return true;
+        case 0x1001: sysName = SO_SNDBUF; return true;
+        case 0x1002: sysName = SO_RCVBUF; return true;
+        case 0x1007: sysName = SO_ERROR; return true;
+        case 0x1008: sysName = SO_TYPE; return true;
+        default: return false;
+    }
+}
+
+bool reservedInvalidName(const char* name) {
+    // Names under "invalid" never resolve; answering here spares a resolver round trip that an offline
+    // machine would report as a temporary failure instead of "not found".
+    size_t n = std::strlen(name);
+    if (n > 0 && name[n - 1] == '.') --n;
+    if (n < 7) return false;
+    if (strncasecmp(name + n - 7, "invalid", 7) != 0) return false;
+    return n == 7 || name[n - 8] == '.';
+}
+
+}  // namespace
+
+std::span<const CodeRow> ErrnoTable() { return kErrnoRows; }
+std::span<const CodeRow> ResolverTable() { return kResolverRows; }
+
+int WsaFromErrno(int err) {
+    if (err == EWOULDBLOCK) err = EAGAIN;
+    for (const CodeRow& row : kErrnoRows)
+        if (row.from == err) return row.to;
+    return kUnmapped;
+}
+
+int WsaFromResolver(int result, int savedErrno) {
+    if (result == EAI_SYSTEM) return WsaFromErrno(savedErrno);
+    for (const CodeRow& row : kResolverRows)
+        if (row.from == result) return row.to;
+    return kUnmapped;
+}
+
+int OsSocket(int af, int type, int protocol, int& error) {
+    if (af != kAfInet) return fail(error, EAFNOSUPPORT);
+    int sysType = type == kSockStream ? SOCK_STREAM : type == kSockDgram ? SOCK_DGRAM : -1;
+    if (sysType < 0) return fail(error, ESOCKTNOSUPPORT);
+    int fd = ::socket(AF_INET, sysType | SOCK_CLOEXEC, protocol);
+    if (fd < 0) return fail(error, errno);
+    fd = avoidZero(fd);
+    if (fd < 0) return fail(error, errno);
+#ifdef SO_NOSIGPIPE
+    int on = 1;
+    ::setsockopt(fd, SOL_SOCKET, SO_NOSIGPIPE, &on, sizeof on);
+#endif
+    return fd;
+}
+
+int OsClose(int fd, int& error) {
+    // After close, the descriptor is gone even when close reports EINTR; retrying could close another
+    // thread's new descriptor.
+    if (::close(fd) != 0 && errno != EINTR) return fail(error, errno);
+    return 0;
+}
+
+int OsShutdown(int fd, int how, int& error) {
+    int sysHow = how == 0 ? SHUT_RD : how == 1 ? SHUT_WR : how == 2 ? SHUT_RDWR : -1;
+    if (sysHow < 0) return fail(error, EINVAL);
+    return ::shutdown(fd, sysHow) == 0 ? 0 : fail(error, errno);
+}
+
+int OsBind(int fd, const Endpoint& at, int& error) {
+    sockaddr_in sa = toSystem(at);
+    return ::bind(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa) == 0 ? 0 : fail(error, errno);
+}
+
+int OsListen(int fd, int backlog, int& error) {
+    return ::listen(fd, backlog) == 0 ? 0 : fail(error, errno);
+}
+
+int OsAccept(int fd, Endpoint* peer, int& error) {
+    sockaddr_storage ss{};
+    socklen_t len = sizeof ss;
+    int client = ::accept4(fd, reinterpret_cast<sockaddr*>(&ss), &len, SOCK_CLOEXEC);
+    if (client < 0) return fail(error, errno);
+    client = avoidZero(client);
+    if (client < 0) return fail(error, errno);
+    if (peer) *peer = fromSystem(ss);
+    return client;
+}
+
+int OsConnect(int fd, const Endpoint& to, int& error) {
+    sockaddr_in sa = toSystem(to);
+    if (::connect(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa) == 0) return 0;
+    if (errno != EINTR) return fail(error, errno);
+    // An interrupted connect goes on in the background; wait for its outcome as a blocking call would.
+    pollfd p{fd, POLLOUT, 0};
+    while (::poll(&p, 1, -1) < 0)
+        if (errno != EINTR) return fail(error, errno);
+    int soError = 0;
+    socklen_t len = sizeof soError;
+    if (::getsockopt(fd, SOL_SOCKET, SO_ERROR, &soError, &len) != 0) return fail(error, errno);
+    return soError == 0 ? 0 : fail(error, soError);
+}
+
+long OsSend(int fd, const char* data, int length, int flags, int& error) {
+    for (;;) {
+        ssize_t n = ::send(fd, data, static_cast<size_t>(length), sysFlags(flags));
+        if (n >= 0) return static_cast<long>(n);
+        if (errno != EINTR) return fail(error, errno);
+    }
+}
+
+long OsRecv(int fd, char* data, int length, int flags, int& error) {
+    for (;;) {
+        ssize_t n = ::recv(fd, data, static_cast<size_t>(length), sysFlags(flags));
+        if (n >= 0) return static_cast<long>(n);
+        if (errno != EINTR) return fail(error, errno);
+    }
+}
+
+long OsSendTo(int fd, const char* data, int length, int flags, const Endpoint& to, int& error) {
+    sockaddr_in sa = toSystem(to);
+    for (;;) {
+        ssize_t n = ::sendto(fd, data, static_cast<size_t>(length), sysFlags(flags),
+                             reinterpret_cast<sockaddr*>(&sa), sizeof sa);
+        if (n >= 0) return static_cast<long>(n);
+        if (errno != EINTR) return fail(error, errno);
+    }
+}
+
+long OsRecvFrom(int fd, char* data, int length, int flags, Endpoint* from, int& error) {
+    for (;;) {
+        sockaddr_storage ss{};
+        socklen_t len = sizeof ss;
+        // A datagram longer than the buffer is cut and reported, as Windows does with WSAEMSGSIZE.
+        ssize_t n = ::recvfrom(fd, data, static_cast<size_t>(length), sysFlags(flags) | MSG_TRUNC,
+                               reinterpret_cast<sockaddr*>(&ss), &len);
+        if (n >= 0) {
+            if (from) *from = fromSystem(ss);
+            int type = 0;
+            socklen_t tlen = sizeof type;
+            if (n > length && ::getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &tlen) == 0 && type == SOCK_DGRAM)
+                return fail(error, EMSGSIZE);
+            return static_cast<long>(n);
+        }
+        if (errno != EINTR) return fail(error, errno);
+    }
+}
+
+int OsPeerName(int fd, Endpoint& peer, int& error) {
+    sockaddr_storage ss{};
+    socklen_t len = sizeof ss;
+    if (::getpeername(fd, reinterpret_cast<sockaddr*>(&ss), &len) != 0) return fail(error, errno);
+    peer = fromSystem(ss);
+    return 0;
+}
+
+int OsSockName(int fd, Endpoint& local, int& error) {
+    sockaddr_storage ss{};
+    socklen_t len = sizeof ss;
+    if (::getsockname(fd, reinterpret_cast<sockaddr*>(&ss), &len) != 0) return fail(error, errno);
+    local = fromSystem(ss);
+    return 0;
+}
+
+int OsSetOption(int fd, int level, int name, int value, int& error) {
+    int sysLevel = 0, sysName = 0;
+    if (!sysOption(level, name, sysLevel, sysName)) return fail(error, ENOPROTOOPT);
+    return ::setsockopt(fd, sysLevel, sysName, &value, sizeof value) == 0 ? 0 : fail(error, errno);
+}
+
+int OsGetOption(int fd, int level, int name, int& value, int& error) {
+    int sysLevel = 0, sysName = 0;
+    if (!sysOption(level, name, sysLevel, sysName)) return fail(error, ENOPROTOOPT);
+    socklen_t len = sizeof value;
+    if (::getsockopt(fd, sysLevel, sysName, &value, &len) != 0) return fail(error, errno);
+    if (sysName == SO_ERROR && value != 0) value = WsaFromErrno(value);
+    if (sysName == SO_TYPE) value = value == SOCK_DGRAM ? kSockDgram : kSockStream;
+    return 0;
+}
+
+int OsWait(int fd, bool forWrite, long seconds, long microseconds, int& error) {
+    using Clock = std::chrono::steady_clock;
+    const bool forever = seconds < 0;
+    const auto deadline = Clock::now() + std::chrono::seconds(forever ? 0 : seconds) +
+                          std::chrono::microseconds(forever ? 0 : microseconds);
+    pollfd p{fd, static_cast<short>(forWrite ? POLLOUT : POLLIN), 0};
+    for (;;) {
+        int ms = -1;
+        if (!forever) {
+            auto left = std::chrono::duration_cast<std::chrono::microseconds>(deadline - Clock::now()).count();
+            // Round up so that a short wait is never a busy loop of zero-length polls.
+            ms = left <= 0 ? 0 : static_cast<int>(std::min<long long>((left + 999) / 1000, INT_MAX));
+        }
+        int r = ::poll(&p, 1, ms);
+        if (r > 0) {
+            if (p.revents & POLLNVAL) return fail(error, EBADF);
+            return 1;  // POLLHUP and POLLERR count as ready, so the following call reports what happened
+        }
+        if (r == 0) return 0;
+        if (errno != EINTR) return fail(error, errno);
+    }
+}
+
+int OsHostByName(const char* name, HostInfo& out, int& error) {
+    out = HostInfo{};
+    if (reservedInvalidName(name)) {
+        error = 11001;
+        return -1;
+    }
+    addrinfo hints{};
+    hints.ai_family = AF_INET;
+    hints.ai_socktype = SOCK_STREAM;
+    hints.ai_flags = AI_CANONNAME;
+    addrinfo* list = nullptr;
+    int rc = ::getaddrinfo(name, nullptr, &hints, &list);
+    if (rc != 0) {
+        error = WsaFromResolver(rc, errno);
+        return -1;
+    }
+    out.name = list->ai_canonname ? list->ai_canonname : name;
+    for (addrinfo* ai = list; ai; ai = ai->ai_next) {
+        if (ai->ai_family != AF_INET) continue;
+        std::uint32_t a = reinterpret_cast<const sockaddr_in*>(ai->ai_addr)->sin_addr.s_addr;
+        bool seen = false;
+        for (std::uint32_t b : out.addrs) seen = seen || a == b;
+        if (!seen) out.addrs.push_back(a);
+    }
+    ::freeaddrinfo(list);
+    if (out.addrs.empty()) {
+        error = 11004;
+        return -1;
+    }
+    if (out.name != name) out.aliases.push_back(name);
+    return 0;
+}
+
+int OsHostByAddr(std::uint32_t addr, HostInfo& out, int& error) {
+    out = HostInfo{};
+    sockaddr_in sa{};
+    sa.sin_family = AF_INET;
+    sa.sin_addr.s_addr = addr;
+    char host[NI_MAXHOST];
+    int rc = ::getnameinfo(reinterpret_cast<sockaddr*>(&sa), sizeof sa, host, sizeof host, nullptr, 0,
+                           NI_NAMEREQD);
+    if (rc != 0) {
+        error = WsaFromResolver(rc, errno);
+        return -1;
+    }
+    out.name = host;
+    out.addrs.push_back(addr);
+    return 0;
+}
+
+int OsHostName(std::string& out, int& error) {
+    char buf[256] = {};
+    if (::gethostname(buf, sizeof buf - 1) != 0) return fail(error, errno);
+    out = buf;
+    return 0;
+}
+
+}  // namespace detail::net

@@ -1,0 +1,262 @@
+#include "platform/Winsock.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstring>
+#include <set>
+#include <string>
+
+#include "platform/net/internal/SocketOps.h"
+
+namespace {
+
+class Started : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_EQ(WSAStartup(0x0101, nullptr), 0); }
+    void TearDown() override { WSACleanup(); }
+
+    static sockaddr_in loopback(USHORT port) {
+        sockaddr_in sa{};
+        sa.sin_family = AF_INET;
+        sa.sin_port = htons(port);
+        sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        return sa;
+    }
+
+    // A listening socket on 127.0.0.1 with a port chosen by the system.
+    static SOCKET listener(USHORT& port) {
+        SOCKET s = socket(AF_INET, SOCK_STREAM, 0);
+        EXPECT_NE(s, INVALID_SOCKET);
+        sockaddr_in sa = loopback(0);
+        EXPECT_EQ(bind(s, reinterpret_cast<sockaddr*>(&sa), sizeof sa), 0);
+        EXPECT_EQ(listen(s, 5), 0);
+        int len = sizeof sa;
+        EXPECT_EQ(getsockname(s, reinterpret_cast<sockaddr*>(&sa), &len), 0);
+        port = ntohs(sa.sin_port);
+        return s;
+    }
+
+    // A connected pair over loopback.
+    static void pair(SOCKET& client, SOCKET& server) {
+        USHORT port = 0;
+        SOCKET l = listener(port);
+        client = socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in sa = loopback(port);
+        ASSERT_EQ(connect(client, reinterpret_cast<sockaddr*>(&sa), sizeof sa), 0);
+        server = accept(l, nullptr, nullptr);
+        ASSERT_NE(server, INVALID_SOCKET);
+        closesocket(l);
+    }
+};
+
+// The errno and resolver table: every row lands on a named Windows code, no source appears twice (a
+// second row would be dead), and lookups agree with the rows.
+TEST(WinsockCodes, TranslationTableIsConsistent) {
+    std::set<int> seen;
+    for (const auto& row : detail::net::ErrnoTable()) {
+        EXPECT_TRUE(seen.insert(row.from).second) << row.what;
+        EXPECT_NE(WSAErrorName(row.to), nullptr) << row.what;
+        EXPECT_EQ(detail::net::WsaFromErrno(row.from), row.to) << row.what;
+    }
+    seen.clear();
+    for (const auto& row : detail::net::ResolverTable()) {
+        EXPECT_TRUE(seen.insert(row.from).second) << row.what;
+        EXPECT_NE(WSAErrorName(row.to), nullptr) << row.what;
+        EXPECT_EQ(detail::net::WsaFromResolver(row.from, 0), row.to) << row.what;
+    }
+    EXPECT_EQ(detail::net::WsaFromErrno(ECONNREFUSED), WSAECONNREFUSED);
+    EXPECT_EQ(detail::net::WsaFromErrno(ETIMEDOUT), WSAETIMEDOUT);
+    EXPECT_EQ(detail::net::WsaFromErrno(ECONNRESET), WSAECONNRESET);
+    EXPECT_EQ(detail::net::WsaFromErrno(EWOULDBLOCK), WSAEWOULDBLOCK);
+    EXPECT_EQ(detail::net::WsaFromErrno(EIO), WSASYSCALLFAILURE);
+    EXPECT_STREQ(WSAErrorName(WSAHOST_NOT_FOUND), "WSAHOST_NOT_FOUND");
+    EXPECT_EQ(WSAErrorName(10059 + 10000), nullptr);
+}
+
+TEST(WinsockStartup, IsCountedAndGuardsEveryCall) {
+    // Balanced by the fixtures; at this point no start is outstanding.
+    WSASetLastError(0);
+    EXPECT_EQ(socket(AF_INET, SOCK_STREAM, 0), INVALID_SOCKET);
+    EXPECT_EQ(WSAGetLastError(), WSANOTINITIALISED);
+    EXPECT_EQ(WSACleanup(), SOCKET_ERROR);
+    EXPECT_EQ(WSAStartup(0x0000, nullptr), WSAVERNOTSUPPORTED);
+
+    WSADATA data;
+    std::memset(&data, 0xbd, sizeof data);
+    ASSERT_EQ(WSAStartup(0x0101, &data), 0);
+    EXPECT_EQ(data.wVersion, 0x0101);
+    EXPECT_EQ(data.wHighVersion, 0x0202);
+    ASSERT_EQ(WSAStartup(0x0202, nullptr), 0);
+    EXPECT_EQ(WSACleanup(), 0);
+    SOCKET s = socket(AF_INET, SOCK_STREAM, 0);  // one start still outstanding
+    EXPECT_NE(s, INVALID_SOCKET);
+    EXPECT_NE(s, 0u);
+    EXPECT_EQ(closesocket(s), 0);
+    EXPECT_EQ(WSACleanup(), 0);
+    EXPECT_EQ(WSACleanup(), SOCKET_ERROR);
+    EXPECT_EQ(WSAGetLastError(), WSANOTINITIALISED);
+    char name[64];
+    EXPECT_EQ(gethostname(name, static_cast<int>(sizeof name)), SOCKET_ERROR);
+}
+
+TEST(WinsockAddresses, ParseAndFormatAsWindows) {
+    EXPECT_EQ(inet_addr("127.0.0.1"), htonl(0x7f000001u));
+    EXPECT_EQ(inet_addr("10.1.2.3"), htonl(0x0a010203u));
+    EXPECT_EQ(inet_addr("10.258"), htonl(0x0a000102u));       // a.b: b fills three bytes
+    EXPECT_EQ(inet_addr("0x7f.1"), htonl(0x7f000001u));       // hex part
+    EXPECT_EQ(inet_addr("010.0.0.1"), htonl(0x08000001u));    // octal part
+    EXPECT_EQ(inet_addr("3232235777"), htonl(0xc0a80101u));   // one number
+    for (const char* bad : {"", "1.2.3.256", "1.2.3.4.5", "08.1.1.1", "a.b.c.d", "1..2", "1.2.3.4x",
+                            "4294967296", "1.2.65536", "-1.2.3.4", "255.255.255.255"})
+        EXPECT_EQ(inet_addr(bad), INADDR_NONE) << bad;
+    EXPECT_EQ(inet_addr(nullptr), INADDR_NONE);
+
+    in_addr a;
+    a.s_addr = inet_addr("192.168.200.7");
+    EXPECT_STREQ(inet_ntoa(a), "192.168.200.7");
+    EXPECT_EQ(a.S_un.S_un_b.s_b1, 192);  // network order in memory
+    EXPECT_EQ(htons(0x1234), 0x3412);
+    EXPECT_EQ(ntohl(htonl(0x01020304u)), 0x01020304u);
+}
+
+TEST_F(Started, LoopbackStreamCarriesBytesAndReportsClose) {
+    SOCKET client = 0, server = 0;
+    pair(client, server);
+
+    sockaddr_in peer{}, local{};
+    int len = sizeof peer;
+    ASSERT_EQ(getpeername(client, reinterpret_cast<sockaddr*>(&peer), &len), 0);
+    EXPECT_EQ(len, 16);
+    len = sizeof local;
+    ASSERT_EQ(getsockname(server, reinterpret_cast<sockaddr*>(&local), &len), 0);
+    EXPECT_EQ(peer.sin_port, local.sin_port);
+    EXPECT_EQ(peer.sin_family, AF_INET);
+    EXPECT_EQ(peer.sin_addr.s_addr, htonl(INADDR_LOOPBACK));
+    int tooShort = 8;
+    EXPECT_EQ(getpeername(client, reinterpret_cast<sockaddr*>(&peer), &tooShort), SOCKET_ERROR);
+    EXPECT_EQ(WSAGetLastError(), WSAEFAULT);
+
+    // Nothing waiting: an immediate wait says "not ready" and leaves the last error alone.
+    WSASetLastError(1234);
+    EXPECT_EQ(WaitForSocket(server, SOCKET_WAIT_READ, 0), 0);
+    EXPECT_EQ(WSAGetLastError(), 1234);
+    EXPECT_EQ(WaitForSocket(client, SOCKET_WAIT_WRITE, 0), 1);
+
+    ASSERT_EQ(send(client, "hello", 5, 0), 5);
+    EXPECT_EQ(WaitForSocket(server, SOCKET_WAIT_READ, 5), 1);
+    char buf[16] = {};
+    EXPECT_EQ(recv(server, buf, sizeof buf, MSG_PEEK), 5);
+    EXPECT_EQ(recv(server, buf, sizeof buf, 0), 5);
+    EXPECT_EQ(std::string(buf, 5), "hello");
+
+    ASSERT_EQ(closesocket(client), 0);
+    EXPECT_EQ(WaitForSocket(server, SOCKET_WAIT_READ, 5), 1);
+    EXPECT_EQ(recv(server, buf, sizeof buf, 0), 0);
+
+    // Sending into a closed connection fails with a reset code; the process gets no SIGPIPE.
+    int result = 0;
+    for (int i = 0; i < 100 && result != SOCKET_ERROR; ++i) result = send(server, buf, sizeof buf, 0);
+    EXPECT_EQ(result, SOCKET_ERROR);
+    EXPECT_EQ(WSAGetLastError(), WSAECONNRESET);
+    closesocket(server);
+}
+
+TEST_F(Started, FailuresCarryWindowsCodes) {
+    USHORT port = 0;
+    SOCKET l = listener(port);
+    closesocket(l);  // nothing listens there any more
+
+    SOCKET s = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in sa = loopback(port);
+    EXPECT_EQ(connect(s, reinterpret_cast<sockaddr*>(&sa), sizeof sa), SOCKET_ERROR);
+    EXPECT_EQ(WSAGetLastError(), WSAECONNREFUSED);
+    closesocket(s);
+    EXPECT_EQ(closesocket(s), SOCKET_ERROR);
+    EXPECT_EQ(WSAGetLastError(), WSAENOTSOCK);
+    EXPECT_EQ(recv(0, nullptr, 0, 0), SOCKET_ERROR);
+    EXPECT_EQ(WSAGetLastError(), WSAENOTSOCK);
+
+    SOCKET a = listener(port);
+    SOCKET b = socket(AF_INET, SOCK_STREAM, 0);
+    sa = loopback(port);
+    EXPECT_EQ(bind(b, reinterpret_cast<sockaddr*>(&sa), sizeof sa), SOCKET_ERROR);
+    EXPECT_EQ(WSAGetLastError(), WSAEADDRINUSE);
+    EXPECT_EQ(bind(b, reinterpret_cast<sockaddr*>(&sa), 8), SOCKET_ERROR);
+    EXPECT_EQ(WSAGetLastError(), WSAEFAULT);
+    sa.sin_family = 23;
+    EXPECT_EQ(connect(b, reinterpret_cast<sockaddr*>(&sa), sizeof sa), SOCKET_ERROR);
+    EXPECT_EQ(WSAGetLastError(), WSAEAFNOSUPPORT);
+    char c;
+    EXPECT_EQ(recv(b, &c, 1, 0), SOCKET_ERROR);
+    EXPECT_EQ(WSAGetLastError(), WSAENOTCONN);
+    EXPECT_EQ(socket(AF_INET, 99, 0), INVALID_SOCKET);
+    EXPECT_EQ(WSAGetLastError(), WSAESOCKTNOSUPPORT);
+    closesocket(a);
+    closesocket(b);
+}
+
+TEST_F(Started, DatagramsKeepTheirSenderAndReportTruncation) {
+    SOCKET rx = socket(AF_INET, SOCK_DGRAM, 0), tx = socket(AF_INET, SOCK_DGRAM, 0);
+    sockaddr_in at = loopback(0);
+    ASSERT_EQ(bind(rx, reinterpret_cast<sockaddr*>(&at), sizeof at), 0);
+    int len = sizeof at;
+    ASSERT_EQ(getsockname(rx, reinterpret_cast<sockaddr*>(&at), &len), 0);
+
+    ASSERT_EQ(sendto(tx, "datagram", 8, 0, reinterpret_cast<sockaddr*>(&at), sizeof at), 8);
+    char buf[32];
+    sockaddr_in from{};
+    int fromLen = sizeof from;
+    ASSERT_EQ(WaitForSocket(rx, SOCKET_WAIT_READ, 5), 1);
+    EXPECT_EQ(recvfrom(rx, buf, sizeof buf, 0, reinterpret_cast<sockaddr*>(&from), &fromLen), 8);
+    sockaddr_in txAddr{};
+    len = sizeof txAddr;
+    getsockname(tx, reinterpret_cast<sockaddr*>(&txAddr), &len);
+    EXPECT_EQ(from.sin_port, txAddr.sin_port);
+
+    ASSERT_EQ(sendto(tx, "0123456789", 10, 0, reinterpret_cast<sockaddr*>(&at), sizeof at), 10);
+    ASSERT_EQ(WaitForSocket(rx, SOCKET_WAIT_READ, 5), 1);
+    EXPECT_EQ(recvfrom(rx, buf, 4, 0, nullptr, nullptr), SOCKET_ERROR);
+    EXPECT_EQ(WSAGetLastError(), WSAEMSGSIZE);
+    EXPECT_EQ(std::string(buf, 4), "0123");
+    closesocket(rx);
+    closesocket(tx);
+}
+
+TEST_F(Started, HostLookups) {
+    hostent* h = gethostbyname("localhost");
+    ASSERT_NE(h, nullptr);
+    EXPECT_EQ(h->h_addrtype, AF_INET);
+    EXPECT_EQ(h->h_length, 4);
+    in_addr first;
+    std::memcpy(&first, h->h_addr, 4);
+    EXPECT_STREQ(inet_ntoa(first), "127.0.0.1");
+
+    h = gethostbyname("10.20.30.40");
+    ASSERT_NE(h, nullptr);
+    std::memcpy(&first, h->h_addr_list[0], 4);
+    EXPECT_EQ(first.s_addr, inet_addr("10.20.30.40"));
+    EXPECT_EQ(h->h_addr_list[1], nullptr);
+
+    for (const char* unknown : {"no-such-host.invalid", "x.INVALID.", "invalid"}) {
+        WSASetLastError(0);
+        EXPECT_EQ(gethostbyname(unknown), nullptr) << unknown;
+        EXPECT_EQ(WSAGetLastError(), WSAHOST_NOT_FOUND) << unknown;
+    }
+
+    ULONG lo = htonl(INADDR_LOOPBACK);
+    h = gethostbyaddr(reinterpret_cast<const char*>(&lo), 4, AF_INET);
+    ASSERT_NE(h, nullptr);
+    EXPECT_STREQ(h->h_name, "localhost");
+    EXPECT_EQ(gethostbyaddr(reinterpret_cast<const char*>(&lo), 4, 23), nullptr);
+    EXPECT_EQ(WSAGetLastError(), WSAEAFNOSUPPORT);
+
+    char name[256];
+    ASSERT_EQ(gethostname(name, static_cast<int>(sizeof name)), 0);
+    EXPECT_GT(std::strlen(name), 0u);
+    char tiny[1];
+    EXPECT_EQ(gethostname(tiny, 1), SOCKET_ERROR);
+    EXPECT_EQ(WSAGetLastError(), WSAEFAULT);
+}
+
+}  // namespace
