@@ -1,0 +1,403 @@
+#include "util/XString.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+namespace {
+
+// Process-wide by design: callers set it and later calls in any thread see it.
+std::atomic<char> g_separator{'|'};
+std::atomic<char> g_savedSeparator{'|'};
+
+XString upperCopy(const CString& s) {
+    XString u(s);
+    u.MakeUpper();
+    return u;
+}
+
+std::vector<std::string> splitElements(const std::string& text, char sep) {
+    std::vector<std::string> out;
+    size_t begin = 0;
+    for (;;) {
+        size_t hit = text.find(sep, begin);
+        if (hit == std::string::npos) {
+            out.emplace_back(text, begin);
+            return out;
+        }
+        out.emplace_back(text, begin, hit - begin);
+        begin = hit + 1;
+    }
+}
+
+XString joinElements(const std::vector<std::string>& parts, char sep) {
+    std::string out;
+    for (size_t i = 0; i < parts.size(); ++i) {
+        if (i) out += sep;
+        out += parts[i];
+    }
+    return XString(CString(std::move(out)));
+}
+
+CString formatted(const char* format, double v) {
+    CString s;
+    s.Format(format, v);
+    return s;
+}
+
+CString formatted(const char* format, int v) {
+    CString s;
+    s.Format(format, v);
+    return s;
+}
+
+}  // namespace
+
+XString::XString(int v) { Format("%d", v); }
+XString::XString(unsigned int v) { Format("%u", v); }
+XString::XString(double v) { Format("%g", v); }
+
+double XString::Double() const { return std::atof(GetString()); }
+int XString::Int() const { return std::atoi(GetString()); }
+char XString::Char() const { return IsEmpty() ? '\0' : GetAt(0); }
+bool XString::Bool() const { return Int() != 0; }
+
+XString XString::Reverse() const {
+    XString r(*this);
+    r.MakeReverse();
+    return r;
+}
+
+XString XString::Trim() const {
+    XString r(*this);
+    r.CString::Trim();
+    return r;
+}
+
+XString XString::Lower() const {
+    XString r(*this);
+    r.MakeLower();
+    return r;
+}
+
+XString XString::Upper() const { return upperCopy(*this); }
+
+XString& XString::operator--() {
+    if (!IsEmpty()) str().pop_back();
+    return *this;
+}
+
+XString XString::operator--(int) {
+    XString old(*this);
+    --*this;
+    return old;
+}
+
+int XString::NCFind(const XString& s, int start) const { return Upper().Find(s.Upper(), start); }
+
+int XString::NCFind(char c, int start) const {
+    char u = (c >= 'a' && c <= 'z') ? static_cast<char>(c - 'a' + 'A') : c;
+    return Upper().Find(u, start);
+}
+
+XString XString::Remove(int from, int to) const {
+    if (to < 0 || from < 0 || to < from) return *this;
+    XString r(*this);
+    r.Delete(from, to - from);
+    return r;
+}
+
+XString XString::Remove(const XString& s) const {
+    int at = Find(s);
+    return at < 0 ? *this : Remove(at, at + s.GetLength());
+}
+
+XString XString::Remove(char c) const {
+    int at = Find(c);
+    return at < 0 ? *this : Remove(at, at + 1);
+}
+
+XString XString::NCRemove(const XString& s) const {
+    int at = NCFind(s);
+    return at < 0 ? *this : Remove(at, at + s.GetLength());
+}
+
+XString XString::NCRemove(char c) const {
+    int at = NCFind(c);
+    return at < 0 ? *this : Remove(at, at + 1);
+}
+
+// Each pass starts from the beginning again, so removals that join two halves into a new match go on:
+// removing "ab" from "aabb" leaves nothing.
+XString XString::RemoveAll(const XString& s) const {
+    if (s.IsEmpty()) return *this;
+    XString r(*this);
+    for (int at; (at = r.Find(s)) >= 0;) r = r.Remove(at, at + s.GetLength());
+    return r;
+}
+
+XString XString::RemoveAll(char c) const {
+    XString r(*this);
+    r.CString::Remove(c);
+    return r;
+}
+
+XString XString::NCRemoveAll(const XString& s) const {
+    if (s.IsEmpty()) return *this;
+    XString r(*this);
+    for (int at; (at = r.NCFind(s)) >= 0;) r = r.Remove(at, at + s.GetLength());
+    return r;
+}
+
+XString XString::NCRemoveAll(char c) const {
+    XString r(*this);
+    for (int at; (at = r.NCFind(c)) >= 0;) r = r.Remove(at, at + 1);
+    return r;
+}
+
+XString XString::Insert(const XString& s, int pos) const {
+    if (pos < 0 || pos > GetLength()) return *this;
+    XString r(*this);
+    r.str().insert(static_cast<size_t>(pos), s.str());
+    return r;
+}
+
+XString XString::Replace(const XString& with, const XString& what) const {
+    int at = Find(what);
+    if (at < 0) return *this;
+    return Remove(at, at + what.GetLength()).Insert(with, at);
+}
+
+XString XString::Replace(const XString& with, int from, int to) const { return Remove(from, to).Insert(with, from); }
+
+XString XString::NCReplace(const XString& with, const XString& what) const {
+    int at = NCFind(what);
+    if (at < 0) return *this;
+    return Remove(at, at + what.GetLength()).Insert(with, at);
+}
+
+int XString::ReplaceAll(const XString& with, const XString& what) {
+    if (what.IsEmpty()) return 0;
+    return CString::Replace(what, with);
+}
+
+int XString::NCReplaceAll(const XString& with, const XString& what) {
+    if (what.IsEmpty()) return 0;
+    // Search an upper-cased copy so the text between the matches keeps its case.
+    const std::string upper = Upper().str();
+    const std::string key = what.Upper().str();
+    std::string out;
+    int n = 0;
+    size_t pos = 0;
+    for (size_t hit; (hit = upper.find(key, pos)) != std::string::npos; pos = hit + key.size(), ++n) {
+        out.append(str(), pos, hit - pos);
+        out.append(with.str());
+    }
+    if (n == 0) return 0;
+    out.append(str(), pos, std::string::npos);
+    str().swap(out);
+    return n;
+}
+
+XString XString::ReplaceText(const XString& values) const {
+    XString r(*this);
+    for (int i = 0;; ++i) {
+        XString value = values.Element(i);
+        if (value.IsEmpty()) break;
+        int star = r.Find('*');
+        if (star >= 0) r = r.Remove(star, star + 1).Insert(value, star);
+    }
+    r.CString::Replace('\xA7', '*');
+    return r;
+}
+
+int XString::Count(char c) const { return static_cast<int>(std::count(str().begin(), str().end(), c)); }
+
+int XString::Count(const XString& s) const {
+    if (s.IsEmpty()) return 0;
+    int n = 0;
+    for (size_t pos = 0; (pos = str().find(s.str(), pos)) != std::string::npos; pos += s.str().size()) ++n;
+    return n;
+}
+
+XString XString::Fill(int n) const {
+    XString r(*this);
+    if (n > r.GetLength()) r.str().append(static_cast<size_t>(n - r.GetLength()), ' ');
+    return r;
+}
+
+XString XString::ReplaceTabs(int size) const {
+    if (size <= 0) return *this;
+    XString r(*this);
+    for (int p; (p = r.Find('\t')) >= 0;) {
+        r.str().replace(static_cast<size_t>(p), 1, static_cast<size_t>(size - p % size), ' ');
+    }
+    return r;
+}
+
+int XString::FindIndex(char c, int n) const {
+    if (n <= 0) return 0;
+    int at = -1;
+    for (int k = 0; k < n; ++k) {
+        at = Find(c, at + 1);
+        if (at < 0) return -1;
+    }
+    return at;
+}
+
+XString XString::GetDoubleFormatString() const {
+    int dot = Find('.');
+    int decimals = dot < 0 ? 0 : GetLength() - dot - 1;
+    XString r;
+    r.Format("%%%d.%dlf", GetLength(), decimals);
+    return r;
+}
+
+// --- elements
+
+char XString::SetSeparator(char c) {
+    g_savedSeparator.store(g_separator.exchange(c));
+    return c;
+}
+
+char XString::RestoreSeparator() {
+    char c = g_savedSeparator.load();
+    g_separator.store(c);
+    return c;
+}
+
+char XString::GetSeparator() { return g_separator.load(); }
+
+XString XString::Element(int i) const { return Elements(i, i, GetSeparator()); }
+XString XString::Element(int i, char sep) const { return Elements(i, i, sep); }
+XString XString::Elements(int from, int to) const { return Elements(from, to, GetSeparator()); }
+
+XString XString::Elements(int from, int to, char sep) const {
+    if (to < 0) to = CountSeparators(sep);
+    if (from < 0) return XString();
+    const int wanted = to - from + 1;
+    if (wanted <= 0) return XString();
+    const std::string& s = str();
+    size_t begin = 0;
+    for (int k = 0; k < from; ++k) {
+        size_t hit = s.find(sep, begin);
+        if (hit == std::string::npos) {
+            begin = std::string::npos;
+            break;
+        }
+        begin = hit + 1;
+    }
+    if (begin == std::string::npos || begin >= s.size()) return XString(sep, wanted - 1);
+    size_t end = begin;
+    int passed = 0;
+    for (;;) {
+        size_t hit = s.find(sep, end);
+        if (hit == std::string::npos) {
+            end = s.size();
+            break;
+        }
+        if (++passed == wanted) {
+            end = hit;
+            break;
+        }
+        end = hit + 1;
+    }
+    XString r(CString(s.substr(begin, end - begin)));
+    if (end == s.size() && passed < wanted) r.str().append(static_cast<size_t>(wanted - 1 - passed), sep);
+    return r;
+}
+
+XString XString::SetElementText(int i, const CString& v, char sep) const {
+    if (i < 0) return *this;
+    const std::string& s = str();
+    int seps = CountSeparators(sep);
+    if (seps < i) {
+        XString r(*this);
+        r.str().append(static_cast<size_t>(i - seps), sep);
+        r.str().append(v.str());
+        return r;
+    }
+    size_t begin = 0;
+    for (int k = 0; k < i; ++k) begin = s.find(sep, begin) + 1;
+    size_t end = s.find(sep, begin);
+    if (end == std::string::npos) end = s.size();
+    XString r(*this);
+    r.str().replace(begin, end - begin, v.str());
+    return r;
+}
+
+XString XString::SetElement(int i, const CString& v) const { return SetElementText(i, v, GetSeparator()); }
+XString XString::SetElement(int i, double v) const { return SetElement(i, formatted("%g", v)); }
+XString XString::SetElement(int i, char v) const { return SetElement(i, CString(v, 1)); }
+XString XString::SetElement(int i, int v) const { return SetElement(i, formatted("%d", v)); }
+XString XString::SetElement(int i, bool v) const { return SetElement(i, formatted("%d", v ? 1 : 0)); }
+
+namespace {
+template <class Pred>
+int firstElement(const XString& text, char sep, Pred match) {
+    std::vector<std::string> parts = splitElements(text.str(), sep);
+    for (size_t i = 0; i < parts.size(); ++i) {
+        if (match(XString(CString(parts[i])))) return static_cast<int>(i);
+    }
+    return -1;
+}
+}  // namespace
+
+int XString::ElementIndex(const CString& v) const {
+    return firstElement(*this, GetSeparator(), [&](const XString& e) { return e.str() == v.str(); });
+}
+int XString::ElementIndex(double v) const {
+    return firstElement(*this, GetSeparator(), [&](const XString& e) { return e.Double() == v; });
+}
+int XString::ElementIndex(int v) const {
+    return firstElement(*this, GetSeparator(), [&](const XString& e) { return e.Int() == v; });
+}
+int XString::ElementIndex(char v) const {
+    return firstElement(*this, GetSeparator(), [&](const XString& e) { return e.Char() == v; });
+}
+int XString::ElementIndex(bool v) const {
+    return firstElement(*this, GetSeparator(), [&](const XString& e) { return e.Bool() == v; });
+}
+
+XString XString::ElementSortString() const {
+    char sep = GetSeparator();
+    std::vector<std::string> parts = splitElements(str(), sep);
+    std::sort(parts.begin(), parts.end());
+    return joinElements(parts, sep);
+}
+
+XString XString::ElementSortDouble() const {
+    char sep = GetSeparator();
+    std::vector<std::string> parts = splitElements(str(), sep);
+    std::vector<double> values;
+    for (const auto& p : parts) values.push_back(std::atof(p.c_str()));
+    std::sort(values.begin(), values.end());
+    for (size_t i = 0; i < parts.size(); ++i) parts[i] = formatted("%g", values[i]).str();
+    return joinElements(parts, sep);
+}
+
+XString XString::ElementSortChar() const {
+    char sep = GetSeparator();
+    std::vector<std::string> parts = splitElements(str(), sep);
+    std::vector<signed char> values;
+    for (const auto& p : parts) values.push_back(static_cast<signed char>(p.empty() ? '\0' : p[0]));
+    std::sort(values.begin(), values.end());
+    // An empty element reads as character 0 and is written back empty, as text ends at a zero byte.
+    for (size_t i = 0; i < parts.size(); ++i) {
+        parts[i] = values[i] == 0 ? std::string() : std::string(1, static_cast<char>(values[i]));
+    }
+    return joinElements(parts, sep);
+}
+
+XString XString::ElementSortInt() const {
+    char sep = GetSeparator();
+    std::vector<std::string> parts = splitElements(str(), sep);
+    std::vector<int> values;
+    for (const auto& p : parts) values.push_back(std::atoi(p.c_str()));
+    std::sort(values.begin(), values.end());
+    for (size_t i = 0; i < parts.size(); ++i) parts[i] = formatted("%d", values[i]).str();
+    return joinElements(parts, sep);
+}
