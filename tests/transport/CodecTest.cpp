@@ -1,0 +1,303 @@
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "transport/CBase64.h"
+#include "transport/CBase64Coding.h"
+#include "transport/CRC32i.h"
+#include "transport/CUUCoding.h"
+#include "transport/MD5.h"
+
+namespace {
+
+CByteArray bytes(const std::string& s) {
+    CByteArray a;
+    a.vector().assign(s.begin(), s.end());
+    return a;
+}
+
+std::string text(const CByteArray& a) { return std::string(a.GetData(), a.GetData() + a.GetSize()); }
+
+std::vector<unsigned char> randomBytes(size_t n, std::mt19937& rng) {
+    std::vector<unsigned char> v(n);
+    for (auto& b : v) b = static_cast<unsigned char>(rng());
+    return v;
+}
+
+// Every length up to 300 (all tail and line-break cases), then a spread up to 10,000.
+std::vector<size_t> lengths() {
+    std::vector<size_t> out;
+    for (size_t n = 0; n <= 300; ++n) out.push_back(n);
+    for (size_t n = 301; n <= 10000; n = n * 11 / 10 + 7) out.push_back(n);
+    out.push_back(10000);
+    return out;
+}
+
+// Bit-at-a-time CRC-32, independent of the tables and folding under test.
+ULONG slowCrc(const unsigned char* p, size_t n) {
+    ULONG c = 0xFFFFFFFFu;
+    for (size_t i = 0; i < n; ++i) {
+        c ^= p[i];
+        for (int k = 0; k < 8; ++k) c = (c >> 1) ^ (0xEDB88320u & (0u - (c & 1)));
+    }
+    return ~c;
+}
+
+std::string hex(const BYTE* p, size_t n) {
+    std::string s;
+    char buf[3];
+    for (size_t i = 0; i < n; ++i) {
+        std::snprintf(buf, sizeof buf, "%02x", p[i]);
+        s += buf;
+    }
+    return s;
+}
+
+std::string md5Hex(const std::string& s) {
+    MD5 md5;
+    md5.Update(reinterpret_cast<unsigned char*>(const_cast<char*>(s.data())), static_cast<unsigned>(s.size()));
+    MD5::Context ctx = md5.Final();
+    return hex(ctx.digest, 16);
+}
+
+TEST(CRC32i, KnownValueFinalAndCopies) {
+    unsigned char digits[] = "123456789";
+    CRC32i crc;
+    crc.Update(digits, 9);
+    const ULONG first = crc.Final();
+    EXPECT_EQ(first, 0xCBF43926u);
+    EXPECT_EQ(crc.Final(), ~first);  // complements in place
+
+    crc.Reset();
+    crc.Update(digits, 4);
+    CRC32i copy = crc;  // carries the running value on its own
+    copy.Update(digits + 4, 5);
+    crc.Update(digits + 4, 5);
+    EXPECT_EQ(copy.Final(), 0xCBF43926u);
+    EXPECT_EQ(crc.Final(), 0xCBF43926u);
+
+    CRC32i empty;
+    empty.Update(nullptr, 0);
+    EXPECT_EQ(empty.Final(), 0u);
+}
+
+// Lengths and offsets cross the 16- and 64-byte block boundaries of the fast path; split updates check
+// that the fast and byte-wise loops hand the running value to each other correctly.
+TEST(CRC32i, MatchesBitwiseOverRandomDataAndSplits) {
+    std::mt19937 rng(7);
+    std::vector<unsigned char> data = randomBytes(10064, rng);
+    for (size_t n : lengths()) {
+        const size_t offset = rng() % 64;
+        CRC32i crc;
+        crc.Update(data.data() + offset, static_cast<ULONG>(n));
+        ASSERT_EQ(crc.Final(), slowCrc(data.data() + offset, n)) << n;
+
+        const size_t cut = n ? rng() % n : 0;
+        CRC32i split;
+        split.Update(data.data(), static_cast<ULONG>(cut));
+        split.Update(data.data() + cut, static_cast<ULONG>(n - cut));
+        ASSERT_EQ(split.Final(), slowCrc(data.data(), n)) << n << " cut " << cut;
+    }
+}
+
+TEST(MD5, ReferenceValuesAndContext) {
+    EXPECT_EQ(md5Hex(""), "d41d8cd98f00b204e9800998ecf8427e");
+    EXPECT_EQ(md5Hex("a"), "0cc175b9c0f1b6a831c399e269772661");
+    EXPECT_EQ(md5Hex("abc"), "900150983cd24fb0d6963f7d28e17f72");
+    EXPECT_EQ(md5Hex("message digest"), "f96b697d7cb7938d525a2f31aaf161d0");
+    EXPECT_EQ(md5Hex("abcdefghijklmnopqrstuvwxyz"), "c3fcd3d76192e4007dfb496cca67e13b");
+    EXPECT_EQ(md5Hex("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789"),
+              "d174ab98d277d9f5a5611c2c9f419d9f");
+    EXPECT_EQ(md5Hex("12345678901234567890123456789012345678901234567890123456789012345678901234567890"),
+              "57edf4a22be3c955ac49da2e2107b67a");
+
+    // Byte-at-a-time and odd chunks give the same digest as one call; the context's bit count is the
+    // message length plus padding and length field.
+    std::mt19937 rng(3);
+    std::vector<unsigned char> data = randomBytes(1000, rng);
+    MD5 whole, pieces;
+    whole.Update(data.data(), 1000);
+    for (size_t i = 0; i < 1000;) {
+        unsigned n = std::min<unsigned>(1 + rng() % 130, static_cast<unsigned>(1000 - i));
+        pieces.Update(data.data() + i, n);
+        i += n;
+    }
+    MD5::Context a = whole.Final(), b = pieces.Final();
+    EXPECT_EQ(hex(a.digest, 16), hex(b.digest, 16));
+    EXPECT_EQ(std::memcmp(a.state, a.digest, 16), 0);
+    EXPECT_EQ(a.count[0], (1000u + 24u) * 8u);  // 1000 bytes, 16 of padding, 8 of length
+    EXPECT_EQ(a.count[1], 0u);
+}
+
+TEST(CBase64Coding, EncodingsEndWithTheirMarker) {
+    CBase64Coding coder;
+    CByteArray out;
+    CString s;
+    const std::pair<const char*, const char*> cases[] = {
+        {"", "="}, {"a", "YQ=="}, {"ab", "YWI="}, {"abc", "YWJj="}, {"abcd", "YWJjZA=="}};
+    for (auto [in, expected] : cases) {
+        EXPECT_EQ(coder.Encode(bytes(in), out), 1);
+        EXPECT_EQ(text(out), expected);
+        EXPECT_EQ(coder.Encode(bytes(in), s), 1);
+        EXPECT_STREQ(s, expected);
+        EXPECT_EQ(coder.Encode(reinterpret_cast<const unsigned char*>(in), s, static_cast<int>(std::strlen(in))), 1);
+        EXPECT_STREQ(s, expected);
+    }
+    EXPECT_EQ(coder.Encode(nullptr, s, 5), 1);
+    EXPECT_STREQ(s, "=");
+
+    // 54 bytes fill exactly one line of 72; the break comes before the end marker.
+    const std::string line(54, 'x');
+    coder.Encode(bytes(line), s);
+    ASSERT_EQ(s.GetLength(), 72 + 2 + 1);
+    EXPECT_EQ(s.Mid(72), "\r\n=");
+    coder.Encode(bytes(line + "y"), s);
+    EXPECT_EQ(s.Mid(72), "\r\neQ==");
+    coder.Encode(bytes(line), out);  // the array form has no breaks
+    EXPECT_EQ(out.GetSize(), 73);
+    coder.Encode(bytes(std::string(108, 'x')), s);
+    EXPECT_EQ(s.GetLength(), 72 + 2 + 72 + 2 + 1);
+    EXPECT_EQ(s.Mid(146), "\r\n=");
+}
+
+TEST(CBase64Coding, DecodeResultsAndStops) {
+    CBase64Coding coder;
+    CByteArray out;
+    out.Add(0x55);  // emptied first
+    EXPECT_EQ(coder.Decode(CString("YWJj"), out), 0);  // no marker
+    EXPECT_EQ(text(out), "abc");
+    EXPECT_EQ(coder.Decode(CString("YWJj="), out), 1);
+    EXPECT_EQ(text(out), "abc");
+    EXPECT_EQ(coder.Decode(CString("="), out), 1);
+    EXPECT_EQ(out.GetSize(), 0);
+    EXPECT_EQ(coder.Decode(CString(""), out), 0);
+    EXPECT_EQ(coder.Decode(CString("YW\r\nJ j\tZA=="), out), 1);  // skip characters anywhere
+    EXPECT_EQ(text(out), "abcd");
+    EXPECT_EQ(coder.Decode(CString("YWI="), out), 1);
+    EXPECT_EQ(text(out), "ab");
+    EXPECT_EQ(coder.Decode(CString("YWJjZA*ZA=="), out), 0);  // stray character: whole groups only
+    EXPECT_EQ(text(out), "abc");
+    EXPECT_EQ(coder.Decode(CString("YWJ"), out), 0);  // end without marker: complete bytes written
+    EXPECT_EQ(text(out), "ab");
+    EXPECT_EQ(coder.Decode(CString("YWJj=ZGVm"), out), 1);  // nothing after the marker counts
+    EXPECT_EQ(text(out), "abc");
+    EXPECT_EQ(coder.Decode(bytes(std::string("YW\0Jj", 5)), out), 0);
+    EXPECT_EQ(out.GetSize(), 0);
+}
+
+TEST(CBase64Coding, RoundTripsEveryForm) {
+    CBase64Coding coder;
+    std::mt19937 rng(11);
+    for (size_t n : lengths()) {
+        std::vector<unsigned char> data = randomBytes(n, rng);
+        CByteArray in, encoded, back;
+        in.vector() = data;
+        CString textForm;
+        coder.Encode(in, encoded);
+        ASSERT_EQ(coder.Decode(encoded, back), 1) << n;
+        ASSERT_EQ(back.vector(), data) << n;
+
+        coder.Encode(data.data(), textForm, static_cast<int>(n));
+        CString viaArray;
+        coder.Encode(in, viaArray);
+        ASSERT_EQ(textForm, viaArray);
+        ASSERT_EQ(coder.Decode(textForm, back), 1) << n;
+        ASSERT_EQ(back.vector(), data) << n;
+        // Lines are at most 72 characters.
+        int start = 0;
+        for (int at; (at = textForm.Find("\r\n", start)) >= 0; start = at + 2) ASSERT_EQ(at - start, 72);
+        ASSERT_LE(textForm.GetLength() - start, 72);
+    }
+}
+
+TEST(CUUCoding, LinesAndLengthCharacters) {
+    CUUCoding uu;
+    CByteArray out;
+    CString s;
+    EXPECT_EQ(uu.Encode(bytes("Cat"), out), 1);
+    EXPECT_EQ(text(out), "#0V%T\r");
+    EXPECT_EQ(uu.Encode(bytes("Cat"), s), 1);
+    EXPECT_EQ(s, CString("#0V%T\r"));
+    EXPECT_EQ(uu.Encode(bytes(""), out), 1);
+    EXPECT_EQ(out.GetSize(), 0);
+    uu.Encode(bytes(std::string(3, '\0')), out);
+    EXPECT_EQ(text(out), "#````\r");  // zero values are backquotes, not spaces
+
+    uu.Encode(bytes(std::string(45, 'z')), out);  // exactly one full line, nothing after it
+    ASSERT_EQ(out.GetSize(), 62);
+    EXPECT_EQ(out[0], 'M');
+    EXPECT_EQ(out[61], '\r');
+    uu.Encode(bytes(std::string(46, 'z')), out);
+    ASSERT_EQ(out.GetSize(), 62 + 6);
+    EXPECT_EQ(out[62], '!');  // 32 + 1 byte
+
+    EXPECT_EQ(uu.Decode(CString(""), out), 0);
+    EXPECT_EQ(uu.Decode(CString("#0V%T\r\n\r\n"), out), 1);
+    EXPECT_EQ(text(out), "Cat");
+    EXPECT_EQ(uu.Decode(CString("\"0V%T\r"), out), 1);  // the count limits what the group writes
+    EXPECT_EQ(text(out), "Ca");
+    EXPECT_EQ(uu.Decode(CString("#0V%TXXXX\r!80``\r"), out), 1);  // padding after the groups ignored
+    EXPECT_EQ(text(out), "Cata");
+    EXPECT_EQ(uu.Decode(CString("M0V%"), out), 1);  // cut short: complete bytes only
+    EXPECT_EQ(text(out), "Ca");
+}
+
+TEST(CUUCoding, RoundTrips) {
+    CUUCoding uu;
+    std::mt19937 rng(5);
+    for (size_t n : lengths()) {
+        std::vector<unsigned char> data = randomBytes(n, rng);
+        CByteArray in, encoded, back;
+        in.vector() = data;
+        uu.Encode(in, encoded);
+        CString textForm;
+        uu.Encode(in, textForm);
+        ASSERT_EQ(textForm.str(), text(encoded));
+        // Windows line ends on the way back are fine too.
+        CString crlf = textForm;
+        crlf.Replace("\r", "\r\n");
+        ASSERT_EQ(uu.Decode(crlf, back), n ? 1 : 0) << n;
+        ASSERT_EQ(back.vector(), data) << n;
+        ASSERT_EQ(uu.Decode(encoded, back), n ? 1 : 0) << n;
+        ASSERT_EQ(back.vector(), data) << n;
+    }
+}
+
+TEST(CBase64, BitStreamCodec) {
+    CBase64 b64;
+    EXPECT_EQ(b64.Encode("abc", 3), CString("YWJj"));
+    EXPECT_EQ(b64.Encode("ab", 2), CString("YWI="));
+    EXPECT_EQ(b64.Encode("a", 1), CString("YQ=="));
+    EXPECT_EQ(b64.Encode(nullptr, 3), CString(""));
+    EXPECT_EQ(b64.Encode("abc", 0), CString(""));
+
+    char out[32];
+    std::memset(out, 0xbd, sizeof out);
+    EXPECT_EQ(b64.Decode("YW=Jj", out), 3);  // "=" is passed over
+    EXPECT_EQ(std::string(out, 3), "abc");
+    EXPECT_EQ(static_cast<unsigned char>(out[3]), 0xbd);
+    EXPECT_EQ(b64.Decode("YWJjZA\r\nZGVm", out), 4);  // stops at the line break
+    EXPECT_EQ(b64.Decode("", out), 0);
+    EXPECT_EQ(b64.Decode(nullptr, out), 0);
+    EXPECT_EQ(b64.Decode("YWJj", nullptr), 0);
+
+    // Its output is standard Base64, so the array codec reads it back as well.
+    CBase64Coding coder;
+    std::mt19937 rng(9);
+    for (size_t n : lengths()) {
+        std::vector<unsigned char> data = randomBytes(n, rng);
+        CString enc = b64.Encode(reinterpret_cast<const char*>(data.data()), static_cast<int>(n));
+        ASSERT_EQ(enc.GetLength() % 4, 0);
+        std::vector<char> back(n + 3);
+        ASSERT_EQ(b64.Decode(enc, back.data()), static_cast<int>(n));
+        ASSERT_EQ(std::memcmp(back.data(), data.data(), n), 0) << n;
+        CByteArray viaCoder;
+        coder.Decode(enc, viaCoder);
+        ASSERT_EQ(viaCoder.vector(), data) << n;
+    }
+}
+
+}  // namespace

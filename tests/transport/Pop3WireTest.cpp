@@ -1,0 +1,128 @@
+// The reply grammar under every way a reply can arrive: whole, byte by byte, in random pieces, and with
+// the end mark cut at every possible place.
+#include <gtest/gtest.h>
+
+#include <random>
+#include <string>
+
+#include "transport/internal/EndMarkScanner.h"
+#include "transport/internal/ReplyParts.h"
+
+using detail::EndMarkScanner;
+
+namespace {
+
+constexpr std::string_view kLine = "\r\n";
+constexpr std::string_view kListing = "\r\n.\r\n";
+
+// Feeds text in the given piece sizes (cycled) and returns where the scanner first saw the mark, as a
+// reader would: it stops at the first piece that completes it.
+size_t FeedInPieces(std::string_view mark, const std::string& text, const std::vector<size_t>& pieces) {
+    EndMarkScanner scanner(mark);
+    std::string reply;
+    size_t at = 0, i = 0;
+    while (at < text.size()) {
+        size_t n = std::min(pieces[i++ % pieces.size()], text.size() - at);
+        reply.append(text, at, n);
+        at += n;
+        size_t found = scanner.Find(reply);
+        if (found != EndMarkScanner::npos) return found;
+    }
+    return EndMarkScanner::npos;
+}
+
+const std::vector<std::string> kReplies = {
+    "+OK\r\n.\r\n",                                   // empty listing: status line end + dot line
+    "+OK 2 messages\r\n1 120\r\n2 4400\r\n.\r\n",
+    "+OK\r\nSubject: x\r\n\r\n.\r\n",                  // TOP n 0: header and the empty line
+    "+OK\r\n..\r\n...and more\r\n.\r\n",               // dot-stuffed lines are not the end
+    "+OK\r\n.\r\r\n.\n.\r\n\r\n.\r\n",                  // near misses before the real mark
+    "-ERR no such message\r\n",                       // never ends a listing
+    "+OK 1 000000016b03885a\r\n",
+};
+
+}  // namespace
+
+TEST(EndMarkScanner, FindsTheFirstMarkHoweverTheReplyArrives) {
+    std::mt19937 random(7);
+    for (std::string_view mark : {kLine, kListing}) {
+        for (const auto& reply : kReplies) {
+            size_t expected = reply.find(mark);
+            SCOPED_TRACE(std::string(mark.size() == 2 ? "line: " : "listing: ") + reply);
+            EXPECT_EQ(FeedInPieces(mark, reply, {reply.size()}), expected);
+            EXPECT_EQ(FeedInPieces(mark, reply, {1}), expected);
+            for (int round = 0; round < 50; ++round) {
+                std::vector<size_t> pieces;
+                for (int k = 0; k < 8; ++k) pieces.push_back(1 + random() % 6);
+                EXPECT_EQ(FeedInPieces(mark, reply, pieces), expected);
+            }
+        }
+    }
+}
+
+TEST(EndMarkScanner, FindsTheMarkCutAtEveryPlace) {
+    const std::string reply = "+OK 3 octets\r\nabc\r\n..\r\n.\r\n";
+    const size_t expected = reply.find(kListing);
+    for (size_t cut = 1; cut < reply.size(); ++cut) {
+        EXPECT_EQ(FeedInPieces(kListing, reply, {cut, reply.size()}), expected) << "cut after " << cut;
+        // and a third piece in the middle of the mark itself
+        for (size_t second = 1; cut + second < reply.size(); ++second)
+            ASSERT_EQ(FeedInPieces(kListing, reply, {cut, second, reply.size()}), expected);
+    }
+}
+
+TEST(EndMarkScanner, ExaminesEachByteAFewTimesAtMost) {
+    // A 300 KB listing that arrives byte by byte: a reader that searched the whole reply again after each
+    // piece would look at 45 billion bytes.
+    std::string reply = "+OK\r\n";
+    while (reply.size() < 300000) reply += "a body line that goes on for a while\r\n";
+    reply += ".\r\n";
+    EndMarkScanner scanner(kListing);
+    std::string growing;
+    size_t found = EndMarkScanner::npos;
+    for (char c : reply) {
+        growing += c;
+        found = scanner.Find(growing);
+        if (found != EndMarkScanner::npos) break;
+    }
+    EXPECT_EQ(found, reply.size() - 5);
+    EXPECT_LE(scanner.Examined(), reply.size() * kListing.size());
+
+    scanner.Reset();
+    EXPECT_EQ(scanner.Find("x\r\n.\r\n"), 1u) << "a reset scanner starts over";
+}
+
+TEST(ReplyParts, SplitsTheStatusLineOnlyWhenItHasText) {
+    std::string reply = "+OK 5 octets\r\nhello\r\n.\r\n", status = "unchanged";
+    EXPECT_TRUE(detail::SplitStatusLine(reply, status));
+    EXPECT_EQ(status, "+OK 5 octets");
+    EXPECT_EQ(reply, "hello\r\n.\r\n");
+
+    reply = "\r\n+OK\r\n";  // a line end at position 0 is not a status line
+    status = "unchanged";
+    EXPECT_FALSE(detail::SplitStatusLine(reply, status));
+    EXPECT_EQ(reply, "\r\n+OK\r\n");
+    EXPECT_EQ(status, "unchanged");
+
+    reply = "+OK but no line end";
+    EXPECT_FALSE(detail::SplitStatusLine(reply, status));
+    EXPECT_EQ(reply, "+OK but no line end");
+}
+
+TEST(ReplyParts, CutsAtTheFirstEndMarkAndKeepsDotStuffing) {
+    struct Case {
+        std::string in, out;
+    } cases[] = {
+        {"line one\r\n..\r\n..dotted\r\n.\r\n", "line one\r\n..\r\n..dotted"},  // doubled dots stay
+        {"From: a\r\nSubject: b\r\n\r\n.\r\n", "From: a\r\nSubject: b\r\n"},     // TOP n 0 keeps its last line end
+        {".\r\n", ".\r\n"},                                                      // empty listing after the status
+        {"\r\n.\r\n", "\r\n.\r\n"},                                              // mark at 0 is left alone
+        {"no mark at all\r\n", "no mark at all\r\n"},
+        {"a\r\n.\r\nb\r\n.\r\n", "a"},
+    };
+    for (auto& c : cases) {
+        std::string reply = c.in;
+        detail::CutAtEndMark(reply);
+        EXPECT_EQ(reply, c.out) << c.in;
+    }
+}

@@ -1,0 +1,107 @@
+// The POP3 client: one object is one session with one mailbox server, driven operation by operation by
+// the host (Connect, Login, MailBoxStats, GetHeader/Retrieve/DeleteMsg..., Quit).
+//
+// Failures reach the caller as a thrown `CPopMailException*` (the catcher calls Delete()) or a false
+// result:
+// - any socket failure (look-up, connect, send, receive, time-out): the socket exception's text plus
+//   "\r\n", shown in the status window first;
+// - the termination event found signalled after a read that returned data: "Forced Termination by user",
+//   not shown;
+// - a reply without "+OK" (letter case ignored, anywhere in the text): the reply itself, not shown
+//   (except where an operation below says otherwise);
+// - no complete reply line because the server closed the connection: false.
+// After an exception the object keeps its socket; destroy the object to close it.
+//
+// Status lines go to the status window as window message 1001 (lParam: the zero-terminated text, valid
+// during the call only), sent synchronously, so the window's thread must keep pumping messages.
+// Destruction sends message 1002. The password never reaches the window ("PASS xxxxxxx").
+//
+// One thread uses an object at a time; only the termination event may be signalled from elsewhere.
+#pragma once
+
+#include "platform/CException.h"
+#include "platform/CString.h"
+#include "platform/WindowMessages.h"
+#include "transport/CBlockingSocket.h"
+
+class CMessageList;
+
+class CPopMailException : public CException {
+public:
+    explicit CPopMailException(const CString& message) : m_strMessage(message) {}
+
+    // The framework's buffer form and ReportError stay the base class's.
+    using CException::GetErrorMessage;
+    CString GetErrorMessage() const { return m_strMessage; }
+
+    CString m_strMessage;
+};
+
+class CPopMail : public CBlockingSocket {
+    DECLARE_DYNAMIC(CPopMail)
+public:
+    static constexpr UINT WM_POP_STATUS = 1001;   // lParam: const char* line
+    static constexpr UINT WM_POP_FINISHED = 1002;  // sent by the destructor
+
+    // terminationEvent may be null (never aborts); statusWindow may be null or stale (nothing is shown).
+    // timeLimit is the seconds each single socket wait may last, not a limit for a whole reply.
+    CPopMail(void* terminationEvent, HWND statusWindow, int timeLimit);
+    ~CPopMail() override;
+
+    void SetStatusWindow(HWND window) { m_hStatusWnd = window; }
+
+    // Resolves, connects and reads the greeting: true when it contains +OK, or when the server closed
+    // without sending anything; false for a negative greeting.
+    bool Connect(const CString& host, int port);
+    // USER then PASS. A negative USER reply throws with the reply; a refused password returns false.
+    bool Login(CString user, CString password);
+    // STAT. Fills count and size from "+OK count size" (left as they were when the reply lacks them).
+    bool MailBoxStats(int* count, int* size);
+    // LIST n: the size in octets; 0 when no reply line came; -1 when the reply's first word holds -ERR.
+    long GetMsgSize(int n);
+    // UIDL n. A negative reply is shown and thrown as "<reply>\r\nThis server does not support the UIDL
+    // command. TavikMail cannot work with this server\r\n".
+    bool GetIDString(int n, CString& id);
+    // The CRC-32 of the identifier's bytes. Always true.
+    bool GetIDNumeric(CString id, unsigned long& number);
+    // LIST n, TOP n 0, UIDL n, in this order, then record.SetData(header, id, size, 0). The identifier is
+    // the CRC-32 of the unique id, or of the header text when the UIDL reply never came. A negative TOP
+    // status throws with the status line (without its line end).
+    bool GetHeader(int n, CMessageList& record);
+    // RETR n into message (without status line and end mark; dot-stuffed lines keep their doubled dot).
+    // A negative status never ends the listing, so it surfaces as the socket time-out.
+    bool Retrieve(int n, CString& message);
+    bool DeleteMsg(int n);
+    bool ResetMailbox();
+    bool KeepAlive();
+    // QUIT; closes the socket unless the reply was negative (then it throws with the reply).
+    bool Quit();
+
+    // Longest reply the readers accept before giving up with "The server's reply is too long\r\n":
+    // a server that never ends its reply must not exhaust memory.
+    static constexpr int kMaxLineReply = 1 << 20;
+    static constexpr int kMaxMultiLineReply = 1 << 30;
+
+protected:
+    // Send command, read until "\r\n": false when the server closes first.
+    bool SingleLineResponse(CString command, CString& reply);
+    // Send command, read until "\r\n.\r\n" anywhere in the reply (the status line's own line end and a
+    // lone dot line end an empty listing); a close by the server ends it too (true).
+    bool MultiLineResponse(CString command, CString& reply);
+    // Splits off the status line and cuts the end mark; true when a status line was split off.
+    bool StripResponse(CString& reply, CString& status);
+    void StripResponse(CString& reply);
+    // Time-stamped status line to the window; connected first adds the "Connected to" banner.
+    void NotifyStatusWindow(CString text, bool connected);
+
+    CString m_strServer;
+    CString m_strUser;
+    CString m_strPassword;
+    HWND m_hStatusWnd;
+    int m_nTimeLimit;
+    void* m_hTerminate;
+
+private:
+    bool ReadReply(CString& reply, bool multiLine);
+    [[noreturn]] void Fail(CBlockingSocketException* e);
+};
