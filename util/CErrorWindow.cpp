@@ -13,6 +13,7 @@ constexpr UINT_PTR kStartTimerId = 33;
 std::mutex g_lock;
 std::condition_variable g_readyChanged;
 CErrorDialog* g_pErrorDialog = nullptr;
+HWND g_hErrorWnd = nullptr;  // the dialog's window, published once it exists
 bool g_ready = false;
 std::function<void(const CString&)> g_rowObserver;
 std::function<void(bool)> g_visibilityObserver;
@@ -54,6 +55,11 @@ INT_PTR CErrorDialog::DoModal() {
 }
 
 BOOL CErrorDialog::OnInitDialog() {
+    {
+        std::lock_guard<std::mutex> lock(g_lock);
+        if (g_pErrorDialog == this) g_hErrorWnd = m_hWnd;
+    }
+    if (CWinThread* thread = AfxGetThread()) thread->m_pMainWnd = m_hWnd;
     m_strColumn = "Error Message";
     m_nColumnWidth = 400;
     ShowWindow(m_hWnd, SW_HIDE);
@@ -129,6 +135,7 @@ BOOL CErrorWindow::InitInstance() {
     {
         std::lock_guard<std::mutex> lock(g_lock);
         g_pErrorDialog = nullptr;
+        g_hErrorWnd = nullptr;
         g_ready = false;
     }
     m_pMainWnd = nullptr;
@@ -139,7 +146,7 @@ int CErrorWindow::ExitInstance() { return CWinThread::ExitInstance(); }
 
 HWND CErrorWindow::GetErrorWindow() {
     std::lock_guard<std::mutex> lock(g_lock);
-    return g_pErrorDialog ? g_pErrorDialog->GetSafeHwnd() : nullptr;
+    return g_pErrorDialog ? g_hErrorWnd : nullptr;
 }
 
 void CErrorWindow::ReportError(const CString& text) {
@@ -160,5 +167,5 @@ void CErrorWindow::SetVisibilityObserver(std::function<void(bool visible)> obser
 bool CErrorWindow::WaitUntilReady(DWORD milliseconds) {
     std::unique_lock<std::mutex> lock(g_lock);
     return g_readyChanged.wait_for(lock, std::chrono::milliseconds(milliseconds),
-                                   [] { return g_pErrorDialog && g_ready; });
+                                   [] { return g_hErrorWnd && g_ready; });
 }
