@@ -54,6 +54,9 @@ private:
     static DWORD ThreadEntry(LPVOID self);
     AFX_THREADPROC m_pfnThreadProc = nullptr;
     LPVOID m_pThreadParams = nullptr;
+    HANDLE m_hStarted = nullptr;
+    HANDLE m_hResume = nullptr;
+    bool m_bStartSuspended = false;
 };
 
 // Creates the object by run-time class (it must be DECLARE_DYNCREATE and derive from CWinThread) and

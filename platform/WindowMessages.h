@@ -56,6 +56,7 @@ constexpr int SW_HIDE = 0;
 constexpr int SW_SHOWNORMAL = 1;
 constexpr int SW_SHOW = 5;
 
+constexpr int GWLP_WNDPROC = -4;
 constexpr int GWLP_USERDATA = -21;
 
 constexpr LONG ERROR_INVALID_WINDOW_HANDLE = 1400;

@@ -1,0 +1,539 @@
+#include "platform/WindowMessages.h"
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <utility>
+#include <vector>
+
+#include "platform/internal/KernelObjects.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+struct ThreadQueue;
+
+struct SentMessage {
+    HWND hwnd;
+    UINT message;
+    WPARAM wParam;
+    LPARAM lParam;
+    LRESULT result = 0;
+    bool done = false;                    // guarded by sender->mutex
+    std::shared_ptr<ThreadQueue> sender;  // woken when done
+};
+
+struct Timer {
+    HWND hwnd;
+    UINT_PTR id;
+    Clock::duration period;
+    Clock::time_point due;
+};
+
+struct ThreadQueue {
+    DWORD threadId = 0;
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::deque<std::shared_ptr<SentMessage>> sent;
+    std::deque<MSG> posted;
+    std::vector<Timer> timers;
+    bool quitPosted = false;
+    int quitCode = 0;
+    bool dead = false;
+    UINT_PTR nextThreadTimerId = 0x7F00;
+};
+
+struct Window {
+    WNDPROC proc = nullptr;
+    LONG_PTR userData = 0;
+    std::weak_ptr<ThreadQueue> queue;
+    DWORD threadId = 0;
+    bool visible = false;
+    bool destroying = false;
+    int modalLoops = 0;  // RunModalLoop calls running for the window
+    bool modalEnded = false;
+    INT_PTR modalResult = 0;
+};
+
+// Lock order: g_windowsMutex before any queue's mutex.
+std::mutex g_windowsMutex;
+std::map<HWND, std::shared_ptr<Window>>& windows() {
+    static std::map<HWND, std::shared_ptr<Window>> table;
+    return table;
+}
+std::map<DWORD, std::shared_ptr<ThreadQueue>>& queues() {
+    static std::map<DWORD, std::shared_ptr<ThreadQueue>> table;
+    return table;
+}
+
+struct QueueHolder {
+    std::shared_ptr<ThreadQueue> queue;
+    ~QueueHolder() {
+        if (queue) detail::DiscardThreadMessageQueue();
+    }
+};
+thread_local QueueHolder t_queue;
+
+std::shared_ptr<ThreadQueue> myQueue() {
+    if (!t_queue.queue) {
+        auto q = std::make_shared<ThreadQueue>();
+        q->threadId = GetCurrentThreadId();
+        std::lock_guard<std::mutex> lock(g_windowsMutex);
+        queues()[q->threadId] = q;
+        t_queue.queue = q;
+    }
+    return t_queue.queue;
+}
+
+std::shared_ptr<Window> findWindow(HWND hwnd) {
+    std::lock_guard<std::mutex> lock(g_windowsMutex);
+    auto it = windows().find(hwnd);
+    return it == windows().end() ? nullptr : it->second;
+}
+
+void complete(const std::shared_ptr<SentMessage>& sm, LRESULT result) {
+    std::lock_guard<std::mutex> lock(sm->sender->mutex);
+    sm->result = result;
+    sm->done = true;
+    sm->sender->changed.notify_all();
+}
+
+void deliverSent(const std::shared_ptr<SentMessage>& sm) {
+    std::shared_ptr<Window> w = findWindow(sm->hwnd);
+    LRESULT result = 0;
+    if (w && w->proc != nullptr) result = w->proc(sm->hwnd, sm->message, sm->wParam, sm->lParam);
+    complete(sm, result);
+}
+
+bool matches(HWND msgHwnd, UINT message, HWND filter, UINT filterMin, UINT filterMax) {
+    if (filter != nullptr && msgHwnd != filter) return false;
+    if (filterMin == 0 && filterMax == 0) return true;
+    return message >= filterMin && message <= filterMax;
+}
+
+// The core of GetMessage/PeekMessage/WaitMessage: handles sent messages, then looks for a posted
+// message, WM_QUIT or a due timer, in that order.
+bool fetch(MSG* out, HWND filter, UINT filterMin, UINT filterMax, bool remove, bool wait) {
+    std::shared_ptr<ThreadQueue> q = myQueue();
+    std::unique_lock<std::mutex> lock(q->mutex);
+    for (;;) {
+        if (!q->sent.empty()) {
+            auto sm = q->sent.front();
+            q->sent.pop_front();
+            lock.unlock();
+            deliverSent(sm);
+            lock.lock();
+            continue;
+        }
+        for (auto it = q->posted.begin(); it != q->posted.end(); ++it) {
+            if (matches(it->hwnd, it->message, filter, filterMin, filterMax)) {
+                if (out != nullptr) *out = *it;
+                if (remove) q->posted.erase(it);
+                return true;
+            }
+        }
+        if (q->quitPosted) {
+            if (out != nullptr) {
+                *out = MSG{};
+                out->message = WM_QUIT;
+                out->wParam = WPARAM(q->quitCode);
+                out->time = GetTickCount();
+            }
+            if (remove) q->quitPosted = false;
+            return true;
+        }
+        Clock::time_point now = Clock::now();
+        Clock::time_point earliest = Clock::time_point::max();
+        for (Timer& t : q->timers) {
+            if (!matches(t.hwnd, WM_TIMER, filter, filterMin, filterMax)) continue;
+            if (t.due <= now) {
+                if (out != nullptr) {
+                    *out = MSG{};
+                    out->hwnd = t.hwnd;
+                    out->message = WM_TIMER;
+                    out->wParam = t.id;
+                    out->time = GetTickCount();
+                }
+                if (remove) t.due = now + t.period;
+                return true;
+            }
+            earliest = std::min(earliest, t.due);
+        }
+        if (!wait) return false;
+        if (earliest == Clock::time_point::max())
+            q->changed.wait(lock);
+        else
+            q->changed.wait_until(lock, earliest);
+    }
+}
+
+bool postTo(const std::shared_ptr<ThreadQueue>& q, HWND hwnd, UINT message, WPARAM wParam, LPARAM lParam) {
+    std::lock_guard<std::mutex> lock(q->mutex);
+    if (q->dead) return false;
+    MSG msg;
+    msg.hwnd = hwnd;
+    msg.message = message;
+    msg.wParam = wParam;
+    msg.lParam = lParam;
+    msg.time = GetTickCount();
+    q->posted.push_back(msg);
+    q->changed.notify_all();
+    return true;
+}
+
+}  // namespace
+
+void EnsureMessageQueue() { myQueue(); }
+
+HWND CreateMessageWindow(WNDPROC proc, void* user) {
+    if (proc == nullptr) {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return nullptr;
+    }
+    auto w = std::make_shared<Window>();
+    w->proc = proc;
+    w->userData = reinterpret_cast<LONG_PTR>(user);
+    w->queue = myQueue();
+    w->threadId = GetCurrentThreadId();
+    HWND hwnd = reinterpret_cast<HWND>(w.get());
+    {
+        std::lock_guard<std::mutex> lock(g_windowsMutex);
+        windows()[hwnd] = w;
+    }
+    if (proc(hwnd, WM_CREATE, 0, reinterpret_cast<LPARAM>(user)) == -1) {
+        DestroyWindow(hwnd);
+        return nullptr;
+    }
+    return hwnd;
+}
+
+BOOL DestroyWindow(HWND hwnd) {
+    std::shared_ptr<Window> w = findWindow(hwnd);
+    if (!w || w->threadId != GetCurrentThreadId()) {
+        SetLastError(w ? ERROR_ACCESS_DENIED : ERROR_INVALID_WINDOW_HANDLE);
+        return FALSE;
+    }
+    {
+        std::lock_guard<std::mutex> lock(g_windowsMutex);
+        if (w->destroying) return TRUE;
+        w->destroying = true;
+    }
+    w->proc(hwnd, WM_DESTROY, 0, 0);
+    w->proc(hwnd, WM_NCDESTROY, 0, 0);
+    {
+        std::lock_guard<std::mutex> lock(g_windowsMutex);
+        windows().erase(hwnd);
+    }
+    bool modal;
+    {
+        std::lock_guard<std::mutex> lock(g_windowsMutex);
+        modal = w->modalLoops > 0;
+    }
+    std::vector<std::shared_ptr<SentMessage>> orphans;
+    if (auto q = w->queue.lock()) {
+        std::lock_guard<std::mutex> lock(q->mutex);
+        std::erase_if(q->timers, [&](const Timer& t) { return t.hwnd == hwnd; });
+        std::erase_if(q->posted, [&](const MSG& m) { return m.hwnd == hwnd; });
+        for (auto it = q->sent.begin(); it != q->sent.end();) {
+            if ((*it)->hwnd == hwnd) {
+                orphans.push_back(*it);
+                it = q->sent.erase(it);
+            } else {
+                ++it;
+            }
+        }
+        // A modal loop for the window may be waiting inside GetMessage (the destroy came from a sent
+        // message): give it something to return so it notices.
+        if (modal && !q->dead) {
+            MSG wake;
+            wake.message = WM_NULL;
+            q->posted.push_back(wake);
+        }
+        q->changed.notify_all();
+    }
+    for (auto& sm : orphans) complete(sm, 0);
+    return TRUE;
+}
+
+void detail::DiscardThreadMessageQueue() {
+    std::shared_ptr<ThreadQueue> q = t_queue.queue;
+    if (!q) return;
+    std::vector<HWND> mine;
+    {
+        std::lock_guard<std::mutex> lock(g_windowsMutex);
+        for (auto& [hwnd, w] : windows())
+            if (w->threadId == q->threadId) mine.push_back(hwnd);
+    }
+    for (HWND hwnd : mine) DestroyWindow(hwnd);
+    std::deque<std::shared_ptr<SentMessage>> orphans;
+    {
+        std::lock_guard<std::mutex> windowsLock(g_windowsMutex);
+        queues().erase(q->threadId);
+        std::lock_guard<std::mutex> lock(q->mutex);
+        q->dead = true;
+        orphans.swap(q->sent);
+        q->posted.clear();
+        q->timers.clear();
+    }
+    for (auto& sm : orphans) complete(sm, 0);
+    t_queue.queue.reset();
+}
+
+BOOL IsWindow(HWND hwnd) { return hwnd != nullptr && findWindow(hwnd) != nullptr; }
+
+BOOL ShowWindow(HWND hwnd, int command) {
+    std::shared_ptr<Window> w = findWindow(hwnd);
+    if (!w) return FALSE;
+    bool show = command != SW_HIDE;
+    bool was;
+    {
+        std::lock_guard<std::mutex> lock(g_windowsMutex);
+        was = w->visible;
+        w->visible = show;
+    }
+    if (was != show) SendMessage(hwnd, WM_SHOWWINDOW, show ? TRUE : FALSE, 0);
+    return was ? TRUE : FALSE;
+}
+
+BOOL IsWindowVisible(HWND hwnd) {
+    std::shared_ptr<Window> w = findWindow(hwnd);
+    if (!w) return FALSE;
+    std::lock_guard<std::mutex> lock(g_windowsMutex);
+    return w->visible ? TRUE : FALSE;
+}
+
+LONG_PTR GetWindowLongPtr(HWND hwnd, int index) {
+    std::shared_ptr<Window> w = findWindow(hwnd);
+    if (!w) {
+        SetLastError(ERROR_INVALID_WINDOW_HANDLE);
+        return 0;
+    }
+    std::lock_guard<std::mutex> lock(g_windowsMutex);
+    if (index == GWLP_USERDATA) return w->userData;
+    if (index == GWLP_WNDPROC) return reinterpret_cast<LONG_PTR>(w->proc);
+    SetLastError(ERROR_INVALID_PARAMETER);
+    return 0;
+}
+
+LONG_PTR SetWindowLongPtr(HWND hwnd, int index, LONG_PTR value) {
+    std::shared_ptr<Window> w = findWindow(hwnd);
+    if (!w) {
+        SetLastError(ERROR_INVALID_WINDOW_HANDLE);
+        return 0;
+    }
+    std::lock_guard<std::mutex> lock(g_windowsMutex);
+    if (index == GWLP_USERDATA) return std::exchange(w->userData, value);
+    if (index == GWLP_WNDPROC && value != 0) {
+        return reinterpret_cast<LONG_PTR>(std::exchange(w->proc, reinterpret_cast<WNDPROC>(value)));
+    }
+    SetLastError(ERROR_INVALID_PARAMETER);
+    return 0;
+}
+
+DWORD GetWindowThreadProcessId(HWND hwnd, DWORD* processId) {
+    std::shared_ptr<Window> w = findWindow(hwnd);
+    if (!w) return 0;
+    if (processId != nullptr) *processId = GetCurrentProcessId();
+    return w->threadId;
+}
+
+LRESULT DefWindowProc(HWND hwnd, UINT message, WPARAM, LPARAM) {
+    if (message == WM_CLOSE) DestroyWindow(hwnd);
+    return 0;
+}
+
+LRESULT SendMessage(HWND hwnd, UINT message, WPARAM wParam, LPARAM lParam) {
+    std::shared_ptr<Window> w = findWindow(hwnd);
+    if (!w) {
+        SetLastError(ERROR_INVALID_WINDOW_HANDLE);
+        return 0;
+    }
+    if (w->threadId == GetCurrentThreadId()) {
+        WNDPROC proc;
+        {
+            std::lock_guard<std::mutex> lock(g_windowsMutex);
+            proc = w->proc;
+        }
+        return proc(hwnd, message, wParam, lParam);
+    }
+    std::shared_ptr<ThreadQueue> target = w->queue.lock();
+    if (!target) return 0;
+    std::shared_ptr<ThreadQueue> me = myQueue();
+    auto sm = std::make_shared<SentMessage>();
+    sm->hwnd = hwnd;
+    sm->message = message;
+    sm->wParam = wParam;
+    sm->lParam = lParam;
+    sm->sender = me;
+    {
+        std::lock_guard<std::mutex> lock(target->mutex);
+        if (target->dead) return 0;
+        target->sent.push_back(sm);
+        target->changed.notify_all();
+    }
+    // Wait for the answer, handling what other threads send to us meanwhile.
+    std::unique_lock<std::mutex> lock(me->mutex);
+    while (!sm->done) {
+        if (!me->sent.empty()) {
+            auto incoming = me->sent.front();
+            me->sent.pop_front();
+            lock.unlock();
+            deliverSent(incoming);
+            lock.lock();
+            continue;
+        }
+        me->changed.wait(lock);
+    }
+    return sm->result;
+}
+
+BOOL PostMessage(HWND hwnd, UINT message, WPARAM wParam, LPARAM lParam) {
+    if (hwnd == nullptr) return postTo(myQueue(), nullptr, message, wParam, lParam) ? TRUE : FALSE;
+    std::shared_ptr<Window> w = findWindow(hwnd);
+    std::shared_ptr<ThreadQueue> q = w ? w->queue.lock() : nullptr;
+    if (!q || !postTo(q, hwnd, message, wParam, lParam)) {
+        SetLastError(ERROR_INVALID_WINDOW_HANDLE);
+        return FALSE;
+    }
+    return TRUE;
+}
+
+BOOL PostThreadMessage(DWORD threadId, UINT message, WPARAM wParam, LPARAM lParam) {
+    std::shared_ptr<ThreadQueue> q;
+    {
+        std::lock_guard<std::mutex> lock(g_windowsMutex);
+        auto it = queues().find(threadId);
+        if (it != queues().end()) q = it->second;
+    }
+    if (!q || !postTo(q, nullptr, message, wParam, lParam)) {
+        SetLastError(ERROR_INVALID_THREAD_ID);
+        return FALSE;
+    }
+    return TRUE;
+}
+
+void PostQuitMessage(int exitCode) {
+    std::shared_ptr<ThreadQueue> q = myQueue();
+    std::lock_guard<std::mutex> lock(q->mutex);
+    q->quitPosted = true;
+    q->quitCode = exitCode;
+    q->changed.notify_all();
+}
+
+BOOL GetMessage(MSG* msg, HWND hwnd, UINT filterMin, UINT filterMax) {
+    if (hwnd != nullptr && !IsWindow(hwnd)) {
+        SetLastError(ERROR_INVALID_WINDOW_HANDLE);
+        return -1;
+    }
+    MSG local;
+    if (msg == nullptr) msg = &local;
+    fetch(msg, hwnd, filterMin, filterMax, true, true);
+    return msg->message == WM_QUIT ? FALSE : TRUE;
+}
+
+BOOL PeekMessage(MSG* msg, HWND hwnd, UINT filterMin, UINT filterMax, UINT removeFlags) {
+    return fetch(msg, hwnd, filterMin, filterMax, (removeFlags & PM_REMOVE) != 0, false) ? TRUE : FALSE;
+}
+
+BOOL WaitMessage() {
+    fetch(nullptr, nullptr, 0, 0, false, true);
+    return TRUE;
+}
+
+BOOL TranslateMessage(const MSG*) { return FALSE; }
+
+LRESULT DispatchMessage(const MSG* msg) {
+    if (msg == nullptr || msg->hwnd == nullptr) return 0;
+    std::shared_ptr<Window> w = findWindow(msg->hwnd);
+    if (!w || w->threadId != GetCurrentThreadId()) return 0;
+    return w->proc(msg->hwnd, msg->message, msg->wParam, msg->lParam);
+}
+
+UINT_PTR SetTimer(HWND hwnd, UINT_PTR id, UINT milliseconds, void* timerFunc) {
+    if (timerFunc != nullptr) {
+        SetLastError(ERROR_CALL_NOT_IMPLEMENTED);
+        return 0;
+    }
+    std::shared_ptr<ThreadQueue> q;
+    if (hwnd == nullptr) {
+        q = myQueue();
+    } else {
+        std::shared_ptr<Window> w = findWindow(hwnd);
+        q = w ? w->queue.lock() : nullptr;
+        if (!q) {
+            SetLastError(ERROR_INVALID_WINDOW_HANDLE);
+            return 0;
+        }
+    }
+    auto period = std::chrono::milliseconds(std::max<UINT>(milliseconds, 1));
+    std::lock_guard<std::mutex> lock(q->mutex);
+    if (hwnd == nullptr) id = ++q->nextThreadTimerId;
+    std::erase_if(q->timers, [&](const Timer& t) { return t.hwnd == hwnd && t.id == id; });
+    q->timers.push_back(Timer{hwnd, id, period, Clock::now() + period});
+    q->changed.notify_all();
+    return id == 0 ? 1 : id;
+}
+
+BOOL KillTimer(HWND hwnd, UINT_PTR id) {
+    std::shared_ptr<ThreadQueue> q;
+    if (hwnd == nullptr) {
+        q = myQueue();
+    } else {
+        std::shared_ptr<Window> w = findWindow(hwnd);
+        q = w ? w->queue.lock() : nullptr;
+    }
+    if (!q) return FALSE;
+    std::lock_guard<std::mutex> lock(q->mutex);
+    return std::erase_if(q->timers, [&](const Timer& t) { return t.hwnd == hwnd && t.id == id; }) > 0;
+}
+
+INT_PTR RunModalLoop(HWND hwnd) {
+    std::shared_ptr<Window> w = findWindow(hwnd);
+    if (!w) return -1;
+    {
+        std::lock_guard<std::mutex> lock(g_windowsMutex);
+        ++w->modalLoops;
+    }
+    INT_PTR result = -1;
+    for (;;) {
+        {
+            std::lock_guard<std::mutex> lock(g_windowsMutex);
+            if (w->modalEnded) {
+                w->modalEnded = false;
+                result = w->modalResult;
+                break;
+            }
+        }
+        if (!IsWindow(hwnd)) break;
+        MSG msg;
+        if (!GetMessage(&msg, nullptr, 0, 0)) {
+            PostQuitMessage(int(msg.wParam));
+            break;
+        }
+        TranslateMessage(&msg);
+        DispatchMessage(&msg);
+    }
+    std::lock_guard<std::mutex> lock(g_windowsMutex);
+    --w->modalLoops;
+    return result;
+}
+
+BOOL EndModalLoop(HWND hwnd, INT_PTR result) {
+    std::shared_ptr<Window> w = findWindow(hwnd);
+    if (!w) return FALSE;
+    bool running;
+    {
+        std::lock_guard<std::mutex> lock(g_windowsMutex);
+        w->modalEnded = true;
+        w->modalResult = result;
+        running = w->modalLoops > 0;
+    }
+    // The loop may be waiting inside GetMessage (an end from another thread, or from a sent message).
+    if (running) PostMessage(hwnd, WM_NULL, 0, 0);
+    return TRUE;
+}

@@ -1,0 +1,23 @@
+// The process's handle table and the glue between kernel objects of different families.
+// Platform-internal.
+#pragma once
+
+#include <memory>
+
+#include "platform/WinTypes.h"
+
+namespace detail {
+
+enum class HandleKind { Event, Thread, FileMapping };
+
+// A new handle that keeps the object alive until CloseHandle. Handle values are never reused and never
+// collide with CFile handles.
+HANDLE NewKernelHandle(HandleKind kind, std::shared_ptr<void> object);
+// Null when the handle is not open or is of another kind.
+std::shared_ptr<void> KernelObjectOfHandle(HANDLE handle, HandleKind kind);
+
+// Ends the calling thread's message queue: destroys its windows and answers pending sends with 0.
+// Threads started by CreateThread call it before their handle is signalled; other threads at exit.
+void DiscardThreadMessageQueue();
+
+}  // namespace detail
