@@ -1,0 +1,513 @@
+#include "platform/registry/internal/StoreDatabase.h"
+
+#include <sqlite3.h>
+#include <sys/stat.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+
+namespace detail {
+
+namespace {
+
+// "TVRG": tells our store from any other SQLite file.
+constexpr int kApplicationId = 0x54565247;
+constexpr int kSchemaVersion = 1;
+constexpr int kBusyTimeoutMs = 5000;
+
+const char* const kStatementSql[] = {
+    "SELECT id FROM keys WHERE parent=?1 AND fold=?2",
+    "SELECT 1 FROM keys WHERE id=?1",
+    "SELECT parent, name FROM keys WHERE id=?1",
+    "SELECT name, id, mtime FROM keys WHERE parent=?1 ORDER BY fold",
+    "SELECT 1 FROM keys WHERE parent=?1 LIMIT 1",
+    "SELECT type, data FROM vals WHERE key=?1 AND fold=?2",
+    "SELECT name, type, data FROM vals WHERE key=?1 ORDER BY id",
+    "PRAGMA data_version",
+    "INSERT INTO keys(parent, fold, name, mtime) VALUES(?1, ?2, ?3, ?4)",
+    // An overwrite keeps the row, so the value keeps its place in the enumeration and its first spelling.
+    "INSERT INTO vals(key, fold, name, type, data) VALUES(?1, ?2, ?3, ?4, ?5) "
+    "ON CONFLICT(key, fold) DO UPDATE SET type=excluded.type, data=excluded.data",
+    "DELETE FROM vals WHERE key=?1 AND fold=?2",
+    "DELETE FROM vals WHERE key=?1",
+    "DELETE FROM keys WHERE id=?1",
+    "UPDATE keys SET mtime=?2 WHERE id=?1",
+};
+
+// New value rows take the next row id, which is above every existing one: the creation order.
+const char kSchema[] =
+    "CREATE TABLE keys(id INTEGER PRIMARY KEY AUTOINCREMENT, parent INTEGER NOT NULL, fold BLOB NOT NULL,"
+    " name BLOB NOT NULL, mtime INTEGER NOT NULL DEFAULT 0);"
+    "CREATE UNIQUE INDEX keys_by_parent ON keys(parent, fold);"
+    "CREATE TABLE vals(id INTEGER PRIMARY KEY, key INTEGER NOT NULL, fold BLOB NOT NULL, name BLOB NOT NULL,"
+    " type INTEGER NOT NULL, data BLOB NOT NULL);"
+    "CREATE UNIQUE INDEX vals_by_key ON vals(key, fold);"
+    "INSERT INTO keys(parent, fold, name) VALUES"
+    " (0, CAST('HKEY_CLASSES_ROOT' AS BLOB), CAST('HKEY_CLASSES_ROOT' AS BLOB)),"
+    " (0, CAST('HKEY_CURRENT_USER' AS BLOB), CAST('HKEY_CURRENT_USER' AS BLOB));";
+
+const char* const kRootNames[] = {"HKEY_CLASSES_ROOT", "HKEY_CURRENT_USER"};
+
+// Creates the missing directories of path's parent, owner-only.
+bool MakeParentDirectories(const std::string& path, std::string& error) {
+    size_t slash = path.rfind('/');
+    if (slash == std::string::npos || slash == 0) return true;
+    std::string dir = path.substr(0, slash);
+    for (size_t pos = 1; pos <= dir.size(); ++pos) {
+        if (pos != dir.size() && dir[pos] != '/') continue;
+        std::string part = dir.substr(0, pos);
+        if (::mkdir(part.c_str(), 0700) != 0 && errno != EEXIST) {
+            error = "cannot create the directory " + part + ": " + std::strerror(errno);
+            return false;
+        }
+    }
+    return true;
+}
+
+void BindBlob(sqlite3_stmt* s, int index, const void* data, size_t size) {
+    if (size == 0)
+        sqlite3_bind_zeroblob(s, index, 0);
+    else
+        sqlite3_bind_blob64(s, index, data, size, SQLITE_STATIC);
+}
+
+std::string ColumnBlob(sqlite3_stmt* s, int column) {
+    const void* p = sqlite3_column_blob(s, column);
+    int n = sqlite3_column_bytes(s, column);
+    return p ? std::string(static_cast<const char*>(p), static_cast<size_t>(n)) : std::string();
+}
+
+// Resets the statement whatever happens, so that no read transaction stays open behind a statement.
+struct StatementScope {
+    sqlite3_stmt* s;
+    ~StatementScope() {
+        if (s) {
+            sqlite3_reset(s);
+            sqlite3_clear_bindings(s);
+        }
+    }
+};
+
+}  // namespace
+
+std::string FoldName(const char* name, size_t length) {
+    std::string folded(name, length);
+    for (char& c : folded)
+        if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 'a' + 'A');
+    return folded;
+}
+
+StoreDatabase::~StoreDatabase() { Close(); }
+
+void StoreDatabase::Close() {
+    if (!m_db) return;
+    if (m_inWrite) Commit();
+    for (auto*& s : m_statements) {
+        sqlite3_finalize(s);
+        s = nullptr;
+    }
+    sqlite3_close_v2(m_db);
+    m_db = nullptr;
+}
+
+LONG StoreDatabase::Fail(int rc, const char* what) {
+    const char* detail = m_db ? sqlite3_errmsg(m_db) : sqlite3_errstr(rc);
+    LONG code;
+    std::string why;
+    switch (rc & 0xFF) {
+    case SQLITE_CORRUPT:
+    case SQLITE_NOTADB:
+        code = ERROR_REGISTRY_CORRUPT;
+        why = "the registry store " + m_path + " is damaged (" + detail + "); it was left as it is";
+        break;
+    case SQLITE_BUSY:
+    case SQLITE_LOCKED:
+        code = ERROR_CANTWRITE;
+        why = "the registry store " + m_path + " stayed locked by another process";
+        break;
+    case SQLITE_NOMEM:
+    case SQLITE_TOOBIG:
+        code = ERROR_NOT_ENOUGH_MEMORY;
+        why = std::string("out of memory in the registry store (") + detail + ")";
+        break;
+    case SQLITE_CANTOPEN:
+        code = ERROR_CANTOPEN;
+        why = "cannot open the registry store " + m_path + " (" + detail + ")";
+        break;
+    case SQLITE_FULL:
+    case SQLITE_IOERR:
+    case SQLITE_READONLY:
+    case SQLITE_PERM:
+        code = ERROR_CANTWRITE;
+        why = "cannot write the registry store " + m_path + " (" + detail + ")";
+        break;
+    default:
+        code = ERROR_CANTREAD;
+        why = "the registry store " + m_path + " failed (" + detail + ")";
+        break;
+    }
+    m_message = std::string(what) + ": " + why;
+    // SQLite rolls a transaction back by itself after some failures; follow it.
+    if (m_inWrite && m_db && sqlite3_get_autocommit(m_db)) {
+        m_inWrite = false;
+        m_touched.clear();
+    }
+    return code;
+}
+
+LONG StoreDatabase::Exec(const char* sql) {
+    int rc = sqlite3_exec(m_db, sql, nullptr, nullptr, nullptr);
+    return rc == SQLITE_OK ? ERROR_SUCCESS : Fail(rc, sql);
+}
+
+sqlite3_stmt* StoreDatabase::Prepare(Statement which) {
+    sqlite3_stmt*& s = m_statements[which];
+    if (!s) {
+        int rc = sqlite3_prepare_v3(m_db, kStatementSql[which], -1, SQLITE_PREPARE_PERSISTENT, &s, nullptr);
+        if (rc != SQLITE_OK) {
+            Fail(rc, "prepare");
+            s = nullptr;
+        }
+    }
+    return s;
+}
+
+LONG StoreDatabase::Open(const std::string& path) {
+    Close();
+    m_path = path;
+    m_message.clear();
+    if (path.empty()) {
+        m_message = "no place for the registry store: set TAVIK_REGISTRY, XDG_CONFIG_HOME or HOME";
+        return ERROR_CANTOPEN;
+    }
+    std::string error;
+    if (!MakeParentDirectories(path, error)) {
+        m_message = error;
+        return ERROR_CANTOPEN;
+    }
+    // Created here rather than by SQLite so that it is owner-only from its first byte; SQLite gives its
+    // companion files the same mode.
+    int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600);
+    if (fd < 0 && errno != EEXIST) {
+        m_message = "cannot create the registry store " + path + ": " + std::strerror(errno);
+        return ERROR_CANTOPEN;
+    }
+    if (fd < 0) fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        m_message = "cannot open the registry store " + path + ": " + std::strerror(errno);
+        return ERROR_CANTOPEN;
+    }
+    struct stat st {};
+    char header[16] = {};
+    ssize_t got = ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) ? ::pread(fd, header, sizeof header, 0) : -1;
+    ::close(fd);
+    if (got < 0) {
+        m_message = "the registry store " + path + " is not a regular file";
+        return ERROR_CANTOPEN;
+    }
+    if (got > 0 && (got < static_cast<ssize_t>(sizeof header) || std::memcmp(header, "SQLite format 3", 16) != 0)) {
+        m_message = "the file " + path + " is not a registry store (not an SQLite database); it was left as it is";
+        return ERROR_BADDB;
+    }
+    int rc = sqlite3_open_v2(path.c_str(), &m_db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr);
+    if (rc != SQLITE_OK) {
+        LONG code = Fail(rc, "open");
+        Close();
+        return code;
+    }
+    sqlite3_extended_result_codes(m_db, 1);
+    sqlite3_busy_timeout(m_db, kBusyTimeoutMs);
+    LONG code = CheckAndInitialise();
+    if (code != ERROR_SUCCESS) {
+        std::string why = m_message;
+        Close();
+        m_message = why;
+    }
+    return code;
+}
+
+LONG StoreDatabase::CheckAndInitialise() {
+    auto readInt = [&](const char* sql, std::int64_t* out) -> LONG {
+        sqlite3_stmt* s = nullptr;
+        int rc = sqlite3_prepare_v2(m_db, sql, -1, &s, nullptr);
+        if (rc == SQLITE_OK) {
+            rc = sqlite3_step(s);
+            if (rc == SQLITE_ROW) {
+                *out = sqlite3_column_int64(s, 0);
+                rc = SQLITE_OK;
+            }
+        }
+        sqlite3_finalize(s);
+        return rc == SQLITE_OK ? ERROR_SUCCESS : Fail(rc, "check");
+    };
+    std::int64_t appId = 0, version = 0, objects = 0;
+    LONG code;
+    if ((code = readInt("PRAGMA application_id", &appId)) != ERROR_SUCCESS) return code;
+    if ((code = readInt("PRAGMA user_version", &version)) != ERROR_SUCCESS) return code;
+    if ((code = readInt("SELECT count(*) FROM sqlite_master", &objects)) != ERROR_SUCCESS) return code;
+
+    if (appId == 0 && objects == 0) {
+        // A new, empty file. Another process may be initialising it at the same moment: decide again
+        // under the write lock.
+        if ((code = Exec("BEGIN IMMEDIATE")) != ERROR_SUCCESS) return code;
+        if ((code = readInt("SELECT count(*) FROM sqlite_master", &objects)) != ERROR_SUCCESS) return code;
+        if (objects == 0) {
+            char pragmas[96];
+            std::snprintf(pragmas, sizeof pragmas, "PRAGMA application_id=%d; PRAGMA user_version=%d;",
+                          kApplicationId, kSchemaVersion);
+            if ((code = Exec(kSchema)) != ERROR_SUCCESS || (code = Exec(pragmas)) != ERROR_SUCCESS) {
+                sqlite3_exec(m_db, "ROLLBACK", nullptr, nullptr, nullptr);
+                return code;
+            }
+        }
+        if ((code = Exec("COMMIT")) != ERROR_SUCCESS) return code;
+        if ((code = readInt("PRAGMA application_id", &appId)) != ERROR_SUCCESS) return code;
+        if ((code = readInt("PRAGMA user_version", &version)) != ERROR_SUCCESS) return code;
+    }
+    if (appId != kApplicationId) {
+        m_message = "the file " + m_path + " is not a registry store (it belongs to another program); it was left as it is";
+        return ERROR_BADDB;
+    }
+    if (version > kSchemaVersion) {
+        m_message = "the registry store " + m_path + " was written by a newer version of this program";
+        return ERROR_BADDB;
+    }
+    // WAL lets readers in other processes go on while one process writes, and makes a commit one
+    // append; the store's timer and RegFlushKey take it to the disk.
+    if ((code = Exec("PRAGMA journal_mode=WAL")) != ERROR_SUCCESS) return code;
+    if ((code = Exec("PRAGMA synchronous=NORMAL")) != ERROR_SUCCESS) return code;
+    for (int r = 0; r < kRootCount; ++r) {
+        std::int64_t id = 0;
+        if ((code = FindChild(0, kRootNames[r], &id)) != ERROR_SUCCESS) return code;
+        if (id == 0) {
+            m_message = "the registry store " + m_path + " is damaged (a root key is missing); it was left as it is";
+            return ERROR_REGISTRY_CORRUPT;
+        }
+        m_roots[r] = id;
+    }
+    return ERROR_SUCCESS;
+}
+
+LONG StoreDatabase::FindChild(std::int64_t parent, const std::string& fold, std::int64_t* id) {
+    sqlite3_stmt* s = Prepare(kFindChild);
+    if (!s) return ERROR_CANTREAD;
+    StatementScope scope{s};
+    sqlite3_bind_int64(s, 1, parent);
+    BindBlob(s, 2, fold.data(), fold.size());
+    int rc = sqlite3_step(s);
+    if (rc == SQLITE_ROW) {
+        *id = sqlite3_column_int64(s, 0);
+        return ERROR_SUCCESS;
+    }
+    *id = 0;
+    return rc == SQLITE_DONE ? ERROR_SUCCESS : Fail(rc, "find key");
+}
+
+LONG StoreDatabase::KeyExists(std::int64_t id, bool* exists) {
+    sqlite3_stmt* s = Prepare(kKeyExists);
+    if (!s) return ERROR_CANTREAD;
+    StatementScope scope{s};
+    sqlite3_bind_int64(s, 1, id);
+    int rc = sqlite3_step(s);
+    *exists = rc == SQLITE_ROW;
+    return rc == SQLITE_ROW || rc == SQLITE_DONE ? ERROR_SUCCESS : Fail(rc, "check key");
+}
+
+LONG StoreDatabase::KeyRow(std::int64_t id, std::int64_t* parent, std::string* name) {
+    sqlite3_stmt* s = Prepare(kKeyRow);
+    if (!s) return ERROR_CANTREAD;
+    StatementScope scope{s};
+    sqlite3_bind_int64(s, 1, id);
+    int rc = sqlite3_step(s);
+    if (rc == SQLITE_ROW) {
+        *parent = sqlite3_column_int64(s, 0);
+        *name = ColumnBlob(s, 1);
+        return ERROR_SUCCESS;
+    }
+    return rc == SQLITE_DONE ? ERROR_KEY_DELETED : Fail(rc, "read key");
+}
+
+LONG StoreDatabase::Children(std::int64_t parent, std::vector<StoredChild>* children) {
+    children->clear();
+    sqlite3_stmt* s = Prepare(kChildren);
+    if (!s) return ERROR_CANTREAD;
+    StatementScope scope{s};
+    sqlite3_bind_int64(s, 1, parent);
+    int rc;
+    while ((rc = sqlite3_step(s)) == SQLITE_ROW)
+        children->push_back({ColumnBlob(s, 0), sqlite3_column_int64(s, 1), sqlite3_column_int64(s, 2)});
+    return rc == SQLITE_DONE ? ERROR_SUCCESS : Fail(rc, "list sub-keys");
+}
+
+LONG StoreDatabase::HasChildren(std::int64_t parent, bool* any) {
+    sqlite3_stmt* s = Prepare(kHasChildren);
+    if (!s) return ERROR_CANTREAD;
+    StatementScope scope{s};
+    sqlite3_bind_int64(s, 1, parent);
+    int rc = sqlite3_step(s);
+    *any = rc == SQLITE_ROW;
+    return rc == SQLITE_ROW || rc == SQLITE_DONE ? ERROR_SUCCESS : Fail(rc, "list sub-keys");
+}
+
+LONG StoreDatabase::GetValue(std::int64_t key, const std::string& fold, bool* found, DWORD* type, std::string* data) {
+    sqlite3_stmt* s = Prepare(kGetValue);
+    if (!s) return ERROR_CANTREAD;
+    StatementScope scope{s};
+    sqlite3_bind_int64(s, 1, key);
+    BindBlob(s, 2, fold.data(), fold.size());
+    int rc = sqlite3_step(s);
+    *found = rc == SQLITE_ROW;
+    if (rc == SQLITE_ROW) {
+        *type = static_cast<DWORD>(sqlite3_column_int64(s, 0));
+        *data = ColumnBlob(s, 1);
+        return ERROR_SUCCESS;
+    }
+    return rc == SQLITE_DONE ? ERROR_SUCCESS : Fail(rc, "read value");
+}
+
+LONG StoreDatabase::Values(std::int64_t key, std::vector<StoredValue>* values) {
+    values->clear();
+    sqlite3_stmt* s = Prepare(kValues);
+    if (!s) return ERROR_CANTREAD;
+    StatementScope scope{s};
+    sqlite3_bind_int64(s, 1, key);
+    int rc;
+    while ((rc = sqlite3_step(s)) == SQLITE_ROW)
+        values->push_back({ColumnBlob(s, 0), static_cast<DWORD>(sqlite3_column_int64(s, 1)), ColumnBlob(s, 2)});
+    return rc == SQLITE_DONE ? ERROR_SUCCESS : Fail(rc, "list values");
+}
+
+LONG StoreDatabase::DataVersion(std::int64_t* version) {
+    sqlite3_stmt* s = Prepare(kDataVersion);
+    if (!s) return ERROR_CANTREAD;
+    StatementScope scope{s};
+    int rc = sqlite3_step(s);
+    if (rc != SQLITE_ROW) return Fail(rc, "data version");
+    *version = sqlite3_column_int64(s, 0);
+    return ERROR_SUCCESS;
+}
+
+LONG StoreDatabase::CreateChild(std::int64_t parent, const std::string& name, std::int64_t* id) {
+    sqlite3_stmt* s = Prepare(kCreateChild);
+    if (!s) return ERROR_CANTWRITE;
+    StatementScope scope{s};
+    std::string fold = FoldName(name);
+    sqlite3_bind_int64(s, 1, parent);
+    BindBlob(s, 2, fold.data(), fold.size());
+    BindBlob(s, 3, name.data(), name.size());
+    sqlite3_bind_int64(s, 4, static_cast<std::int64_t>(std::time(nullptr)));
+    int rc = sqlite3_step(s);
+    if (rc != SQLITE_DONE) return Fail(rc, "create key");
+    *id = sqlite3_last_insert_rowid(m_db);
+    return ERROR_SUCCESS;
+}
+
+LONG StoreDatabase::SetValue(std::int64_t key, const std::string& name, DWORD type, const void* data, size_t size) {
+    sqlite3_stmt* s = Prepare(kSetValue);
+    if (!s) return ERROR_CANTWRITE;
+    StatementScope scope{s};
+    std::string fold = FoldName(name);
+    sqlite3_bind_int64(s, 1, key);
+    BindBlob(s, 2, fold.data(), fold.size());
+    BindBlob(s, 3, name.data(), name.size());
+    sqlite3_bind_int64(s, 4, type);
+    BindBlob(s, 5, data, size);
+    int rc = sqlite3_step(s);
+    if (rc != SQLITE_DONE) return Fail(rc, "write value");
+    if (m_touched.empty() || m_touched.back() != key) m_touched.push_back(key);
+    return ERROR_SUCCESS;
+}
+
+LONG StoreDatabase::DeleteValue(std::int64_t key, const std::string& fold, bool* found) {
+    sqlite3_stmt* s = Prepare(kDeleteValue);
+    if (!s) return ERROR_CANTWRITE;
+    StatementScope scope{s};
+    sqlite3_bind_int64(s, 1, key);
+    BindBlob(s, 2, fold.data(), fold.size());
+    int rc = sqlite3_step(s);
+    if (rc != SQLITE_DONE) return Fail(rc, "delete value");
+    *found = sqlite3_changes(m_db) > 0;
+    if (*found) m_touched.push_back(key);
+    return ERROR_SUCCESS;
+}
+
+LONG StoreDatabase::DeleteValues(std::int64_t key) {
+    sqlite3_stmt* s = Prepare(kDeleteValues);
+    if (!s) return ERROR_CANTWRITE;
+    StatementScope scope{s};
+    sqlite3_bind_int64(s, 1, key);
+    int rc = sqlite3_step(s);
+    if (rc != SQLITE_DONE) return Fail(rc, "delete values");
+    m_touched.push_back(key);
+    return ERROR_SUCCESS;
+}
+
+LONG StoreDatabase::DeleteKeyRow(std::int64_t id) {
+    if (LONG code = DeleteValues(id); code != ERROR_SUCCESS) return code;
+    sqlite3_stmt* s = Prepare(kDeleteKey);
+    if (!s) return ERROR_CANTWRITE;
+    StatementScope scope{s};
+    sqlite3_bind_int64(s, 1, id);
+    int rc = sqlite3_step(s);
+    return rc == SQLITE_DONE ? ERROR_SUCCESS : Fail(rc, "delete key");
+}
+
+LONG StoreDatabase::BeginWrite() {
+    if (m_inWrite) return ERROR_SUCCESS;
+    LONG code = Exec("BEGIN IMMEDIATE");
+    if (code == ERROR_SUCCESS) m_inWrite = true;
+    return code;
+}
+
+LONG StoreDatabase::Commit() {
+    if (!m_inWrite) return ERROR_SUCCESS;
+    if (!m_touched.empty()) {
+        std::sort(m_touched.begin(), m_touched.end());
+        m_touched.erase(std::unique(m_touched.begin(), m_touched.end()), m_touched.end());
+        std::int64_t now = static_cast<std::int64_t>(std::time(nullptr));
+        if (sqlite3_stmt* s = Prepare(kTouch)) {
+            for (std::int64_t id : m_touched) {
+                StatementScope scope{s};
+                sqlite3_bind_int64(s, 1, id);
+                sqlite3_bind_int64(s, 2, now);
+                sqlite3_step(s);
+            }
+        }
+        m_touched.clear();
+    }
+    int rc = sqlite3_exec(m_db, "COMMIT", nullptr, nullptr, nullptr);
+    if (rc != SQLITE_OK) {
+        LONG code = Fail(rc, "commit");
+        if (!sqlite3_get_autocommit(m_db)) sqlite3_exec(m_db, "ROLLBACK", nullptr, nullptr, nullptr);
+        m_inWrite = false;
+        return code;
+    }
+    m_inWrite = false;
+    return ERROR_SUCCESS;
+}
+
+LONG StoreDatabase::Savepoint() { return Exec("SAVEPOINT step"); }
+LONG StoreDatabase::Release() { return Exec("RELEASE step"); }
+void StoreDatabase::RollbackToSavepoint() {
+    sqlite3_exec(m_db, "ROLLBACK TO step; RELEASE step", nullptr, nullptr, nullptr);
+}
+
+LONG StoreDatabase::Sync() {
+    if (!m_db) return ERROR_SUCCESS;
+    // Committed transactions sit in the write-ahead log; syncing it makes them survive a power loss.
+    sqlite3_file* wal = nullptr;
+    int rc = sqlite3_file_control(m_db, "main", SQLITE_FCNTL_JOURNAL_POINTER, &wal);
+    if (rc == SQLITE_OK && wal && wal->pMethods) rc = wal->pMethods->xSync(wal, SQLITE_SYNC_NORMAL);
+    return rc == SQLITE_OK || rc == SQLITE_NOTFOUND ? ERROR_SUCCESS : Fail(rc, "sync");
+}
+
+void StoreDatabase::SetSyncEveryCommit(bool on) {
+    if (m_db) Exec(on ? "PRAGMA synchronous=FULL" : "PRAGMA synchronous=NORMAL");
+}
+
+}  // namespace detail

@@ -1,0 +1,103 @@
+// The registry's SQLite file: opening and checking it, the rows of keys and values, transactions.
+// Not thread-safe: RegistryStore serialises every call. Results are Windows registry codes; the last
+// failure's explanation is in LastMessage().
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "platform/WinTypes.h"
+
+struct sqlite3;
+struct sqlite3_stmt;
+
+namespace detail {
+
+struct StoredValue {
+    std::string name;
+    DWORD type = 0;
+    std::string data;
+};
+
+struct StoredChild {
+    std::string name;
+    std::int64_t id = 0;
+    std::int64_t mtime = 0;  // seconds since 1970
+};
+
+// Names compare ignoring the case of ASCII letters; the hive orders sub-keys by the upper-cased name.
+std::string FoldName(const char* name, size_t length);
+inline std::string FoldName(const std::string& name) { return FoldName(name.data(), name.size()); }
+
+class StoreDatabase {
+public:
+    enum Root { kClassesRoot = 0, kCurrentUser = 1, kRootCount = 2 };
+
+    StoreDatabase() = default;
+    ~StoreDatabase();  // commits an open transaction, then closes
+    StoreDatabase(const StoreDatabase&) = delete;
+    StoreDatabase& operator=(const StoreDatabase&) = delete;
+
+    // Opens (creating a missing file 0600 and its directory 0700) and checks that the file is ours.
+    // ERROR_BADDB for a foreign file, ERROR_REGISTRY_CORRUPT for a damaged one, ERROR_CANTOPEN when it
+    // cannot be opened at all; the file is left as it was in every case.
+    LONG Open(const std::string& path);
+    const std::string& Path() const { return m_path; }
+    const std::string& LastMessage() const { return m_message; }
+
+    std::int64_t RootId(Root root) const { return m_roots[root]; }
+
+    // Reads. Each works inside the open transaction when there is one.
+    LONG FindChild(std::int64_t parent, const std::string& fold, std::int64_t* id);  // 0 when absent
+    LONG KeyExists(std::int64_t id, bool* exists);
+    LONG KeyRow(std::int64_t id, std::int64_t* parent, std::string* name);
+    LONG Children(std::int64_t parent, std::vector<StoredChild>* children);  // in hive order
+    LONG HasChildren(std::int64_t parent, bool* any);
+    LONG GetValue(std::int64_t key, const std::string& fold, bool* found, DWORD* type, std::string* data);
+    LONG Values(std::int64_t key, std::vector<StoredValue>* values);  // in creation order
+    // Changes when another connection commits; the first call only reads it.
+    LONG DataVersion(std::int64_t* version);
+
+    // Writes; each needs BeginWrite first.
+    LONG CreateChild(std::int64_t parent, const std::string& name, std::int64_t* id);
+    LONG SetValue(std::int64_t key, const std::string& name, DWORD type, const void* data, size_t size);
+    LONG DeleteValue(std::int64_t key, const std::string& fold, bool* found);
+    LONG DeleteValues(std::int64_t key);
+    LONG DeleteKeyRow(std::int64_t id);  // and its values; the caller has checked there are no sub-keys
+    void Touch(std::int64_t id) { m_touched.push_back(id); }
+
+    // One write transaction at a time, held until Commit; other processes wait for it.
+    LONG BeginWrite();
+    LONG Commit();
+    bool InWrite() const { return m_inWrite; }
+    // Nested all-or-nothing steps inside the write transaction.
+    LONG Savepoint();
+    LONG Release();
+    void RollbackToSavepoint();
+    // Forces what has been committed to the disk.
+    LONG Sync();
+    // Every commit waits for the disk (slower); the default is a sync by Sync() or the store's timer.
+    void SetSyncEveryCommit(bool on);
+
+private:
+    enum Statement {
+        kFindChild, kKeyExists, kKeyRow, kChildren, kHasChildren, kGetValue, kValues, kDataVersion,
+        kCreateChild, kSetValue, kDeleteValue, kDeleteValues, kDeleteKey, kTouch, kStatementCount
+    };
+    sqlite3_stmt* Prepare(Statement which);
+    LONG Exec(const char* sql);
+    LONG Fail(int rc, const char* what);  // maps an SQLite result to a registry code and records why
+    LONG CheckAndInitialise();
+    void Close();
+
+    sqlite3* m_db = nullptr;
+    std::string m_path;
+    std::string m_message;
+    sqlite3_stmt* m_statements[kStatementCount] = {};
+    std::int64_t m_roots[kRootCount] = {};
+    bool m_inWrite = false;
+    std::vector<std::int64_t> m_touched;
+};
+
+}  // namespace detail
