@@ -1,0 +1,252 @@
+// Reading stream bytes out of a compound file, chain by chain, with every chain bounded by the file.
+#include "platform/compound/internal/FileOps.h"
+#include "platform/compound/internal/Tree.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+
+namespace detail {
+namespace {
+
+class MemoryStore final : public ByteStore {
+public:
+    explicit MemoryStore(std::vector<unsigned char> bytes) : m_bytes(std::move(bytes)) {}
+    long long ReadAt(std::uint64_t offset, void* buffer, std::size_t count) override {
+        if (offset >= m_bytes.size()) return 0;
+        std::size_t n = static_cast<std::size_t>(std::min<std::uint64_t>(count, m_bytes.size() - offset));
+        std::memcpy(buffer, m_bytes.data() + offset, n);
+        return static_cast<long long>(n);
+    }
+    std::uint64_t Size() const override { return m_bytes.size(); }
+
+private:
+    std::vector<unsigned char> m_bytes;
+};
+
+class FileStore final : public ByteStore {
+public:
+    explicit FileStore(int fd) : m_fd(fd) {
+        struct stat st {};
+        if (::fstat(fd, &st) == 0) m_size = static_cast<std::uint64_t>(st.st_size);
+    }
+    ~FileStore() override { CurrentFileOps().close(m_fd); }
+    long long ReadAt(std::uint64_t offset, void* buffer, std::size_t count) override {
+        std::size_t done = 0;
+        auto* out = static_cast<unsigned char*>(buffer);
+        while (done < count) {
+            long long n = CurrentFileOps().pread(m_fd, out + done, count - done, offset + done);
+            if (n < 0) return -1;
+            if (n == 0) break;
+            done += static_cast<std::size_t>(n);
+        }
+        return static_cast<long long>(done);
+    }
+    std::uint64_t Size() const override { return m_size; }
+
+private:
+    int m_fd;
+    std::uint64_t m_size = 0;
+};
+
+}  // namespace
+
+std::unique_ptr<ByteStore> MakeMemoryStore(std::vector<unsigned char> bytes) {
+    return std::make_unique<MemoryStore>(std::move(bytes));
+}
+std::unique_ptr<ByteStore> MakeFileStore(int fd) { return std::make_unique<FileStore>(fd); }
+
+HRESULT ErrnoToStg(int error, HRESULT fallback) {
+    switch (error) {
+    case ENOENT: return STG_E_FILENOTFOUND;
+    case ENOTDIR: return STG_E_PATHNOTFOUND;
+    case EACCES:
+    case EPERM: return STG_E_ACCESSDENIED;
+    case EROFS: return STG_E_DISKISWRITEPROTECTED;
+    case ENOSPC:
+    case EDQUOT:
+    case EFBIG: return STG_E_MEDIUMFULL;
+    case EMFILE:
+    case ENFILE: return STG_E_TOOMANYOPENFILES;
+    case ENOMEM: return STG_E_INSUFFICIENTMEMORY;
+    case EWOULDBLOCK: return STG_E_SHAREVIOLATION;
+    default: return fallback;
+    }
+}
+
+bool Backing::Claim(std::uint32_t sector, std::uint32_t owner) {
+    if (owner == 0) return true;
+    if (m_owner.empty()) m_owner.assign(static_cast<std::size_t>(fileSectors), 0);
+    std::uint32_t& slot = m_owner[sector];
+    if (slot != 0) return false;
+    slot = owner;
+    return true;
+}
+
+HRESULT Backing::ReadSector(std::uint32_t sector, unsigned char* out) {
+    const std::uint32_t ss = SectorSize();
+    long long n = store->ReadAt(SectorOffset(sector), out, ss);
+    if (n < 0) return STG_E_READFAULT;
+    if (static_cast<std::uint64_t>(n) < ss) std::memset(out + n, 0, ss - static_cast<std::size_t>(n));
+    return S_OK;
+}
+
+void Backing::SetMiniChain(std::vector<std::uint32_t> chain) {
+    m_miniChain = std::move(chain);
+    m_miniResolved = true;
+    m_miniHr = S_OK;
+}
+
+HRESULT Backing::MiniChain(const std::vector<std::uint32_t>** chain) {
+    if (!m_miniResolved) {
+        m_miniResolved = true;
+        m_miniHr = Resolve(miniStart, miniSize, false, kOwnerMiniStream, m_miniChain);
+    }
+    *chain = &m_miniChain;
+    return m_miniHr;
+}
+
+HRESULT Backing::Resolve(std::uint32_t start, std::uint64_t size, bool mini, std::uint32_t owner,
+                         std::vector<std::uint32_t>& chain) {
+    chain.clear();
+    if (size == 0) return S_OK;
+    const std::uint32_t unit = mini ? cfb::kMiniSectorSize : SectorSize();
+    const std::uint64_t needed = (size + unit - 1) / unit;
+    const std::vector<std::uint32_t>* table = &fat;
+    std::uint64_t limit = fileSectors;
+    if (mini) {
+        const std::vector<std::uint32_t>* miniChain = nullptr;
+        HRESULT hr = MiniChain(&miniChain);
+        if (FAILED(hr)) return hr;
+        table = &miniFat;
+        limit = std::min<std::uint64_t>(static_cast<std::uint64_t>(miniChain->size()) * (SectorSize() / unit),
+                                        (miniSize + unit - 1) / unit);
+        if (owner != 0 && m_miniOwner.empty()) m_miniOwner.assign(static_cast<std::size_t>(limit), 0);
+    }
+    // A size beyond what the file could hold is refused before anything is allocated for it.
+    if (needed > limit) return STG_E_DOCFILECORRUPT;
+    chain.reserve(static_cast<std::size_t>(needed));
+    std::uint32_t sector = start;
+    for (std::uint64_t i = 0; i < needed; ++i) {
+        if (sector >= limit || sector >= table->size()) return STG_E_DOCFILECORRUPT;
+        if (owner != 0) {
+            if (mini) {
+                if (m_miniOwner[sector] != 0) return STG_E_DOCFILECORRUPT;
+                m_miniOwner[sector] = owner;
+            } else if (!Claim(sector, owner)) {
+                return STG_E_DOCFILECORRUPT;
+            }
+        }
+        chain.push_back(sector);
+        sector = (*table)[sector];
+    }
+    return S_OK;
+}
+
+HRESULT Backing::Read(const std::vector<std::uint32_t>& chain, bool mini, std::uint64_t offset, void* buffer,
+                      std::size_t count) {
+    const std::uint32_t ss = SectorSize();
+    const std::vector<std::uint32_t>* miniChain = nullptr;
+    if (mini) {
+        HRESULT hr = MiniChain(&miniChain);
+        if (FAILED(hr)) return hr;
+    }
+    const std::uint32_t unit = mini ? cfb::kMiniSectorSize : ss;
+    auto* out = static_cast<unsigned char*>(buffer);
+    // Gather runs of adjacent file bytes so that a contiguous stream costs one read.
+    std::uint64_t runStart = 0;
+    std::size_t runLen = 0;
+    unsigned char* runOut = out;
+    auto flush = [&]() -> HRESULT {
+        if (runLen == 0) return S_OK;
+        long long n = store->ReadAt(runStart, runOut, runLen);
+        if (n < 0) return STG_E_READFAULT;
+        // A short last sector reads as zeros, as other readers treat it.
+        if (static_cast<std::size_t>(n) < runLen) std::memset(runOut + n, 0, runLen - static_cast<std::size_t>(n));
+        runLen = 0;
+        return S_OK;
+    };
+    while (count > 0) {
+        std::uint64_t index = offset / unit;
+        std::uint32_t within = static_cast<std::uint32_t>(offset % unit);
+        if (index >= chain.size()) return STG_E_DOCFILECORRUPT;
+        std::size_t take = std::min<std::size_t>(count, unit - within);
+        std::uint64_t fileOffset;
+        if (mini) {
+            std::uint64_t miniOffset = static_cast<std::uint64_t>(chain[index]) * unit + within;
+            std::uint64_t bigIndex = miniOffset / ss;
+            if (bigIndex >= miniChain->size()) return STG_E_DOCFILECORRUPT;
+            fileOffset = SectorOffset((*miniChain)[bigIndex]) + miniOffset % ss;
+        } else {
+            fileOffset = SectorOffset(chain[index]) + within;
+        }
+        if (runLen > 0 && runStart + runLen == fileOffset) {
+            runLen += take;
+        } else {
+            HRESULT hr = flush();
+            if (FAILED(hr)) return hr;
+            runStart = fileOffset;
+            runLen = take;
+            runOut = out;
+        }
+        out += take;
+        offset += take;
+        count -= take;
+    }
+    return flush();
+}
+
+HRESULT StreamContent::Resolve() {
+    if (!resolved) {
+        resolved = true;
+        resolveHr = backing->Resolve(start, size, mini, owner, chain);
+    }
+    return resolveHr;
+}
+
+HRESULT StreamContent::Read(std::uint64_t offset, void* buffer, std::size_t count, std::size_t* got) {
+    *got = 0;
+    if (offset >= size || count == 0) return S_OK;
+    std::size_t n = static_cast<std::size_t>(std::min<std::uint64_t>(count, size - offset));
+    if (!backing) {
+        std::memcpy(buffer, data.data() + offset, n);
+        *got = n;
+        return S_OK;
+    }
+    HRESULT hr = Resolve();
+    if (FAILED(hr)) return hr;
+    hr = backing->Read(chain, mini, offset, buffer, n);
+    if (FAILED(hr)) return hr;
+    *got = n;
+    return S_OK;
+}
+
+NodePtr CloneTree(const Node& node) {
+    auto copy = std::make_shared<Node>();
+    copy->name = node.name;
+    copy->type = node.type;
+    copy->clsid = node.clsid;
+    copy->stateBits = node.stateBits;
+    copy->ctime = node.ctime;
+    copy->mtime = node.mtime;
+    copy->content = node.content;
+    for (const auto& [name, child] : node.children) copy->children.emplace_hint(copy->children.end(), name, CloneTree(*child));
+    return copy;
+}
+
+void KillTree(Node& node) {
+    node.dead = true;
+    for (auto& [name, child] : node.children) KillTree(*child);
+}
+
+bool Contains(const Node& outer, const Node* inner) {
+    if (&outer == inner) return true;
+    for (const auto& [name, child] : outer.children)
+        if (child->IsStorage() && Contains(*child, inner)) return true;
+    return false;
+}
+
+}  // namespace detail

@@ -1,0 +1,24 @@
+// Every file call a commit makes goes through this table, so that tests can fail the Nth write, flush or
+// rename without a full disk. Calls follow POSIX: -1 with errno set on failure.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace detail {
+
+struct FileOps {
+    int (*open)(const char* path, int flags, unsigned mode);
+    long long (*pread)(int fd, void* buf, std::size_t count, std::uint64_t offset);
+    long long (*write)(int fd, const void* buf, std::size_t count);
+    int (*fsync)(int fd);
+    int (*rename)(const char* from, const char* to);
+    int (*unlink)(const char* path);
+    int (*close)(int fd);
+};
+
+// The table in use; tests replace entries and restore RealFileOps() afterwards.
+FileOps& CurrentFileOps();
+const FileOps& RealFileOps();
+
+}  // namespace detail

@@ -1,0 +1,47 @@
+#include <clocale>
+#include <cwctype>
+#include <locale.h>
+
+#include "platform/compound/internal/Format.h"
+
+namespace detail::cfb {
+namespace {
+
+// glibc's C.UTF-8 carries the full Unicode one-to-one case table; without it we fall back to the
+// Latin-1 range, which covers every name Windows-1252 text can produce except a handful of letters.
+locale_t UnicodeLocale() {
+    static locale_t loc = newlocale(LC_CTYPE_MASK, "C.UTF-8", static_cast<locale_t>(nullptr));
+    return loc;
+}
+
+char16_t FallbackUpper(char16_t c) {
+    if (c >= u'a' && c <= u'z') return static_cast<char16_t>(c - 32);
+    if (c >= 0xE0 && c <= 0xFE && c != 0xF7) return static_cast<char16_t>(c - 32);
+    if (c == 0xFF) return 0x178;
+    if (c == 0x153 || c == 0x161 || c == 0x17E) return static_cast<char16_t>(c - 1);
+    return c;
+}
+
+}  // namespace
+
+char16_t UpperUnit(char16_t c) {
+    if (c < 0x80) return (c >= u'a' && c <= u'z') ? static_cast<char16_t>(c - 32) : c;
+    if (c >= 0xD800 && c <= 0xDFFF) return c;
+    if (locale_t loc = UnicodeLocale()) {
+        wint_t u = towupper_l(static_cast<wint_t>(c), loc);
+        // A mapping that leaves the 16-bit range would change the unit count; keep the unit then.
+        return u <= 0xFFFF ? static_cast<char16_t>(u) : c;
+    }
+    return FallbackUpper(c);
+}
+
+int CompareNames(std::u16string_view a, std::u16string_view b) {
+    if (a.size() != b.size()) return a.size() < b.size() ? -1 : 1;
+    for (std::size_t i = 0; i < a.size(); ++i) {
+        char16_t x = UpperUnit(a[i]), y = UpperUnit(b[i]);
+        if (x != y) return x < y ? -1 : 1;
+    }
+    return 0;
+}
+
+}  // namespace detail::cfb

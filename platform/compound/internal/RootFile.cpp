@@ -1,0 +1,212 @@
+// The file behind a root storage: opening under a lock, and the crash-safe commit (new file beside the
+// old one, flushed, renamed over it, directory flushed).
+#include "platform/compound/internal/FileOps.h"
+#include "platform/compound/internal/Handles.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <random>
+
+
+namespace detail {
+namespace {
+
+std::string DirectoryOf(const std::string& path) {
+    auto slash = path.rfind('/');
+    if (slash == std::string::npos) return ".";
+    if (slash == 0) return "/";
+    return path.substr(0, slash);
+}
+
+std::string TempNameFor(const std::string& path) {
+    static std::mt19937_64 rng{std::random_device{}()};
+    char suffix[32];
+    std::snprintf(suffix, sizeof suffix, ".~%08llx.tmp", static_cast<unsigned long long>(rng() & 0xFFFFFFFFull));
+    return path + suffix;
+}
+
+// Takes the lock and makes sure the path still names the file locked: a commit by the previous holder
+// may have replaced it between our open and our lock.
+HRESULT LockedOpen(const std::string& path, int lock, int& fdOut) {
+    for (int attempt = 0; attempt < 20; ++attempt) {
+        int fd = CurrentFileOps().open(path.c_str(), O_RDONLY, 0);
+        if (fd < 0) return ErrnoToStg(errno, STG_E_FILENOTFOUND);
+        if (lock == 0) {
+            fdOut = fd;
+            return S_OK;
+        }
+        if (::flock(fd, (lock == 2 ? LOCK_EX : LOCK_SH) | LOCK_NB) != 0) {
+            int e = errno;
+            CurrentFileOps().close(fd);
+            return e == EWOULDBLOCK ? STG_E_SHAREVIOLATION : ErrnoToStg(e, STG_E_LOCKVIOLATION);
+        }
+        struct stat a {}, b {};
+        if (::fstat(fd, &a) == 0 && ::stat(path.c_str(), &b) == 0 && a.st_ino == b.st_ino && a.st_dev == b.st_dev) {
+            fdOut = fd;
+            return S_OK;
+        }
+        CurrentFileOps().close(fd);
+    }
+    return STG_E_LOCKVIOLATION;
+}
+
+}  // namespace
+
+std::uint64_t NowFileTime() {
+    using namespace std::chrono;
+    auto ticks = duration_cast<nanoseconds>(system_clock::now().time_since_epoch()).count() / 100;
+    return static_cast<std::uint64_t>(ticks) + 116444736000000000ull;
+}
+
+LPOLESTR CopyName(std::u16string_view name) {
+    auto* out = static_cast<LPOLESTR>(CoTaskMemAlloc((name.size() + 1) * sizeof(OLECHAR)));
+    if (!out) return nullptr;
+    std::memcpy(out, name.data(), name.size() * sizeof(OLECHAR));
+    out[name.size()] = 0;
+    return out;
+}
+
+std::u16string Utf8ToUtf16(std::string_view s) {
+    std::u16string out;
+    for (std::size_t i = 0; i < s.size();) {
+        unsigned char c = static_cast<unsigned char>(s[i]);
+        std::uint32_t cp;
+        int len;
+        if (c < 0x80) { cp = c; len = 1; }
+        else if ((c >> 5) == 6) { cp = c & 0x1F; len = 2; }
+        else if ((c >> 4) == 14) { cp = c & 0x0F; len = 3; }
+        else if ((c >> 3) == 30) { cp = c & 0x07; len = 4; }
+        else { out.push_back(0xFFFD); ++i; continue; }
+        if (i + len > s.size()) { out.push_back(0xFFFD); break; }
+        for (int k = 1; k < len; ++k) cp = (cp << 6) | (static_cast<unsigned char>(s[i + k]) & 0x3F);
+        i += len;
+        if (cp >= 0x10000) {
+            cp -= 0x10000;
+            out.push_back(static_cast<char16_t>(0xD800 + (cp >> 10)));
+            out.push_back(static_cast<char16_t>(0xDC00 + (cp & 0x3FF)));
+        } else {
+            out.push_back(static_cast<char16_t>(cp));
+        }
+    }
+    return out;
+}
+
+std::string Utf16ToUtf8(std::u16string_view s) {
+    std::string out;
+    for (std::size_t i = 0; i < s.size(); ++i) {
+        std::uint32_t cp = s[i];
+        if (cp >= 0xD800 && cp < 0xDC00 && i + 1 < s.size() && s[i + 1] >= 0xDC00 && s[i + 1] < 0xE000) {
+            cp = 0x10000 + ((cp - 0xD800) << 10) + (s[i + 1] - 0xDC00);
+            ++i;
+        }
+        if (cp < 0x80) {
+            out.push_back(static_cast<char>(cp));
+        } else if (cp < 0x800) {
+            out.push_back(static_cast<char>(0xC0 | (cp >> 6)));
+            out.push_back(static_cast<char>(0x80 | (cp & 0x3F)));
+        } else if (cp < 0x10000) {
+            out.push_back(static_cast<char>(0xE0 | (cp >> 12)));
+            out.push_back(static_cast<char>(0x80 | ((cp >> 6) & 0x3F)));
+            out.push_back(static_cast<char>(0x80 | (cp & 0x3F)));
+        } else {
+            out.push_back(static_cast<char>(0xF0 | (cp >> 18)));
+            out.push_back(static_cast<char>(0x80 | ((cp >> 12) & 0x3F)));
+            out.push_back(static_cast<char>(0x80 | ((cp >> 6) & 0x3F)));
+            out.push_back(static_cast<char>(0x80 | (cp & 0x3F)));
+        }
+    }
+    return out;
+}
+
+HRESULT RootFile::Commit(const Node& tree) {
+    if (!m_writable || m_path.empty()) return STG_E_ACCESSDENIED;
+    const FileOps& ops = CurrentFileOps();
+    std::string temp;
+    int fd = -1;
+    for (int attempt = 0; attempt < 10 && fd < 0; ++attempt) {
+        temp = TempNameFor(m_path);
+        fd = ops.open(temp.c_str(), O_RDWR | O_CREAT | O_EXCL, 0600);
+        if (fd < 0 && errno != EEXIST) return ErrnoToStg(errno, STG_E_CANTSAVE);
+    }
+    if (fd < 0) return STG_E_CANTSAVE;
+    // Locked before it becomes visible under the real name, so no other opener slips in.
+    ::flock(fd, LOCK_EX | LOCK_NB);
+    WrittenFile written;
+    HRESULT hr = WriteCompoundFile(tree, fd, written);
+    if (SUCCEEDED(hr) && ops.fsync(fd) != 0) hr = ErrnoToStg(errno, STG_E_WRITEFAULT);
+    if (SUCCEEDED(hr) && m_permissions != 0600) ::fchmod(fd, m_permissions);
+    if (SUCCEEDED(hr) && ops.rename(temp.c_str(), m_path.c_str()) != 0) hr = ErrnoToStg(errno, STG_E_WRITEFAULT);
+    if (FAILED(hr)) {
+        ops.close(fd);
+        ops.unlink(temp.c_str());
+        return hr;
+    }
+    // The rename is durable only once the directory is flushed. A failure here cannot be undone (the new
+    // file is already in place), and the data itself is on disk, so it is not reported.
+    int dir = ops.open(DirectoryOf(m_path).c_str(), O_RDONLY | O_DIRECTORY, 0);
+    if (dir >= 0) {
+        ops.fsync(dir);
+        ops.close(dir);
+    }
+    RebindWritten(written, MakeFileStore(fd));
+    m_backing = written.backing;
+    return S_OK;
+}
+
+HRESULT OpenRootFile(const std::string& path, int lock, bool writable, std::shared_ptr<RootFile>& file,
+                     NodePtr& tree) {
+    if (writable && ::access(path.c_str(), W_OK) != 0 && errno == EACCES) return STG_E_ACCESSDENIED;
+    int fd = -1;
+    HRESULT hr = LockedOpen(path, lock, fd);
+    if (FAILED(hr)) return hr;
+    struct stat st {};
+    if (::fstat(fd, &st) == 0 && S_ISDIR(st.st_mode)) {
+        CurrentFileOps().close(fd);
+        return STG_E_ACCESSDENIED;
+    }
+    auto f = std::make_shared<RootFile>();
+    f->m_path = path;
+    f->m_permissions = st.st_mode & 07777;
+    f->m_writable = writable;
+    hr = ReadCompoundFile(MakeFileStore(fd), f->m_backing, tree);
+    if (FAILED(hr)) return hr;
+    file = std::move(f);
+    return S_OK;
+}
+
+HRESULT CreateRootFile(const std::string& path, bool replace, std::shared_ptr<RootFile>& file, NodePtr& tree) {
+    int old = CurrentFileOps().open(path.c_str(), O_RDONLY, 0);
+    if (old >= 0) {
+        struct stat st {};
+        bool isDir = ::fstat(old, &st) == 0 && S_ISDIR(st.st_mode);
+        bool locked = ::flock(old, LOCK_EX | LOCK_NB) != 0;
+        CurrentFileOps().close(old);
+        if (isDir) return STG_E_ACCESSDENIED;
+        if (!replace) return STG_E_FILEALREADYEXISTS;
+        if (locked) return STG_E_SHAREVIOLATION;
+    } else if (errno != ENOENT) {
+        return ErrnoToStg(errno, STG_E_ACCESSDENIED);
+    } else {
+        struct stat st {};
+        if (::stat(DirectoryOf(path).c_str(), &st) != 0) return STG_E_PATHNOTFOUND;
+    }
+    auto f = std::make_shared<RootFile>();
+    f->m_path = path;
+    f->m_writable = true;
+    auto root = std::make_shared<Node>();
+    root->name = u"Root Entry";
+    root->type = cfb::kTypeRoot;
+    HRESULT hr = f->Commit(*root);
+    if (FAILED(hr)) return hr;
+    file = std::move(f);
+    tree = std::move(root);
+    return S_OK;
+}
+
+}  // namespace detail

@@ -1,0 +1,147 @@
+// The engine's model of a compound file: a tree of nodes in memory whose stream bytes stay in the file
+// they came from until someone changes them. The storage and stream handles work on this tree only; the
+// reader builds it from bytes and the writer turns it into a new file.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/OleStorage.h"
+#include "platform/compound/internal/Format.h"
+
+namespace detail {
+
+// Random-access bytes of one file version: a real file or a buffer.
+class ByteStore {
+public:
+    virtual ~ByteStore() = default;
+    // Bytes read (fewer only at the end of the store), or -1 on an I/O error.
+    virtual long long ReadAt(std::uint64_t offset, void* buffer, std::size_t count) = 0;
+    virtual std::uint64_t Size() const = 0;
+};
+
+std::unique_ptr<ByteStore> MakeMemoryStore(std::vector<unsigned char> bytes);
+// Takes ownership of fd (and with it any lock held through it).
+std::unique_ptr<ByteStore> MakeFileStore(int fd);
+
+// The allocation tables of one file version, and the byte store they describe.
+class Backing {
+public:
+    std::unique_ptr<ByteStore> store;
+    std::uint32_t sectorShift = 9;
+    std::uint64_t fileSectors = 0;  // sectors at least partly present in the store
+    std::vector<std::uint32_t> fat;
+    std::vector<std::uint32_t> miniFat;
+    std::uint32_t miniStart = cfb::ENDOFCHAIN;
+    std::uint64_t miniSize = 0;
+
+    std::uint32_t SectorSize() const { return 1u << sectorShift; }
+    std::uint64_t SectorOffset(std::uint32_t sector) const {
+        return (static_cast<std::uint64_t>(sector) + 1) << sectorShift;
+    }
+
+    // Follows the chain that holds `size` bytes. A chain that leaves the file, loops, runs into another
+    // chain or ends early gives STG_E_DOCFILECORRUPT; a chain longer than needed is accepted.
+    // owner identifies the chain so that shared sectors are noticed (0 = do not track).
+    HRESULT Resolve(std::uint32_t start, std::uint64_t size, bool mini, std::uint32_t owner,
+                    std::vector<std::uint32_t>& chain);
+    // Reads bytes [offset, offset+count) of a resolved chain.
+    HRESULT Read(const std::vector<std::uint32_t>& chain, bool mini, std::uint64_t offset, void* buffer,
+                 std::size_t count);
+    // Installs the mini stream's chain when the writer already knows it.
+    void SetMiniChain(std::vector<std::uint32_t> chain);
+
+    // Reads whole sectors; bytes past the end of a short last sector read as zero.
+    HRESULT ReadSector(std::uint32_t sector, unsigned char* out);
+
+    // Marks a sector as belonging to `owner`; false when it already belongs to a chain.
+    bool Claim(std::uint32_t sector, std::uint32_t owner);
+
+private:
+    HRESULT MiniChain(const std::vector<std::uint32_t>** chain);
+
+    std::vector<std::uint32_t> m_owner;
+    std::vector<std::uint32_t> m_miniOwner;
+    std::vector<std::uint32_t> m_miniChain;
+    bool m_miniResolved = false;
+    HRESULT m_miniHr = S_OK;
+};
+
+// Owners of the chains that are not streams; streams use their directory index + 1.
+constexpr std::uint32_t kOwnerTables = 0xFFFFFF01;
+constexpr std::uint32_t kOwnerDirectory = 0xFFFFFF02;
+constexpr std::uint32_t kOwnerMiniFat = 0xFFFFFF03;
+constexpr std::uint32_t kOwnerMiniStream = 0xFFFFFF04;
+
+// Bytes of one stream version. Shared between trees (a transacted copy and its parent) until one side
+// writes; a writer first takes a private copy (copy on write).
+struct StreamContent {
+    std::uint64_t size = 0;
+    std::vector<unsigned char> data;  // the bytes, when not in a backing file
+    std::shared_ptr<Backing> backing;
+    std::uint32_t start = cfb::ENDOFCHAIN;
+    bool mini = false;
+    std::uint32_t owner = 0;
+    std::vector<std::uint32_t> chain;
+    bool resolved = false;
+    HRESULT resolveHr = S_OK;
+
+    // Reads up to count bytes at offset; *got tells how many (0 at or past the end).
+    HRESULT Read(std::uint64_t offset, void* buffer, std::size_t count, std::size_t* got);
+    HRESULT Resolve();
+};
+
+struct Node;
+using NodePtr = std::shared_ptr<Node>;
+
+struct Node {
+    std::u16string name;
+    std::uint8_t type = cfb::kTypeStream;  // kTypeStorage, kTypeStream or kTypeRoot
+    CLSID clsid = CLSID_NULL;
+    std::uint32_t stateBits = 0;
+    std::uint64_t ctime = 0;
+    std::uint64_t mtime = 0;
+    std::shared_ptr<StreamContent> content;          // streams
+    std::map<std::u16string, NodePtr, cfb::NameLess> children;  // storages
+    bool open = false;  // a handle is open on it (share mode exclusive)
+    bool dead = false;  // removed from its tree: handles on it are reverted
+
+    bool IsStorage() const { return type != cfb::kTypeStream; }
+    std::uint64_t Size() const { return content ? content->size : 0; }
+};
+
+// A copy of the subtree; stream bytes are shared until written.
+NodePtr CloneTree(const Node& node);
+// Marks the node and everything under it as removed.
+void KillTree(Node& node);
+// True when `inner` is `outer` or lies under it.
+bool Contains(const Node& outer, const Node* inner);
+
+// Parses a compound file. Fails with the codes StgOpenStorage gives.
+HRESULT ReadCompoundFile(std::unique_ptr<ByteStore> store, std::shared_ptr<Backing>& backing, NodePtr& root);
+
+// Result of writing a tree: the tables of the new file, to rebind the written streams to it once the
+// file is in place.
+struct WrittenFile {
+    std::shared_ptr<Backing> backing;  // store not set yet
+    struct Placement {
+        std::shared_ptr<StreamContent> content;
+        std::uint32_t start;
+        std::uint32_t count;
+        bool mini;
+    };
+    std::vector<Placement> placements;
+    std::vector<std::uint32_t> miniChain;
+};
+
+// Writes the whole tree as a version 3 file to fd (positioned at 0) through CurrentFileOps().
+HRESULT WriteCompoundFile(const Node& root, int fd, WrittenFile& out);
+// Points the written streams at the new file and lets go of their in-memory bytes.
+void RebindWritten(WrittenFile& written, std::unique_ptr<ByteStore> store);
+
+HRESULT ErrnoToStg(int error, HRESULT fallback);
+
+}  // namespace detail
