@@ -62,11 +62,11 @@ ScriptedServer& ScriptedServer::Delay(int ms) {
     return *this;
 }
 ScriptedServer& ScriptedServer::Close() {
-    m_steps.push_back({Step::kClose});
+    m_steps.push_back({Step::kClose, {}});
     return *this;
 }
 ScriptedServer& ScriptedServer::Hold() {
-    m_steps.push_back({Step::kHold});
+    m_steps.push_back({Step::kHold, {}});
     return *this;
 }
 ScriptedServer& ScriptedServer::Mark(std::string name) {
@@ -78,7 +78,7 @@ ScriptedServer& ScriptedServer::Gate(std::string name) {
     return *this;
 }
 ScriptedServer& ScriptedServer::Accept() {
-    m_steps.push_back({Step::kAccept});
+    m_steps.push_back({Step::kAccept, {}});
     return *this;
 }
 
