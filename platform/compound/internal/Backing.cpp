@@ -224,7 +224,7 @@ HRESULT StreamContent::Read(std::uint64_t offset, void* buffer, std::size_t coun
     return S_OK;
 }
 
-NodePtr CloneTree(const Node& node) {
+NodePtr CloneTree(const Node& node, bool separateContents) {
     auto copy = std::make_shared<Node>();
     copy->name = node.name;
     copy->type = node.type;
@@ -233,7 +233,13 @@ NodePtr CloneTree(const Node& node) {
     copy->ctime = node.ctime;
     copy->mtime = node.mtime;
     copy->content = node.content;
-    for (const auto& [name, child] : node.children) copy->children.emplace_hint(copy->children.end(), name, CloneTree(*child));
+    if (separateContents && node.content) {
+        // Resolved first, so that the copy does not claim the same sectors a second time.
+        if (node.content->backing) node.content->Resolve();
+        copy->content = std::make_shared<StreamContent>(*node.content);
+    }
+    for (const auto& [name, child] : node.children)
+        copy->children.emplace_hint(copy->children.end(), name, CloneTree(*child, separateContents));
     return copy;
 }
 

@@ -36,6 +36,10 @@ std::string TempNameFor(const std::string& path) {
 HRESULT LockedOpen(const std::string& path, int lock, int& fdOut) {
     for (int attempt = 0; attempt < 20; ++attempt) {
         int fd = CurrentFileOps().open(path.c_str(), O_RDONLY, 0);
+        if (fd < 0 && errno == ENOENT) {
+            struct stat st {};
+            return ::stat(DirectoryOf(path).c_str(), &st) == 0 ? STG_E_FILENOTFOUND : STG_E_PATHNOTFOUND;
+        }
         if (fd < 0) return ErrnoToStg(errno, STG_E_FILENOTFOUND);
         if (lock == 0) {
             fdOut = fd;

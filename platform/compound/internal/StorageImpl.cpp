@@ -40,7 +40,7 @@ HRESULT MergeInto(const Node& src, Node& dest, bool skipStorages, bool skipStrea
             KillTree(*it->second);
             dest.children.erase(it);
         }
-        NodePtr copy = CloneTree(*child);
+        NodePtr copy = CloneTree(*child, true);
         if (copy->IsStorage() && (skipStorages || skipStreams)) {
             copy->children.clear();
             HRESULT hr = MergeInto(*child, *copy, skipStorages, skipStreams, nullptr);

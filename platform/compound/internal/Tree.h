@@ -113,8 +113,10 @@ struct Node {
     std::uint64_t Size() const { return content ? content->size : 0; }
 };
 
-// A copy of the subtree; stream bytes are shared until written.
-NodePtr CloneTree(const Node& node);
+// A copy of the subtree; stream bytes are shared until written. With separateContents the streams get
+// their own content records, so that a commit of another file cannot repoint them (bytes in memory are
+// copied, bytes in a file still read from it).
+NodePtr CloneTree(const Node& node, bool separateContents = false);
 // Marks the node and everything under it as removed.
 void KillTree(Node& node);
 // True when `inner` is `outer` or lies under it.

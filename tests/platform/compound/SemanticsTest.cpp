@@ -1,0 +1,386 @@
+// What the library relies on: names, share modes, result codes, transactions, enumeration, copying.
+#include <gtest/gtest.h>
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <random>
+
+#include "platform/CString.h"
+#include "platform/compound/internal/Format.h"
+#include "tests/platform/compound/CompoundTestSupport.h"
+#include "tests/support/TempDir.h"
+
+namespace tavik::test {
+namespace {
+
+using detail::cfb::Get16;
+using detail::cfb::Get32;
+
+std::string Slurp(const std::string& path) {
+    std::ifstream f(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(f), {}};
+}
+
+std::vector<std::string> Names(IStorage* stg) {
+    std::vector<std::string> names;
+    Com<IEnumSTATSTG> en;
+    EXPECT_EQ(stg->EnumElements(0, nullptr, 0, en.out()), S_OK);
+    STATSTG st[7];
+    ULONG got = 0;
+    HRESULT hr;
+    do {
+        hr = en->Next(7, st, &got);
+        for (ULONG i = 0; i < got; ++i) {
+            names.push_back(WideToAnsi(st[i].pwcsName));
+            CoTaskMemFree(st[i].pwcsName);
+        }
+    } while (hr == S_OK);
+    EXPECT_EQ(hr, S_FALSE);
+    return names;
+}
+
+// Checks every sibling tree of a file we wrote: ordered by the name rule, root black, no red node with a
+// red child, one black height. Returns the deepest sibling tree seen.
+int CheckDirectoryTrees(const std::string& path) {
+    std::string f = Slurp(path);
+    const auto* b = reinterpret_cast<const unsigned char*>(f.data());
+    std::vector<const unsigned char*> entries;
+    std::uint32_t s = Get32(b + 0x30);
+    while (s != detail::cfb::ENDOFCHAIN) {
+        for (int i = 0; i < 4; ++i) entries.push_back(b + 512 * (s + 1) + 128 * i);
+        // FAT sector ids come from the header list; the walk below suffices for the test files.
+        std::uint32_t fatSector = Get32(b + 0x4C + 4 * (s / 128));
+        s = Get32(b + 512 * (fatSector + 1) + 4 * (s % 128));
+    }
+    auto name = [&](std::uint32_t id) {
+        std::u16string n;
+        for (int i = 0; i < Get16(entries[id] + 0x40) / 2 - 1; ++i) n.push_back(Get16(entries[id] + 2 * i));
+        return n;
+    };
+    int deepest = 0;
+    // Returns the black height; checks order within (lo, hi).
+    std::function<int(std::uint32_t, int, bool, const std::u16string*, const std::u16string*)> check =
+        [&](std::uint32_t id, int depth, bool parentRed, const std::u16string* lo, const std::u16string* hi) -> int {
+        if (id == detail::cfb::NOSTREAM) return 1;
+        deepest = std::max(deepest, depth + 1);
+        const unsigned char* e = entries.at(id);
+        bool red = e[0x43] == 0;
+        EXPECT_FALSE(red && parentRed) << "red child of a red node";
+        std::u16string n = name(id);
+        if (lo) {
+            EXPECT_LT(detail::cfb::CompareNames(*lo, n), 0);
+        }
+        if (hi) {
+            EXPECT_LT(detail::cfb::CompareNames(n, *hi), 0);
+        }
+        int l = check(Get32(e + 0x44), depth + 1, red, lo, &n);
+        int r = check(Get32(e + 0x48), depth + 1, red, &n, hi);
+        EXPECT_EQ(l, r) << "black heights differ";
+        if (e[0x42] != detail::cfb::kTypeStream) {
+            std::uint32_t child = Get32(e + 0x4C);
+            if (child != detail::cfb::NOSTREAM) {
+                EXPECT_EQ(entries.at(child)[0x43], 1) << "sibling tree root must be black";
+                check(child, 0, false, nullptr, nullptr);
+            }
+        }
+        return l + (red ? 0 : 1);
+    };
+    check(Get32(entries[0] + 0x4C), 0, false, nullptr, nullptr);
+    return deepest;
+}
+
+class CompoundSemantics : public ::testing::Test {
+protected:
+    void SetUp() override {
+        m_file = m_dir.file("t.ole");
+        ASSERT_EQ(StgCreateDocfile(m_file.c_str(), kRW | STGM_CREATE, 0, m_root.out()), S_OK);
+    }
+    TempDir m_dir;
+    std::string m_file;
+    Com<IStorage> m_root;
+};
+
+TEST_F(CompoundSemantics, NamesFollowTheFormatRules) {
+    Com<IStream> s;
+    std::string longest(31, 'x');
+    EXPECT_EQ(m_root->CreateStream(longest.c_str(), kRW, 0, 0, s.out()), S_OK);
+    EXPECT_EQ(m_root->CreateStream(std::string(32, 'y').c_str(), kRW, 0, 0, s.out()), STG_E_INVALIDNAME);
+    EXPECT_EQ(m_root->CreateStream(static_cast<const char*>(nullptr), kRW, 0, 0, s.out()), STG_E_INVALIDNAME);
+    EXPECT_EQ(s.get(), nullptr);
+    for (const char* bad : {"a/b", "a\\b", "a:b", "a!b", ""})
+        EXPECT_EQ(m_root->CreateStream(bad, kRW, 0, 0, s.out()), STG_E_INVALIDNAME) << bad;
+    ASSERT_EQ(PutStream(m_root.get(), "Abc", {1, 2, 3}), S_OK);
+    EXPECT_EQ(m_root->CreateStream("ABC", kRW, 0, 0, s.out()), STG_E_FILEALREADYEXISTS);
+    EXPECT_EQ(GetStream(m_root.get(), "aBC"), (std::vector<unsigned char>{1, 2, 3}));
+    // Windows-1252 letters fold too (\xe9 e-acute, \xc9 its capital); sharp s has no one-unit capital.
+    ASSERT_EQ(PutStream(m_root.get(), "caf\xe9", {4}), S_OK);
+    EXPECT_EQ(GetStream(m_root.get(), "CAF\xc9"), std::vector<unsigned char>{4});
+    ASSERT_EQ(PutStream(m_root.get(), "\xdf", {5}), S_OK);
+    ASSERT_EQ(PutStream(m_root.get(), "SS", {6}), S_OK);
+    for (const char* n : {"B", "AA", "a", "\001CompObj"}) ASSERT_EQ(PutStream(m_root.get(), n, {}), S_OK);
+    s.reset();
+    // Shorter names first, then by upper-cased units.
+    EXPECT_EQ(Names(m_root.get()),
+              (std::vector<std::string>{"a", "B", "\xdf", "AA", "SS", "Abc", "caf\xe9", "\001CompObj", longest}));
+    m_root.reset();
+    EXPECT_EQ(CheckDirectoryTrees(m_file) > 0, true);
+    Com<IStorage> again;
+    ASSERT_EQ(StgOpenStorage(m_file.c_str(), nullptr, kRO, nullptr, 0, again.out()), S_OK);
+    EXPECT_EQ(GetStream(again.get(), "\001compobj").size(), 0u);
+    EXPECT_EQ(GetStream(again.get(), "\xdf"), std::vector<unsigned char>{5});
+}
+
+TEST_F(CompoundSemantics, ElementModesAndOpenElements) {
+    ASSERT_EQ(PutStream(m_root.get(), "s", {1}), S_OK);
+    Com<IStream> a, b;
+    ASSERT_EQ(m_root->OpenStream("s", nullptr, kRW, 0, a.out()), S_OK);
+    EXPECT_EQ(m_root->OpenStream("s", nullptr, kRO, 0, b.out()), STG_E_ACCESSDENIED);
+    EXPECT_EQ(m_root->CreateStream("s", kRW | STGM_CREATE, 0, 0, b.out()), STG_E_ACCESSDENIED);
+    EXPECT_EQ(m_root->RenameElement("s", "t"), STG_E_ACCESSDENIED);
+    a.reset();
+    EXPECT_EQ(m_root->OpenStream("s", nullptr, STGM_READ | STGM_SHARE_DENY_NONE, 0, b.out()), STG_E_INVALIDFLAG);
+    EXPECT_EQ(m_root->OpenStream("s", nullptr, kRW | STGM_TRANSACTED, 0, b.out()), STG_E_INVALIDFUNCTION);
+    EXPECT_EQ(m_root->OpenStream("missing", nullptr, kRO, 0, b.out()), STG_E_FILENOTFOUND);
+    EXPECT_EQ(m_root->CreateStream("s", kRW, 0, 0, b.out()), STG_E_FILEALREADYEXISTS);
+    Com<IStorage> sub;
+    EXPECT_EQ(m_root->OpenStorage("s", nullptr, kRW, nullptr, 0, sub.out()), STG_E_FILENOTFOUND);
+    ASSERT_EQ(m_root->CreateStorage("sub", kRW, 0, 0, sub.out()), S_OK);
+    Com<IStorage> sub2;
+    EXPECT_EQ(m_root->OpenStorage("sub", nullptr, kRW, nullptr, 0, sub2.out()), STG_E_ACCESSDENIED);
+    ASSERT_EQ(PutStream(m_root.get(), "t", {2}), S_OK);
+    EXPECT_EQ(m_root->RenameElement("t", "S"), STG_E_FILEALREADYEXISTS);
+    EXPECT_EQ(m_root->RenameElement("t", "u"), S_OK);
+    EXPECT_EQ(GetStream(m_root.get(), "U"), std::vector<unsigned char>{2});
+}
+
+TEST_F(CompoundSemantics, FileLevelCodes) {
+    Com<IStorage> other;
+    EXPECT_EQ(StgCreateDocfile(m_file.c_str(), kRW, 0, other.out()), STG_E_FILEALREADYEXISTS);
+    EXPECT_EQ(StgCreateDocfile(m_dir.file("x").c_str(), kRO | STGM_CREATE, 0, other.out()), STG_E_INVALIDFLAG);
+    EXPECT_EQ(StgCreateDocfile(m_dir.file("x").c_str(), STGM_READWRITE | STGM_CREATE, 0, other.out()), STG_E_INVALIDFLAG);
+    EXPECT_EQ(StgOpenStorage(m_dir.file("none").c_str(), nullptr, kRO, nullptr, 0, other.out()), STG_E_FILENOTFOUND);
+    EXPECT_EQ(StgOpenStorage(m_dir.file("no/dir").c_str(), nullptr, kRO, nullptr, 0, other.out()), STG_E_PATHNOTFOUND);
+    EXPECT_EQ(StgOpenStorage(m_file.c_str(), nullptr, kRW | STGM_CREATE, nullptr, 0, other.out()), STG_E_INVALIDFLAG);
+    std::ofstream(m_dir.file("text")) << "not a compound file, but long enough to have a header........";
+    EXPECT_EQ(StgOpenStorage(m_dir.file("text").c_str(), nullptr, kRO, nullptr, 0, other.out()), STG_E_FILEALREADYEXISTS);
+    EXPECT_EQ(StgIsStorageFile(m_dir.file("text").c_str()), S_FALSE);
+    EXPECT_EQ(StgIsStorageFile(m_file.c_str()), S_OK);
+    // The open file is locked, in this process and in another.
+    EXPECT_EQ(StgOpenStorage(m_file.c_str(), nullptr, kRO, nullptr, 0, other.out()), STG_E_SHAREVIOLATION);
+    EXPECT_EQ(StgCreateDocfile(m_file.c_str(), kRW | STGM_CREATE, 0, other.out()), STG_E_SHAREVIOLATION);
+    pid_t pid = fork();
+    if (pid == 0) {
+        IStorage* p = nullptr;
+        _exit(StgOpenStorage(m_file.c_str(), nullptr, kRW, nullptr, 0, &p) == STG_E_SHAREVIOLATION ? 0 : 1);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+    // Still locked after a commit replaced the file.
+    ASSERT_EQ(PutStream(m_root.get(), "s", {1}), S_OK);
+    ASSERT_EQ(m_root->Commit(STGC_DEFAULT), S_OK);
+    EXPECT_EQ(StgOpenStorage(m_file.c_str(), nullptr, kRO, nullptr, 0, other.out()), STG_E_SHAREVIOLATION);
+    m_root.reset();
+    EXPECT_EQ(StgOpenStorage(m_file.c_str(), nullptr, kRO, nullptr, 0, other.out()), S_OK);
+}
+
+TEST_F(CompoundSemantics, ReadOnlyOpenChangesNothing) {
+    ASSERT_EQ(PutStream(m_root.get(), "s", {1, 2}), S_OK);
+    m_root.reset();
+    std::string before = Slurp(m_file);
+    Com<IStorage> ro;
+    ASSERT_EQ(StgOpenStorage(m_file.c_str(), nullptr, kRO, nullptr, 0, ro.out()), S_OK);
+    Com<IStream> s;
+    EXPECT_EQ(ro->CreateStream("n", kRW, 0, 0, s.out()), STG_E_ACCESSDENIED);
+    EXPECT_EQ(ro->OpenStream("s", nullptr, kRW, 0, s.out()), STG_E_ACCESSDENIED);
+    EXPECT_EQ(ro->DestroyElement("s"), STG_E_ACCESSDENIED);
+    ASSERT_EQ(ro->OpenStream("s", nullptr, kRO, 0, s.out()), S_OK);
+    ULONG n = 0xdeadbeef;
+    EXPECT_EQ(s->Write("x", 1, &n), STG_E_ACCESSDENIED);
+    EXPECT_EQ(n, 0u);
+    s.reset();
+    EXPECT_EQ(ro->Commit(STGC_DEFAULT), S_OK);
+    ro.reset();
+    EXPECT_EQ(Slurp(m_file), before);
+}
+
+TEST_F(CompoundSemantics, TransactedStoragesPublishOnlyAtCommit) {
+    Com<IStorage> sub;
+    ASSERT_EQ(m_root->CreateStorage("msg", kRW | STGM_TRANSACTED, 0, 0, sub.out()), S_OK);
+    ASSERT_EQ(PutStream(sub.get(), "Header", {1}), S_OK);
+    EXPECT_EQ(sub->Revert(), S_OK);
+    EXPECT_EQ(GetStream(sub.get(), "Header").size(), 0u);
+    ASSERT_EQ(PutStream(sub.get(), "Header", {2}), S_OK);
+    ASSERT_EQ(sub->Commit(STGC_DEFAULT), S_OK);
+    ASSERT_EQ(PutStream(sub.get(), "Body", {3}), S_OK);
+    sub.reset();  // released without a commit: "Body" is dropped
+    ASSERT_EQ(m_root->OpenStorage("msg", nullptr, kRW, nullptr, 0, sub.out()), S_OK);
+    EXPECT_EQ(Names(sub.get()), std::vector<std::string>{"Header"});
+    sub.reset();
+
+    // A transacted root: nothing reaches the disk before its commit, and Revert returns to the file.
+    m_root.reset();
+    std::string before = Slurp(m_file);
+    ASSERT_EQ(StgOpenStorage(m_file.c_str(), nullptr, kRW | STGM_TRANSACTED, nullptr, 0, m_root.out()), S_OK);
+    ASSERT_EQ(m_root->OpenStorage("msg", nullptr, kRW | STGM_TRANSACTED, nullptr, 0, sub.out()), S_OK);
+    ASSERT_EQ(PutStream(sub.get(), "Folder", {4}), S_OK);
+    ASSERT_EQ(sub->Commit(STGC_DEFAULT), S_OK);
+    sub.reset();
+    EXPECT_EQ(Slurp(m_file), before);
+    ASSERT_EQ(m_root->Revert(), S_OK);
+    Com<IStorage> msg = OpenPath(m_root.get(), "msg");
+    ASSERT_TRUE(msg);
+    EXPECT_EQ(Names(msg.get()), std::vector<std::string>{"Header"});
+    ASSERT_EQ(PutStream(msg.get(), "Folder", {5}), S_OK);
+    msg.reset();
+    m_root.reset();  // transacted root released without commit
+    EXPECT_EQ(Slurp(m_file), before);
+    ASSERT_EQ(StgOpenStorage(m_file.c_str(), nullptr, kRW | STGM_TRANSACTED, nullptr, 0, m_root.out()), S_OK);
+    msg = OpenPath(m_root.get(), "msg");
+    ASSERT_EQ(PutStream(msg.get(), "Folder", {6}), S_OK);
+    msg.reset();
+    ASSERT_EQ(m_root->Commit(STGC_DEFAULT), S_OK);
+    m_root.reset();
+    EXPECT_EQ(ListFile(m_file), (std::vector<std::string>{"d msg", "f msg/Folder 1 " + [] {
+        char b[16];
+        std::snprintf(b, sizeof b, "%08x", Crc32({6}));
+        return std::string(b);
+    }(), "f msg/Header 1 " + [] {
+        char b[16];
+        std::snprintf(b, sizeof b, "%08x", Crc32({2}));
+        return std::string(b);
+    }()}));
+}
+
+TEST_F(CompoundSemantics, DestroyRevertsHandlesAndFreesSpace) {
+    Com<IStorage> sub, deep;
+    ASSERT_EQ(m_root->CreateStorage("a", kRW, 0, 0, sub.out()), S_OK);
+    ASSERT_EQ(sub->CreateStorage("b", kRW, 0, 0, deep.out()), S_OK);
+    Com<IStream> s;
+    ASSERT_EQ(deep->CreateStream("c", kRW, 0, 0, s.out()), S_OK);
+    ASSERT_EQ(m_root->DestroyElement("A"), S_OK);
+    ULONG n;
+    EXPECT_EQ(s->Write("x", 1, &n), STG_E_REVERTED);
+    EXPECT_EQ(deep->CreateStream("d", kRW, 0, 0, s.out()), STG_E_REVERTED);
+    STATSTG st;
+    EXPECT_EQ(sub->Stat(&st, STATFLAG_NONAME), STG_E_REVERTED);
+    EXPECT_EQ(m_root->DestroyElement("a"), STG_E_FILENOTFOUND);
+    ASSERT_EQ(m_root->CreateStorage("a", kRW, 0, 0, sub.out()), S_OK);
+    sub.reset();
+    // Create-write-delete cycles do not grow the file.
+    for (int i = 0; i < 50; ++i) {
+        ASSERT_EQ(PutStream(m_root.get(), "tmp", Pattern(10000, i)), S_OK);
+        ASSERT_EQ(m_root->Commit(STGC_DEFAULT), S_OK);
+        ASSERT_EQ(m_root->DestroyElement("tmp"), S_OK);
+        ASSERT_EQ(m_root->Commit(STGC_DEFAULT), S_OK);
+        EXPECT_EQ(std::filesystem::file_size(m_file), 1536u);
+    }
+}
+
+TEST_F(CompoundSemantics, StreamsGrowShrinkAndSeek) {
+    Com<IStream> s;
+    ASSERT_EQ(m_root->CreateStream("s", kRW, 0, 0, s.out()), S_OK);
+    auto data = Pattern(4000, 1);
+    ULONG n = 0;
+    ASSERT_EQ(s->Write(data.data(), 4000, &n), S_OK);
+    LARGE_INTEGER to;
+    to.QuadPart = 5000;
+    ULARGE_INTEGER pos;
+    ASSERT_EQ(s->Seek(to, STREAM_SEEK_SET, &pos), S_OK);
+    ASSERT_EQ(s->Write("z", 1, &n), S_OK);  // past the end: the gap reads as zeros
+    s.reset();
+    ASSERT_EQ(m_root->Commit(STGC_DEFAULT), S_OK);
+    auto got = GetStream(m_root.get(), "s");
+    ASSERT_EQ(got.size(), 5001u);
+    EXPECT_TRUE(std::equal(data.begin(), data.end(), got.begin()));
+    EXPECT_TRUE(std::all_of(got.begin() + 4000, got.begin() + 5000, [](unsigned char c) { return c == 0; }));
+    ASSERT_EQ(m_root->OpenStream("s", nullptr, kRW, 0, s.out()), S_OK);
+    ULARGE_INTEGER size;
+    size.QuadPart = 100;
+    ASSERT_EQ(s->SetSize(size), S_OK);
+    to.QuadPart = -1;
+    EXPECT_EQ(s->Seek(to, STREAM_SEEK_SET, &pos), STG_E_INVALIDFUNCTION);
+    to.QuadPart = -10;
+    ASSERT_EQ(s->Seek(to, STREAM_SEEK_END, &pos), S_OK);
+    EXPECT_EQ(pos.QuadPart, 90u);
+    unsigned char buf[64];
+    memset(buf, 0xbd, sizeof buf);
+    ASSERT_EQ(s->Read(buf, sizeof buf, &n), S_OK);
+    EXPECT_EQ(n, 10u);
+    EXPECT_EQ(buf[10], 0xbd);
+    EXPECT_EQ(s->LockRegion(size, size, LOCK_WRITE), STG_E_INVALIDFUNCTION);
+    s.reset();
+    m_root.reset();
+    EXPECT_EQ(ListFile(m_file).size(), 1u);
+    EXPECT_EQ(RunTool("/usr/bin/python3 " + Quote(SourceDir() + "/olelist.py") + " " + Quote(m_file)).status, 0);
+}
+
+TEST_F(CompoundSemantics, ManySiblingsStayBalancedThroughDeletes) {
+    std::vector<int> ids(3000);
+    for (int i = 0; i < 3000; ++i) ids[i] = i;
+    for (int i : ids) ASSERT_EQ(PutStream(m_root.get(), ("e" + std::to_string(i)).c_str(), {}), S_OK);
+    std::mt19937 rng(7);
+    std::shuffle(ids.begin(), ids.end(), rng);
+    for (int k = 0; k < 2000; ++k) ASSERT_EQ(m_root->DestroyElement(("E" + std::to_string(ids[k])).c_str()), S_OK);
+    m_root.reset();
+    // A red-black tree of 1000 has depth at most 2*log2(1001) ~ 20.
+    EXPECT_LE(CheckDirectoryTrees(m_file), 20);
+    Com<IStorage> r;
+    ASSERT_EQ(StgOpenStorage(m_file.c_str(), nullptr, kRO, nullptr, 0, r.out()), S_OK);
+    for (int k = 2000; k < 3000; ++k) {
+        HRESULT hr;
+        GetStream(r.get(), ("e" + std::to_string(ids[k])).c_str(), &hr);
+        ASSERT_EQ(hr, S_OK) << ids[k];
+    }
+    EXPECT_EQ(Names(r.get()).size(), 1000u);
+}
+
+TEST_F(CompoundSemantics, CopyToCopiesTheWholeTree) {
+    CLSID clsid = {0x12345678, 1, 2, {3, 4, 5, 6, 7, 8, 9, 10}};
+    ASSERT_EQ(m_root->SetClass(clsid), S_OK);
+    Com<IStorage> sub;
+    ASSERT_EQ(m_root->CreateStorage("sub", kRW, 0, 0, sub.out()), S_OK);
+    ASSERT_EQ(PutStream(sub.get(), "big", Pattern(9000, 1)), S_OK);
+    ASSERT_EQ(PutStream(m_root.get(), "top", Pattern(10, 2)), S_OK);
+    ASSERT_EQ(PutStream(m_root.get(), "skip", Pattern(10, 3)), S_OK);
+    EXPECT_EQ(m_root->CopyTo(0, nullptr, nullptr, sub.get()), STG_E_ACCESSDENIED);
+    sub.reset();
+    std::string copy = m_dir.file("copy.ole");
+    Com<IStorage> dest;
+    ASSERT_EQ(StgCreateDocfile(copy.c_str(), kRW | STGM_CREATE, 0, dest.out()), S_OK);
+    ASSERT_EQ(PutStream(dest.get(), "top", Pattern(99, 9)), S_OK);  // replaced by the copy
+    OLECHAR skip[] = u"SKIP";
+    LPOLESTR exclude[] = {skip, nullptr};
+    ASSERT_EQ(m_root->CopyTo(0, nullptr, exclude, dest.get()), S_OK);
+    dest.reset();
+    auto expected = ListTree(m_root.get());
+    expected.erase(std::remove_if(expected.begin(), expected.end(), [](auto& l) { return l.rfind("f skip", 0) == 0; }),
+                   expected.end());
+    EXPECT_EQ(ListFile(copy), expected);
+    Com<IStorage> r;
+    ASSERT_EQ(StgOpenStorage(copy.c_str(), nullptr, kRO, nullptr, 0, r.out()), S_OK);
+    STATSTG st;
+    ASSERT_EQ(r->Stat(&st, STATFLAG_DEFAULT), S_OK);
+    EXPECT_TRUE(st.clsid == clsid);
+    EXPECT_EQ(WideToAnsi(st.pwcsName), copy);
+    CoTaskMemFree(st.pwcsName);
+}
+
+TEST(CompoundAllocator, TaskAllocatorFreesNames) {
+    IMalloc* m = nullptr;
+    ASSERT_EQ(CoGetMalloc(1, &m), S_OK);
+    void* p = m->Alloc(10);
+    ASSERT_NE(p, nullptr);
+    m->Free(p);
+    m->Release();
+    CoTaskMemFree(nullptr);
+    EXPECT_EQ(CoGetMalloc(0, &m), E_INVALIDARG);
+}
+
+}  // namespace
+}  // namespace tavik::test
