@@ -293,7 +293,7 @@ TEST(CBase64, BitStreamCodec) {
         ASSERT_EQ(enc.GetLength() % 4, 0);
         std::vector<char> back(n + 3);
         ASSERT_EQ(b64.Decode(enc, back.data()), static_cast<int>(n));
-        ASSERT_EQ(std::memcmp(back.data(), data.data(), n), 0) << n;
+        ASSERT_TRUE(n == 0 || std::memcmp(back.data(), data.data(), n) == 0) << n;
         CByteArray viaCoder;
         coder.Decode(enc, viaCoder);
         ASSERT_EQ(viaCoder.vector(), data) << n;
