@@ -3,6 +3,7 @@
 #include "platform/compound/internal/FileOps.h"
 #include "platform/compound/internal/Handles.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -24,11 +25,33 @@ std::string DirectoryOf(const std::string& path) {
     return path.substr(0, slash);
 }
 
+constexpr char kTempMark[] = ".~";
+constexpr char kTempEnd[] = ".tmp";
+
 std::string TempNameFor(const std::string& path) {
-    static std::mt19937_64 rng{std::random_device{}()};
-    char suffix[32];
-    std::snprintf(suffix, sizeof suffix, ".~%08llx.tmp", static_cast<unsigned long long>(rng() & 0xFFFFFFFFull));
+    // Fresh entropy each time: a forked child must not repeat its parent's names.
+    std::random_device rd;
+    unsigned long long r = (static_cast<unsigned long long>(rd()) << 32) ^ rd() ^ static_cast<unsigned long long>(::getpid());
+    char suffix[40];
+    std::snprintf(suffix, sizeof suffix, "%s%012llx%s", kTempMark, r & 0xFFFFFFFFFFFFull, kTempEnd);
     return path + suffix;
+}
+
+// Temporary files of commits cut short by a crash. Only the lock holder commits, so while we hold the
+// exclusive lock every such file is stale.
+void RemoveStaleTemps(const std::string& path) {
+    std::string dir = DirectoryOf(path);
+    std::string base = path.substr(path.rfind('/') == std::string::npos ? 0 : path.rfind('/') + 1);
+    std::string prefix = base + kTempMark;
+    DIR* d = ::opendir(dir.c_str());
+    if (!d) return;
+    while (dirent* e = ::readdir(d)) {
+        std::string name = e->d_name;
+        if (name.size() > prefix.size() + 4 && name.compare(0, prefix.size(), prefix) == 0 &&
+            name.compare(name.size() - 4, 4, kTempEnd) == 0)
+            CurrentFileOps().unlink((dir + "/" + name).c_str());
+    }
+    ::closedir(d);
 }
 
 // Takes the lock and makes sure the path still names the file locked: a commit by the previous holder
@@ -174,6 +197,7 @@ HRESULT OpenRootFile(const std::string& path, int lock, bool writable, std::shar
         CurrentFileOps().close(fd);
         return STG_E_ACCESSDENIED;
     }
+    if (writable && lock == 2) RemoveStaleTemps(path);
     auto f = std::make_shared<RootFile>();
     f->m_path = path;
     f->m_permissions = st.st_mode & 07777;

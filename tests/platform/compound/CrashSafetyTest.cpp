@@ -1,0 +1,160 @@
+// A commit that fails at any write, flush or rename leaves the old file whole, no temporary file, and a
+// handle that can commit again.
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <filesystem>
+
+#include "platform/compound/internal/FileOps.h"
+#include "tests/platform/compound/CompoundTestSupport.h"
+#include "tests/support/TempDir.h"
+
+namespace tavik::test {
+namespace {
+
+enum class Kind { Write, Fsync, Rename };
+
+struct Fault {
+    Kind kind;
+    int failAt = 0;  // 1-based call to fail; 0 = never
+    int calls = 0;
+    int error = ENOSPC;
+    bool shortWrites = false;
+    bool hit = false;
+} g_fault;
+
+bool Trip(Kind k) {
+    if (g_fault.kind != k) return false;
+    if (++g_fault.calls != g_fault.failAt) return false;
+    g_fault.hit = true;
+    errno = g_fault.error;
+    return true;
+}
+
+long long FaultyWrite(int fd, const void* buf, std::size_t n) {
+    if (Trip(Kind::Write)) return -1;
+    // Short writes are legal and must be continued, not taken for failures.
+    if (g_fault.shortWrites && n > 1) n = n / 2;
+    return detail::RealFileOps().write(fd, buf, n);
+}
+int FaultyFsync(int fd) { return Trip(Kind::Fsync) ? -1 : detail::RealFileOps().fsync(fd); }
+int FaultyRename(const char* a, const char* b) { return Trip(Kind::Rename) ? -1 : detail::RealFileOps().rename(a, b); }
+
+class FaultScope {
+public:
+    FaultScope(Kind kind, int failAt, int error = ENOSPC) {
+        g_fault = Fault{kind, failAt, 0, error};
+        auto& ops = detail::CurrentFileOps();
+        ops.write = FaultyWrite;
+        ops.fsync = FaultyFsync;
+        ops.rename = FaultyRename;
+    }
+    ~FaultScope() { detail::CurrentFileOps() = detail::RealFileOps(); }
+};
+
+std::vector<std::string> DirListing(const TempDir& dir) {
+    std::vector<std::string> names;
+    for (auto& e : std::filesystem::directory_iterator(dir.path())) names.push_back(e.path().filename().string());
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+void MakeOldState(const std::string& file) {
+    Com<IStorage> root;
+    ASSERT_EQ(StgCreateDocfile(file.c_str(), kRW | STGM_CREATE, 0, root.out()), S_OK);
+    ASSERT_EQ(PutStream(root.get(), "keep", Pattern(3 << 20, 1)), S_OK);
+    ASSERT_EQ(PutStream(root.get(), "small", Pattern(100, 2)), S_OK);
+    ASSERT_EQ(PutStream(root.get(), "gone", Pattern(5000, 3)), S_OK);
+}
+
+// Old state -> new state: one stream replaced, one added (over a megabyte, so several writes), one removed.
+void MakeNewState(IStorage* root) {
+    ASSERT_EQ(PutStream(root, "small", Pattern(200, 4)), S_OK);
+    ASSERT_EQ(PutStream(root, "added", Pattern(1500000, 5)), S_OK);
+    ASSERT_EQ(root->DestroyElement("gone"), S_OK);
+}
+
+TEST(CompoundCrashSafety, EveryFailurePointLeavesOldOrNew) {
+    TempDir dir;
+    std::string file = dir.file("f.ole");
+    MakeOldState(file);
+    const auto names = DirListing(dir);
+    // Read by olefile, which takes no lock, while our handle holds the file.
+    const std::string olelist = "/usr/bin/python3 " + Quote(SourceDir() + "/olelist.py") + " " + Quote(file);
+    const auto oldOnDisk = RunTool(olelist).out;
+    int failures = 0;
+    for (Kind kind : {Kind::Write, Kind::Fsync, Kind::Rename}) {
+        for (int n = 1;; ++n) {
+            ASSERT_LT(n, 100) << "commit never finished";
+            MakeOldState(file);
+            Com<IStorage> root;
+            ASSERT_EQ(StgOpenStorage(file.c_str(), nullptr, kRW | STGM_TRANSACTED, nullptr, 0, root.out()), S_OK);
+            MakeNewState(root.get());
+            const auto expected = ListTree(root.get());
+            HRESULT hr;
+            {
+                FaultScope fault(kind, n, kind == Kind::Write ? ENOSPC : EIO);
+                hr = root->Commit(STGC_DEFAULT);
+            }
+            if (SUCCEEDED(hr)) {
+                // Either no call of this kind was left to fail, or it was the directory flush after the
+                // rename, which cannot undo anything any more.
+                ASSERT_EQ(hr, S_OK);
+                root.reset();
+                EXPECT_EQ(ListFile(file), expected);
+                if (!g_fault.hit) break;
+                continue;
+            }
+            ++failures;
+            EXPECT_TRUE(g_fault.hit);
+            EXPECT_EQ(hr, kind == Kind::Write ? STG_E_MEDIUMFULL : STG_E_WRITEFAULT) << n;
+            EXPECT_EQ(DirListing(dir), names) << "temporary file left after failure " << n;
+            EXPECT_EQ(RunTool(olelist).out, oldOnDisk) << "file changed by failed commit " << n;
+            // The handle keeps its changes and commits them once the disk is well again.
+            EXPECT_EQ(ListTree(root.get()), expected);
+            ASSERT_EQ(root->Commit(STGC_DEFAULT), S_OK);
+            root.reset();
+            EXPECT_EQ(ListFile(file), expected);
+        }
+    }
+    // Several writes (the file is over 4 MB, written a megabyte at a time), one flush, one rename.
+    EXPECT_GE(failures, 6);
+}
+
+TEST(CompoundCrashSafety, ShortWritesAreContinued) {
+    TempDir dir;
+    std::string file = dir.file("f.ole");
+    MakeOldState(file);
+    Com<IStorage> root;
+    ASSERT_EQ(StgOpenStorage(file.c_str(), nullptr, kRW, nullptr, 0, root.out()), S_OK);
+    MakeNewState(root.get());
+    auto expected = ListTree(root.get());
+    {
+        FaultScope fault(Kind::Write, 0);
+        g_fault.shortWrites = true;
+        ASSERT_EQ(root->Commit(STGC_DEFAULT), S_OK);
+    }
+    root.reset();
+    EXPECT_EQ(ListFile(file), expected);
+}
+
+TEST(CompoundCrashSafety, TransactedFailureKeepsTheFileAndTheChanges) {
+    TempDir dir;
+    std::string file = dir.file("f.ole");
+    MakeOldState(file);
+    const auto oldTree = ListFile(file);
+    Com<IStorage> root;
+    ASSERT_EQ(StgOpenStorage(file.c_str(), nullptr, kRW | STGM_TRANSACTED, nullptr, 0, root.out()), S_OK);
+    MakeNewState(root.get());
+    auto expected = ListTree(root.get());
+    {
+        FaultScope fault(Kind::Rename, 1, EIO);
+        EXPECT_EQ(root->Commit(STGC_DEFAULT), STG_E_WRITEFAULT);
+    }
+    EXPECT_EQ(ListTree(root.get()), expected);
+    root.reset();  // transacted: released without a successful commit, nothing written
+    EXPECT_EQ(ListFile(file), oldTree);
+}
+
+}  // namespace
+}  // namespace tavik::test
