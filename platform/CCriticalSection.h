@@ -1,7 +1,9 @@
 // The framework's synchronisation objects: CSyncObject, CCriticalSection and CSingleLock.
 #pragma once
 
+#include <condition_variable>
 #include <mutex>
+#include <thread>
 
 #include "platform/CObject.h"
 
@@ -15,7 +17,7 @@ public:
 };
 
 // Re-entrant for its owner, as a Win32 critical section; Unlock must be called once per Lock, by the
-// owner.
+// owner (an Unlock by another thread, or one too many, does nothing and answers FALSE).
 class CCriticalSection : public CSyncObject {
     DECLARE_DYNAMIC(CCriticalSection)
 public:
@@ -25,7 +27,10 @@ public:
     BOOL Unlock() override;
 
 private:
-    std::recursive_timed_mutex m_mutex;
+    std::mutex m_mutex;  // guards the two fields below
+    std::condition_variable m_released;
+    std::thread::id m_owner;
+    unsigned m_count = 0;
 };
 
 // Scoped lock on a sync object; unlocks in its destructor if it holds the lock.
