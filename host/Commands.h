@@ -15,5 +15,7 @@ struct Command {
 };
 
 int RunVersion(const Args& args);
+int RunCheck(const Args& args);
+int RunDemo(const Args& args);
 
 }  // namespace tavik::host

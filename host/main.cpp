@@ -10,6 +10,8 @@ namespace {
 
 const tavik::host::Command kCommands[] = {
     {"version", "print the version", tavik::host::RunVersion},
+    {"check", "check a POP3 mailbox: log in and list every message's header", tavik::host::RunCheck},
+    {"demo", "a mail check against a sample mailbox served on this machine", tavik::host::RunDemo},
 };
 
 void usage(FILE* out) {
