@@ -276,6 +276,7 @@ IMPLEMENT_DYNCREATE(UiThread, CWinThread)
 
 TEST(CWinThreadTest, UserInterfaceThreadByRuntimeClass) {
     UiThread::exits = 0;
+    UiThread::window = nullptr;
     CWinThread* t = AfxBeginThread(RUNTIME_CLASS(UiThread), 0, 0, CREATE_SUSPENDED);
     ASSERT_NE(t, nullptr);
     t->m_bAutoDelete = FALSE;
