@@ -1,0 +1,184 @@
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdint>
+#include <fstream>
+#include <string>
+
+#include "messages/CMessageList.h"
+#include "platform/CFile.h"
+#include "tests/support/TempDir.h"
+
+namespace {
+
+void put32(std::string& out, std::uint32_t v) {
+    for (int i = 0; i < 4; ++i) out += static_cast<char>((v >> (8 * i)) & 0xFF);
+}
+
+struct FlatRecord {
+    std::uint32_t type = 0, id = 0, size = 0, spam = 0;
+    bool seen = false, read = false;
+    std::string email, server, outgoing, folder, header, body;
+    bool extension = false;
+    std::string account, skipped;
+
+    std::string bytes() const {
+        std::string out;
+        put32(out, type);
+        out += static_cast<char>(seen);
+        out += static_cast<char>(read);
+        out += "\x55\x55";
+        put32(out, id);
+        put32(out, size);
+        put32(out, spam);
+        for (const std::string* s : {&email, &server, &outgoing, &folder, &header, &body})
+            put32(out, static_cast<std::uint32_t>(s->size()));
+        put32(out, extension ? 1 : 0);
+        out += email + server + outgoing + folder + header + body;
+        if (extension) {
+            put32(out, static_cast<std::uint32_t>(account.size()));
+            put32(out, static_cast<std::uint32_t>(skipped.size()));
+            out += account + skipped;
+        }
+        return out;
+    }
+};
+
+class FlatRecordTest : public ::testing::Test {
+protected:
+    std::string write(const std::string& bytes) {
+        std::string path = m_dir.file("records.bin");
+        std::ofstream(path, std::ios::binary).write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+        return path;
+    }
+    tavik::test::TempDir m_dir;
+};
+
+TEST_F(FlatRecordTest, ReadsRecordsOneAfterAnother) {
+    FlatRecord a;
+    a.type = 1;
+    a.seen = true;
+    a.id = 0xDEADBEEF;
+    a.size = 2048;
+    a.spam = 1;
+    a.email = "me@example.org";
+    a.server = "pop.example.org";
+    a.outgoing = "smtp.example.org";
+    a.folder = "Archive";
+    a.header = "From: Jane <jane@x>\r\nSubject: first\r\nMessage-ID: <1@x>\r\n";
+    a.body = "Hello body text";
+    FlatRecord b;
+    b.read = true;
+    b.id = 2;
+    b.header = "Subject: second\r\n";
+    b.extension = true;
+    b.account = "Work";
+    b.skipped = "12345";
+    const std::string first = a.bytes();
+    const std::string path = write(first + b.bytes() + "tail");
+
+    CFile file(path.c_str(), CFile::modeRead | CFile::typeBinary);
+    CMessageList ra;
+    EXPECT_EQ(ra.LoadMessage(file), first.size());
+    EXPECT_EQ(first.size(), 48 + a.email.size() + a.server.size() + a.outgoing.size() + a.folder.size() +
+                                a.header.size() + a.body.size());
+    EXPECT_EQ(ra.GetMessageType(), MsgSent);
+    EXPECT_TRUE(ra.IsSeen());
+    EXPECT_FALSE(ra.IsRead());
+    EXPECT_EQ(ra.GetID(), 0xDEADBEEFu);
+    EXPECT_EQ(ra.GetMsgSize(), 2048u);
+    EXPECT_EQ(ra.GetSpamTag(), 1u);
+    EXPECT_EQ(ra.GetEmailAddress(), "me@example.org");
+    EXPECT_EQ(ra.GetServerName(), "pop.example.org");
+    EXPECT_EQ(ra.GetOutgoingServer(), "smtp.example.org");
+    EXPECT_EQ(ra.GetFolderLocation(), "Archive");
+    EXPECT_EQ(ra.GetSubject(), "first");
+    EXPECT_EQ(ra.GetMessageID(), "<1@x>");
+    EXPECT_EQ(ra.GetReplyTo(), "jane@x");
+    EXPECT_TRUE(ra.IsDirty());
+    ASSERT_TRUE(ra.HasBody());
+    CString body;
+    EXPECT_TRUE(ra.GetBody(body));
+    EXPECT_EQ(body, "Hello body text");
+    // With a body, the search looks there and no longer in the header.
+    EXPECT_TRUE(ra.Find("BODY", false, CMessageList::FindPhrase));
+    EXPECT_FALSE(ra.Find("first", false, CMessageList::FindPhrase));
+
+    CMessageList rb;
+    rb.SetMailBox("kept-server", "kept@x", "kept-out", "old name");
+    ULONGLONG end = rb.LoadMessage(file);
+    EXPECT_EQ(end, file.GetLength() - 4);  // the trailing bytes are not part of the record
+    EXPECT_EQ(rb.GetAccountName(), "Work");
+    EXPECT_EQ(rb.GetServerName(), "kept-server");  // absent texts keep their value
+    EXPECT_EQ(rb.GetEmailAddress(), "kept@x");
+    EXPECT_EQ(rb.GetFolderLocation(), "inbox");
+    EXPECT_EQ(rb.GetSubject(), "second");
+    EXPECT_TRUE(rb.IsRead());
+    EXPECT_FALSE(rb.HasBody());
+}
+
+// A record whose lengths claim more than the file holds is refused quickly and changes nothing.
+TEST_F(FlatRecordTest, RefusesLengthsBeyondTheFile) {
+    auto expectRefused = [&](const std::string& bytes, const char* what) {
+        const std::string path = write(bytes);
+        CFile file(path.c_str(), CFile::modeRead | CFile::typeBinary);
+        CMessageList m;
+        m.SetMailBox("srv", "addr", "out", "acct");
+        const CString storage = m.GetStorageName();
+        auto started = std::chrono::steady_clock::now();
+        try {
+            m.LoadMessage(file);
+            ADD_FAILURE() << what << ": no exception";
+        } catch (CFileException* e) {
+            EXPECT_EQ(e->m_cause, CFileException::endOfFile) << what;
+            EXPECT_EQ(e->m_strFileName, CString(path.c_str())) << what;
+            e->Delete();
+        }
+        EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(2)) << what;
+        EXPECT_EQ(m.GetID(), 0u) << what;
+        EXPECT_EQ(m.GetEmailAddress(), "addr") << what;
+        EXPECT_EQ(m.GetAccountName(), "acct") << what;
+        EXPECT_EQ(m.GetStorageName(), storage) << what;
+        EXPECT_FALSE(m.HasBody()) << what;
+        EXPECT_FALSE(m.IsDirty()) << what;
+    };
+
+    FlatRecord r;
+    r.id = 9;
+    r.header = "Subject: x\r\n";
+    std::string hostile = r.bytes();
+    for (int field = 0; field < 6; ++field) {
+        std::string bytes = hostile;
+        bytes.replace(20 + 4 * field, 4, "\xFF\xFF\xFF\xFF");
+        expectRefused(bytes, "one length 0xFFFFFFFF");
+    }
+    std::string all = hostile;
+    all.replace(20, 24, std::string(24, '\xFF'));
+    expectRefused(all, "every length 0xFFFFFFFF");
+    expectRefused(hostile.substr(0, 30), "fixed part cut short");
+    expectRefused(hostile.substr(0, hostile.size() - 1), "header cut short by one byte");
+
+    r.extension = true;
+    r.account = "acct2";
+    std::string ext = r.bytes();
+    expectRefused(ext.substr(0, ext.size() - 5), "extension without its account name");
+    std::string hugeAccount = ext;
+    hugeAccount.replace(hugeAccount.size() - 13, 4, "\xFF\xFF\xFF\xFF");
+    expectRefused(hugeAccount, "account length 0xFFFFFFFF");
+    std::string hugeSkip = ext;
+    hugeSkip.replace(hugeSkip.size() - 9, 4, "\xFF\xFF\xFF\x7F");
+    expectRefused(hugeSkip, "skip count beyond the file");
+}
+
+TEST_F(FlatRecordTest, EmptyHeaderMarksTheRecordDeleted) {
+    FlatRecord r;
+    r.id = 3;
+    const std::string path = write(r.bytes());
+    CFile file(path.c_str(), CFile::modeRead | CFile::typeBinary);
+    CMessageList m;
+    EXPECT_EQ(m.LoadMessage(file), 48u);
+    EXPECT_TRUE(m.IsDeleted());
+    EXPECT_EQ(m.GetMessageID().GetLength(), 20);
+}
+
+}  // namespace
