@@ -17,5 +17,6 @@ struct Command {
 int RunVersion(const Args& args);
 int RunCheck(const Args& args);
 int RunDemo(const Args& args);
+int RunScan(const Args& args);
 
 }  // namespace tavik::host

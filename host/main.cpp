@@ -12,6 +12,7 @@ const tavik::host::Command kCommands[] = {
     {"version", "print the version", tavik::host::RunVersion},
     {"check", "check a POP3 mailbox: log in and list every message's header", tavik::host::RunCheck},
     {"demo", "a mail check against a sample mailbox served on this machine", tavik::host::RunDemo},
+    {"scan", "scan message files' headers and print the fields found", tavik::host::RunScan},
 };
 
 void usage(FILE* out) {
