@@ -300,4 +300,28 @@ TEST(CBase64, BitStreamCodec) {
     }
 }
 
+// Mail brings arbitrary bytes to the decoders: they must stay inside their buffers (checked under the
+// address sanitizer) and within the documented output bounds.
+TEST(Decoders, SurviveArbitraryInput) {
+    std::mt19937 rng(13);
+    CBase64Coding coder;
+    CUUCoding uu;
+    CBase64 b64;
+    for (int round = 0; round < 2000; ++round) {
+        const size_t n = rng() % 200;
+        std::vector<unsigned char> junk = randomBytes(n, rng);
+        if (round % 2)  // mostly alphabet, to get past the first character
+            for (auto& c : junk) c = static_cast<unsigned char>("AZaz09+/=\r\n `M!#"[rng() % 16]);
+        CByteArray in, out;
+        in.vector() = junk;
+        coder.Decode(in, out);
+        ASSERT_LE(out.GetSize(), static_cast<int>(n * 3 / 4 + 2));
+        uu.Decode(in, out);
+        ASSERT_LE(out.GetSize(), static_cast<int>(n));
+        std::string textForm(junk.begin(), junk.end());
+        std::vector<char> exact(textForm.size() * 3 / 4 + 1);
+        ASSERT_LE(b64.Decode(textForm.c_str(), exact.data()), static_cast<int>(exact.size()));
+    }
+}
+
 }  // namespace
