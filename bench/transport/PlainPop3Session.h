@@ -1,0 +1,24 @@
+// A POP3 session over a plain socket, for the benchmark's reference loops: it sends a command and reads
+// until the end mark, keeping nothing and parsing nothing. (System socket calls live in its source only.)
+#pragma once
+
+#include <cstddef>
+#include <string>
+
+class PlainPop3Session {
+public:
+    // Connects to 127.0.0.1:port, reads the greeting and logs in. Throws std::runtime_error.
+    PlainPop3Session(unsigned short port, const std::string& user, const std::string& password);
+    ~PlainPop3Session();  // QUIT and close
+    PlainPop3Session(const PlainPop3Session&) = delete;
+    PlainPop3Session& operator=(const PlainPop3Session&) = delete;
+
+    // Returns the bytes read up to and including the mark.
+    size_t Command(const std::string& command, const char* mark);
+
+private:
+    size_t ReadTo(const char* mark);
+
+    int m_fd = -1;
+    char m_buffer[65536];
+};
