@@ -47,28 +47,27 @@ std::vector<unsigned char> GetStream(IStorage* stg, const char* name, HRESULT* r
     HRESULT hr = stg->OpenStream(name, nullptr, kRO, 0, s.out());
     std::vector<unsigned char> data;
     if (SUCCEEDED(hr)) {
+        // In pieces: a damaged file may declare a size far beyond its bytes.
+        unsigned char buf[65536];
+        ULONG got = 0;
+        while (SUCCEEDED(hr = s->Read(buf, sizeof buf, &got)) && got > 0) data.insert(data.end(), buf, buf + got);
         STATSTG st;
-        hr = s->Stat(&st, STATFLAG_NONAME);
-        if (SUCCEEDED(hr)) {
-            data.resize(static_cast<std::size_t>(st.cbSize.QuadPart));
-            ULONG got = 0;
-            hr = s->Read(data.data(), static_cast<ULONG>(data.size()), &got);
-            if (SUCCEEDED(hr) && got != data.size()) hr = E_FAIL;
-        }
+        if (SUCCEEDED(hr)) hr = s->Stat(&st, STATFLAG_NONAME);
+        if (SUCCEEDED(hr) && st.cbSize.QuadPart != data.size()) hr = E_FAIL;
     }
     if (FAILED(hr)) data.clear();
     if (result) *result = hr;
     return data;
 }
 
-Com<IStorage> OpenPath(IStorage* stg, const std::string& path) {
+Com<IStorage> OpenPath(IStorage* stg, const std::string& path, DWORD mode) {
     Com<IStorage> cur;
     IStorage* at = stg;
     std::stringstream parts(path);
     std::string part;
     while (std::getline(parts, part, '/')) {
         Com<IStorage> next;
-        if (FAILED(at->OpenStorage(part.c_str(), nullptr, kRW, nullptr, 0, next.out()))) return {};
+        if (FAILED(at->OpenStorage(part.c_str(), nullptr, mode, nullptr, 0, next.out()))) return {};
         cur = std::move(next);
         at = cur.get();
     }

@@ -51,7 +51,7 @@ HRESULT PutStream(IStorage* stg, const char* name, const std::vector<unsigned ch
 // Whole stream; an empty vector and a failing result when it cannot be read.
 std::vector<unsigned char> GetStream(IStorage* stg, const char* name, HRESULT* result = nullptr);
 // Opens a path of storages ("a/b/c") below stg, read-write.
-Com<IStorage> OpenPath(IStorage* stg, const std::string& path);
+Com<IStorage> OpenPath(IStorage* stg, const std::string& path, DWORD mode = kRW);
 
 // "d PATH" / "f PATH SIZE CRC" lines, sorted, as olelist.py prints them (names are ASCII in tests).
 std::vector<std::string> ListTree(IStorage* root);

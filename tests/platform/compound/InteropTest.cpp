@@ -161,7 +161,9 @@ TEST(CompoundInterop, ModifyingAForeignFileKeepsEverythingElse) {
     ExpectReadersAgree(file);
     ASSERT_EQ(before.size(), after.size());
     for (std::size_t i = 0; i < before.size(); ++i)
-        if (before[i].rfind("f small ", 0) != 0) EXPECT_EQ(before[i], after[i]);
+        if (before[i].rfind("f small ", 0) != 0) {
+            EXPECT_EQ(before[i], after[i]);
+        }
     // Written back as version 3.
     EXPECT_EQ(FileBytes(file)[0x1A], 3);
 }
