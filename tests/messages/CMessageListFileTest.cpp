@@ -3,10 +3,12 @@
 #include <chrono>
 #include <cstdint>
 #include <fstream>
+#include <random>
 #include <string>
 
 #include "messages/CMessageList.h"
 #include "platform/CFile.h"
+#include "platform/CMemFile.h"
 #include "tests/support/TempDir.h"
 
 namespace {
@@ -179,6 +181,37 @@ TEST_F(FlatRecordTest, EmptyHeaderMarksTheRecordDeleted) {
     EXPECT_EQ(m.LoadMessage(file), 48u);
     EXPECT_TRUE(m.IsDeleted());
     EXPECT_EQ(m.GetMessageID().GetLength(), 20);
+}
+
+// Random damage to a valid record: every outcome is a clean load or a CFileException, never a crash,
+// and a load never claims to end past the data.
+TEST(FlatRecordDamage, RandomBytesLoadOrThrowCleanly) {
+    FlatRecord r;
+    r.header = "From: a@x\r\nSubject: s\r\n";
+    r.body = "body";
+    r.extension = true;
+    r.account = "acct";
+    const std::string good = r.bytes();
+    std::mt19937 rng(20240305);
+    int loaded = 0, refused = 0;
+    for (int round = 0; round < 3000; ++round) {
+        std::string bytes = good;
+        for (int k = 0, n = 1 + static_cast<int>(rng() % 4); k < n; ++k) {
+            bytes[rng() % bytes.size()] = static_cast<char>(rng());
+        }
+        if (rng() % 4 == 0) bytes.resize(rng() % bytes.size());
+        CMemFile file(reinterpret_cast<BYTE*>(bytes.data()), static_cast<UINT>(bytes.size()), 0);
+        CMessageList m;
+        try {
+            EXPECT_LE(m.LoadMessage(file), bytes.size());
+            ++loaded;
+        } catch (CFileException* e) {
+            e->Delete();
+            ++refused;
+        }
+    }
+    EXPECT_GT(loaded, 0);
+    EXPECT_GT(refused, 0);
 }
 
 }  // namespace
