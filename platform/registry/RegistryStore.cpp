@@ -17,6 +17,8 @@ namespace {
 // commit may wait for the disk. Short enough that another process hardly notices the lock.
 constexpr auto kCommitAfter = std::chrono::milliseconds(200);
 constexpr auto kSyncAfter = std::chrono::milliseconds(1000);
+// How long calls may share one read snapshot; opening and closing a key also end it.
+constexpr auto kReadFor = std::chrono::milliseconds(100);
 
 constexpr size_t kMaxKeyNameLength = 255;
 constexpr size_t kMaxValueNameLength = 16383;
@@ -179,7 +181,10 @@ LONG RegistryStore::Ready() {
         return ERROR_SUCCESS;
     }
     // Notice commits of other processes, which may have removed keys behind our handles.
-    if (!m_db->InWrite()) {
+    if (!m_db->InWrite() && !m_db->InRead()) {
+        if (LONG c = m_db->BeginRead(); c != ERROR_SUCCESS) return Fail(c);
+        m_readStart = Clock::now();
+        WakeTimerBy(m_readStart + kReadFor);
         std::int64_t version = 0;
         if (LONG c = m_db->DataVersion(&version); c != ERROR_SUCCESS) return Fail(c);
         if (version != m_dataVersion) {
@@ -204,7 +209,7 @@ LONG RegistryStore::WriteBegin() {
     if (m_db->InWrite()) return ERROR_SUCCESS;
     if (LONG code = m_db->BeginWrite(); code != ERROR_SUCCESS) return Fail(code);
     m_writeStart = Clock::now();
-    m_wake.notify_all();
+    WakeTimerBy(m_writeStart + kCommitAfter);
     // Taking the lock may have moved us past other processes' commits.
     std::int64_t version = 0;
     if (LONG code = m_db->DataVersion(&version); code != ERROR_SUCCESS) return Fail(code);
@@ -220,7 +225,7 @@ LONG RegistryStore::Commit() {
     if (LONG code = m_db->Commit(); code != ERROR_SUCCESS) return Fail(code);
     m_lastCommit = Clock::now();
     m_unsynced = !m_syncEveryCommit;
-    m_wake.notify_all();
+    if (m_unsynced) WakeTimerBy(m_lastCommit + kSyncAfter);
     return ERROR_SUCCESS;
 }
 
@@ -229,19 +234,28 @@ void RegistryStore::TimerLoop() {
     while (!m_stop) {
         auto deadline = Clock::time_point::max();
         if (m_db && m_db->InWrite()) deadline = m_writeStart + kCommitAfter;
+        if (m_db && m_db->InRead()) deadline = std::min(deadline, m_readStart + kReadFor);
         if (m_db && m_unsynced) deadline = std::min(deadline, m_lastCommit + kSyncAfter);
+        m_timerDeadline = deadline;
         if (deadline == Clock::time_point::max())
             m_wake.wait(lock);
         else
             m_wake.wait_until(lock, deadline);
+        m_timerDeadline = Clock::time_point::min();
         if (m_stop || !m_db) continue;
         auto now = Clock::now();
         if (m_db->InWrite() && now >= m_writeStart + kCommitAfter) Commit();
+        if (m_db->InRead() && now >= m_readStart + kReadFor) m_db->EndRead();
         if (m_unsynced && !m_db->InWrite() && now >= m_lastCommit + kSyncAfter) {
             m_db->Sync();
             m_unsynced = false;
         }
     }
+}
+
+// Waking the timer costs a thread switch; most calls only move a deadline it already waits for.
+void RegistryStore::WakeTimerBy(Clock::time_point deadline) {
+    if (deadline < m_timerDeadline) m_wake.notify_all();
 }
 
 void RegistryStore::StopTimer(std::unique_lock<std::mutex>& lock) {
@@ -466,6 +480,8 @@ LONG RegistryStore::OpenKey(HKEY parent, const char* subKey, REGSAM access, bool
     *result = nullptr;
     std::vector<std::string> parts;
     if (LONG c = SplitPath(subKey, &parts); c != ERROR_SUCCESS) return c;
+    // An open starts from the newest state other processes have committed.
+    if (m_db) m_db->EndRead();
     if (LONG c = Ready(); c != ERROR_SUCCESS) return c;
     Handle* h = nullptr;
     if (LONG c = Resolve(parent, 0, &h); c != ERROR_SUCCESS) return c;
@@ -508,6 +524,7 @@ LONG RegistryStore::CloseKey(HKEY key) {
     auto value = reinterpret_cast<std::uintptr_t>(key);
     if (value >= kPredefinedFirst && value <= kPredefinedLast) return ERROR_SUCCESS;
     if (m_handles.erase(value) == 0) return ERROR_INVALID_HANDLE;
+    if (m_db) m_db->EndRead();
     // Closing is where callers expect their writes to become durable and visible elsewhere.
     return Commit();
 }
@@ -683,6 +700,7 @@ LONG RegistryStore::FlushKey(HKEY key) {
     if (LONG c = Ready(); c != ERROR_SUCCESS) return c;
     Handle* h = nullptr;
     if (LONG c = Resolve(key, 0, &h); c != ERROR_SUCCESS) return c;
+    m_db->EndRead();
     if (LONG c = Commit(); c != ERROR_SUCCESS) return c;
     if (LONG c = m_db->Sync(); c != ERROR_SUCCESS) return Fail(c);
     m_unsynced = false;

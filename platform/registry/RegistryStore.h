@@ -107,11 +107,14 @@ private:
     void CloseDatabase();
     void TimerLoop();
     void StopTimer(std::unique_lock<std::mutex>& lock);
+    void WakeTimerBy(Clock::time_point deadline);
 
     std::mutex m_mutex;
     std::condition_variable m_wake;
     std::thread m_timer;
     bool m_stop = false;
+    // What the timer waits for; min() while it is busy (it then looks again before waiting).
+    Clock::time_point m_timerDeadline = Clock::time_point::min();
 
     std::unique_ptr<StoreDatabase> m_db;
     bool m_pathSet = false;
@@ -120,6 +123,7 @@ private:
     std::int64_t m_dataVersion = 0;
     std::uint64_t m_epoch = 1;  // moves when rows may have gone behind the handles' backs
     Clock::time_point m_writeStart{};
+    Clock::time_point m_readStart{};
     Clock::time_point m_lastCommit{};
     bool m_unsynced = false;
 

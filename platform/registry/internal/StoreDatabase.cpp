@@ -26,27 +26,31 @@ const char* const kStatementSql[] = {
     "SELECT parent, name FROM keys WHERE id=?1",
     "SELECT name, id, mtime FROM keys WHERE parent=?1 ORDER BY fold",
     "SELECT 1 FROM keys WHERE parent=?1 LIMIT 1",
-    "SELECT type, data FROM vals WHERE key=?1 AND fold=?2",
-    "SELECT name, type, data FROM vals WHERE key=?1 ORDER BY id",
+    "SELECT type, data FROM vals WHERE key=?1 AND name=?2",
+    "SELECT name, type, data FROM vals WHERE key=?1 ORDER BY seq",
     "PRAGMA data_version",
     "INSERT INTO keys(parent, fold, name, mtime) VALUES(?1, ?2, ?3, ?4)",
     // An overwrite keeps the row, so the value keeps its place in the enumeration and its first spelling.
-    "INSERT INTO vals(key, fold, name, type, data) VALUES(?1, ?2, ?3, ?4, ?5) "
-    "ON CONFLICT(key, fold) DO UPDATE SET type=excluded.type, data=excluded.data",
-    "DELETE FROM vals WHERE key=?1 AND fold=?2",
+    "INSERT INTO vals(key, name, seq, type, data) VALUES(?1, ?2, ?3, ?4, ?5) "
+    "ON CONFLICT(key, name) DO UPDATE SET type=excluded.type, data=excluded.data",
+    "DELETE FROM vals WHERE key=?1 AND name=?2",
     "DELETE FROM vals WHERE key=?1",
     "DELETE FROM keys WHERE id=?1",
     "UPDATE keys SET mtime=?2 WHERE id=?1",
+    "SELECT value FROM meta WHERE name='next_seq'",
+    "UPDATE meta SET value=?1 WHERE name='next_seq'",
 };
 
-// New value rows take the next row id, which is above every existing one: the creation order.
+// Values live in one b-tree keyed by key and name (NOCASE folds ASCII letters only, as the registry
+// does); seq, from a counter kept in meta, is their creation order.
 const char kSchema[] =
     "CREATE TABLE keys(id INTEGER PRIMARY KEY AUTOINCREMENT, parent INTEGER NOT NULL, fold BLOB NOT NULL,"
     " name BLOB NOT NULL, mtime INTEGER NOT NULL DEFAULT 0);"
     "CREATE UNIQUE INDEX keys_by_parent ON keys(parent, fold);"
-    "CREATE TABLE vals(id INTEGER PRIMARY KEY, key INTEGER NOT NULL, fold BLOB NOT NULL, name BLOB NOT NULL,"
-    " type INTEGER NOT NULL, data BLOB NOT NULL);"
-    "CREATE UNIQUE INDEX vals_by_key ON vals(key, fold);"
+    "CREATE TABLE vals(key INTEGER NOT NULL, name TEXT NOT NULL COLLATE NOCASE, seq INTEGER NOT NULL,"
+    " type INTEGER NOT NULL, data BLOB NOT NULL, PRIMARY KEY(key, name)) WITHOUT ROWID;"
+    "CREATE TABLE meta(name TEXT PRIMARY KEY, value INTEGER NOT NULL);"
+    "INSERT INTO meta VALUES('next_seq', 1);"
     "INSERT INTO keys(parent, fold, name) VALUES"
     " (0, CAST('HKEY_CLASSES_ROOT' AS BLOB), CAST('HKEY_CLASSES_ROOT' AS BLOB)),"
     " (0, CAST('HKEY_CURRENT_USER' AS BLOB), CAST('HKEY_CURRENT_USER' AS BLOB));";
@@ -74,6 +78,17 @@ void BindBlob(sqlite3_stmt* s, int index, const void* data, size_t size) {
         sqlite3_bind_zeroblob(s, index, 0);
     else
         sqlite3_bind_blob64(s, index, data, size, SQLITE_STATIC);
+}
+
+// Value names are text so that the column's NOCASE collation applies; the bytes are kept as given.
+void BindText(sqlite3_stmt* s, int index, const std::string& text) {
+    sqlite3_bind_text64(s, index, text.data(), text.size(), SQLITE_STATIC, SQLITE_UTF8);
+}
+
+std::string ColumnText(sqlite3_stmt* s, int column) {
+    const unsigned char* p = sqlite3_column_text(s, column);
+    int n = sqlite3_column_bytes(s, column);
+    return p ? std::string(reinterpret_cast<const char*>(p), static_cast<size_t>(n)) : std::string();
 }
 
 std::string ColumnBlob(sqlite3_stmt* s, int column) {
@@ -106,6 +121,7 @@ StoreDatabase::~StoreDatabase() { Close(); }
 
 void StoreDatabase::Close() {
     if (!m_db) return;
+    EndRead();
     if (m_inWrite) Commit();
     for (auto*& s : m_statements) {
         sqlite3_finalize(s);
@@ -153,8 +169,9 @@ LONG StoreDatabase::Fail(int rc, const char* what) {
     }
     m_message = std::string(what) + ": " + why;
     // SQLite rolls a transaction back by itself after some failures; follow it.
-    if (m_inWrite && m_db && sqlite3_get_autocommit(m_db)) {
+    if ((m_inWrite || m_inRead) && m_db && sqlite3_get_autocommit(m_db)) {
         m_inWrite = false;
+        m_inRead = false;
         m_touched.clear();
     }
     return code;
@@ -214,6 +231,10 @@ LONG StoreDatabase::Open(const std::string& path) {
         m_message = "the file " + path + " is not a registry store (not an SQLite database); it was left as it is";
         return ERROR_BADDB;
     }
+    // Allocation statistics cost a global mutex on every allocation; nothing here reads them. Too late
+    // (and harmless) when SQLite is already in use.
+    static const int configured = sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0);
+    (void)configured;
     int rc = sqlite3_open_v2(path.c_str(), &m_db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr);
     if (rc != SQLITE_OK) {
         LONG code = Fail(rc, "open");
@@ -281,6 +302,10 @@ LONG StoreDatabase::CheckAndInitialise() {
     // append; the store's timer and RegFlushKey take it to the disk.
     if ((code = Exec("PRAGMA journal_mode=WAL")) != ERROR_SUCCESS) return code;
     if ((code = Exec("PRAGMA synchronous=NORMAL")) != ERROR_SUCCESS) return code;
+    // A save rewrites the same pages in many small commits; a longer log lets a checkpoint copy each
+    // page once. The log file is cut back afterwards.
+    if ((code = Exec("PRAGMA wal_autocheckpoint=4096; PRAGMA journal_size_limit=16777216")) != ERROR_SUCCESS)
+        return code;
     for (int r = 0; r < kRootCount; ++r) {
         std::int64_t id = 0;
         if ((code = FindChild(0, kRootNames[r], &id)) != ERROR_SUCCESS) return code;
@@ -354,12 +379,12 @@ LONG StoreDatabase::HasChildren(std::int64_t parent, bool* any) {
     return rc == SQLITE_ROW || rc == SQLITE_DONE ? ERROR_SUCCESS : Fail(rc, "list sub-keys");
 }
 
-LONG StoreDatabase::GetValue(std::int64_t key, const std::string& fold, bool* found, DWORD* type, std::string* data) {
+LONG StoreDatabase::GetValue(std::int64_t key, const std::string& name, bool* found, DWORD* type, std::string* data) {
     sqlite3_stmt* s = Prepare(kGetValue);
     if (!s) return ERROR_CANTREAD;
     StatementScope scope{s};
     sqlite3_bind_int64(s, 1, key);
-    BindBlob(s, 2, fold.data(), fold.size());
+    BindText(s, 2, name);
     int rc = sqlite3_step(s);
     *found = rc == SQLITE_ROW;
     if (rc == SQLITE_ROW) {
@@ -378,7 +403,7 @@ LONG StoreDatabase::Values(std::int64_t key, std::vector<StoredValue>* values) {
     sqlite3_bind_int64(s, 1, key);
     int rc;
     while ((rc = sqlite3_step(s)) == SQLITE_ROW)
-        values->push_back({ColumnBlob(s, 0), static_cast<DWORD>(sqlite3_column_int64(s, 1)), ColumnBlob(s, 2)});
+        values->push_back({ColumnText(s, 0), static_cast<DWORD>(sqlite3_column_int64(s, 1)), ColumnBlob(s, 2)});
     return rc == SQLITE_DONE ? ERROR_SUCCESS : Fail(rc, "list values");
 }
 
@@ -411,10 +436,9 @@ LONG StoreDatabase::SetValue(std::int64_t key, const std::string& name, DWORD ty
     sqlite3_stmt* s = Prepare(kSetValue);
     if (!s) return ERROR_CANTWRITE;
     StatementScope scope{s};
-    std::string fold = FoldName(name);
     sqlite3_bind_int64(s, 1, key);
-    BindBlob(s, 2, fold.data(), fold.size());
-    BindBlob(s, 3, name.data(), name.size());
+    BindText(s, 2, name);
+    sqlite3_bind_int64(s, 3, m_nextSeq++);
     sqlite3_bind_int64(s, 4, type);
     BindBlob(s, 5, data, size);
     int rc = sqlite3_step(s);
@@ -423,12 +447,12 @@ LONG StoreDatabase::SetValue(std::int64_t key, const std::string& name, DWORD ty
     return ERROR_SUCCESS;
 }
 
-LONG StoreDatabase::DeleteValue(std::int64_t key, const std::string& fold, bool* found) {
+LONG StoreDatabase::DeleteValue(std::int64_t key, const std::string& name, bool* found) {
     sqlite3_stmt* s = Prepare(kDeleteValue);
     if (!s) return ERROR_CANTWRITE;
     StatementScope scope{s};
     sqlite3_bind_int64(s, 1, key);
-    BindBlob(s, 2, fold.data(), fold.size());
+    BindText(s, 2, name);
     int rc = sqlite3_step(s);
     if (rc != SQLITE_DONE) return Fail(rc, "delete value");
     *found = sqlite3_changes(m_db) > 0;
@@ -457,11 +481,38 @@ LONG StoreDatabase::DeleteKeyRow(std::int64_t id) {
     return rc == SQLITE_DONE ? ERROR_SUCCESS : Fail(rc, "delete key");
 }
 
+LONG StoreDatabase::BeginRead() {
+    if (m_inRead || m_inWrite) return ERROR_SUCCESS;
+    LONG code = Exec("BEGIN");
+    if (code != ERROR_SUCCESS) return code;
+    m_inRead = true;
+    // The snapshot starts with the first read.
+    bool ignored = false;
+    code = KeyExists(m_roots[kCurrentUser], &ignored);
+    if (code != ERROR_SUCCESS) EndRead();
+    return code;
+}
+
+void StoreDatabase::EndRead() {
+    if (!m_inRead) return;
+    m_inRead = false;
+    if (!sqlite3_get_autocommit(m_db)) sqlite3_exec(m_db, "COMMIT", nullptr, nullptr, nullptr);
+}
+
 LONG StoreDatabase::BeginWrite() {
     if (m_inWrite) return ERROR_SUCCESS;
+    // A snapshot cannot become a write if someone committed since; start from the newest state instead.
+    EndRead();
     LONG code = Exec("BEGIN IMMEDIATE");
-    if (code == ERROR_SUCCESS) m_inWrite = true;
-    return code;
+    if (code != ERROR_SUCCESS) return code;
+    m_inWrite = true;
+    sqlite3_stmt* s = Prepare(kLoadSeq);
+    if (!s) return ERROR_CANTREAD;
+    StatementScope scope{s};
+    int rc = sqlite3_step(s);
+    if (rc != SQLITE_ROW) return rc == SQLITE_DONE ? ERROR_REGISTRY_CORRUPT : Fail(rc, "begin");
+    m_nextSeq = m_savedSeq = sqlite3_column_int64(s, 0);
+    return ERROR_SUCCESS;
 }
 
 LONG StoreDatabase::Commit() {
@@ -479,6 +530,14 @@ LONG StoreDatabase::Commit() {
             }
         }
         m_touched.clear();
+    }
+    if (m_nextSeq != m_savedSeq) {
+        if (sqlite3_stmt* s = Prepare(kStoreSeq)) {
+            StatementScope scope{s};
+            sqlite3_bind_int64(s, 1, m_nextSeq);
+            int rc = sqlite3_step(s);
+            if (rc != SQLITE_DONE) Fail(rc, "commit");
+        }
     }
     int rc = sqlite3_exec(m_db, "COMMIT", nullptr, nullptr, nullptr);
     if (rc != SQLITE_OK) {

@@ -54,7 +54,7 @@ public:
     LONG KeyRow(std::int64_t id, std::int64_t* parent, std::string* name);
     LONG Children(std::int64_t parent, std::vector<StoredChild>* children);  // in hive order
     LONG HasChildren(std::int64_t parent, bool* any);
-    LONG GetValue(std::int64_t key, const std::string& fold, bool* found, DWORD* type, std::string* data);
+    LONG GetValue(std::int64_t key, const std::string& name, bool* found, DWORD* type, std::string* data);
     LONG Values(std::int64_t key, std::vector<StoredValue>* values);  // in creation order
     // Changes when another connection commits; the first call only reads it.
     LONG DataVersion(std::int64_t* version);
@@ -62,12 +62,19 @@ public:
     // Writes; each needs BeginWrite first.
     LONG CreateChild(std::int64_t parent, const std::string& name, std::int64_t* id);
     LONG SetValue(std::int64_t key, const std::string& name, DWORD type, const void* data, size_t size);
-    LONG DeleteValue(std::int64_t key, const std::string& fold, bool* found);
+    LONG DeleteValue(std::int64_t key, const std::string& name, bool* found);
     LONG DeleteValues(std::int64_t key);
     LONG DeleteKeyRow(std::int64_t id);  // and its values; the caller has checked there are no sub-keys
     void Touch(std::int64_t id) { m_touched.push_back(id); }
 
-    // One write transaction at a time, held until Commit; other processes wait for it.
+    // A read snapshot shared by the calls that follow, so that each does not lock the file anew; it
+    // hides other processes' commits until EndRead.
+    LONG BeginRead();
+    void EndRead();
+    bool InRead() const { return m_inRead; }
+
+    // One write transaction at a time, held until Commit; other processes wait for it. Ends a read
+    // snapshot first.
     LONG BeginWrite();
     LONG Commit();
     bool InWrite() const { return m_inWrite; }
@@ -83,7 +90,8 @@ public:
 private:
     enum Statement {
         kFindChild, kKeyExists, kKeyRow, kChildren, kHasChildren, kGetValue, kValues, kDataVersion,
-        kCreateChild, kSetValue, kDeleteValue, kDeleteValues, kDeleteKey, kTouch, kStatementCount
+        kCreateChild, kSetValue, kDeleteValue, kDeleteValues, kDeleteKey, kTouch, kLoadSeq, kStoreSeq,
+        kStatementCount
     };
     sqlite3_stmt* Prepare(Statement which);
     LONG Exec(const char* sql);
@@ -97,7 +105,9 @@ private:
     sqlite3_stmt* m_statements[kStatementCount] = {};
     std::int64_t m_roots[kRootCount] = {};
     bool m_inWrite = false;
+    bool m_inRead = false;
     std::vector<std::int64_t> m_touched;
+    std::int64_t m_nextSeq = 0, m_savedSeq = 0;  // the creation-order counter within a write
 };
 
 }  // namespace detail

@@ -1,0 +1,174 @@
+#include "accounts/CRegistryManager.h"
+
+#include <cstdio>
+#include <cstring>
+#include <vector>
+
+IMPLEMENT_DYNAMIC(CRegistryManager, CObject)
+
+namespace {
+
+// Names and texts are read through buffers of this size, plus one byte for a terminator.
+constexpr DWORD kBufferSize = 1000;
+
+CString AnonName(int index) {
+    char name[24];
+    std::snprintf(name, sizeof name, "Value%d", index);
+    return CString(name);
+}
+
+}  // namespace
+
+LONG CRegistryManager::OpenRegistryKey(HKEY root, const char* path, DWORD* disposition) {
+    DWORD ignored = 0;
+    return RegCreateKeyEx(root, path, 0, nullptr, REG_OPTION_NON_VOLATILE, KEY_ALL_ACCESS, nullptr, &m_hKey,
+                          disposition ? disposition : &ignored);
+}
+
+LONG CRegistryManager::OpenRegistryKey(HKEY root, UINT pathId, DWORD* disposition) {
+    CString path;
+    path.LoadString(pathId);
+    return OpenRegistryKey(root, path, disposition);
+}
+
+void CRegistryManager::Close() {
+    if (m_hKey) RegCloseKey(m_hKey);
+    m_hKey = nullptr;
+}
+
+void CRegistryManager::DeleteKey(CString name) { RegDeleteKey(m_hKey, name); }
+
+void CRegistryManager::GetStringValues(std::map<DWORD, CString*>& values) {
+    char buffer[kBufferSize + 1];
+    for (auto& [id, target] : values) {
+        CString name;
+        name.LoadString(id);
+        DWORD size = kBufferSize;
+        if (RegQueryValueEx(m_hKey, name, nullptr, nullptr, reinterpret_cast<BYTE*>(buffer), &size) != ERROR_SUCCESS)
+            continue;
+        buffer[size] = '\0';
+        *target = buffer;
+    }
+}
+
+void CRegistryManager::GetDwordValues(std::map<DWORD, DWORD*>& values) {
+    for (auto& [id, target] : values) {
+        CString name;
+        name.LoadString(id);
+        BYTE buffer[kBufferSize + 1] = {};
+        DWORD size = kBufferSize;
+        if (RegQueryValueEx(m_hKey, name, nullptr, nullptr, buffer, &size) != ERROR_SUCCESS) continue;
+        std::memcpy(target, buffer, sizeof(DWORD));
+    }
+}
+
+void CRegistryManager::SetStringValues(std::map<DWORD, CString*>& values) {
+    for (auto& [id, source] : values) {
+        CString name;
+        name.LoadString(id);
+        RegSetValueEx(m_hKey, name, 0, REG_SZ, reinterpret_cast<const BYTE*>(source->GetString()),
+                      static_cast<DWORD>(source->GetLength() + 1));
+    }
+}
+
+void CRegistryManager::SetDwordValues(std::map<DWORD, DWORD*>& values) {
+    for (auto& [id, source] : values) {
+        CString name;
+        name.LoadString(id);
+        RegSetValueEx(m_hKey, name, 0, REG_DWORD, reinterpret_cast<const BYTE*>(source), sizeof(DWORD));
+    }
+}
+
+void CRegistryManager::GetStringValues(std::map<CString, CString>& values) {
+    values.clear();
+    char name[kBufferSize + 1];
+    char data[kBufferSize + 1];
+    for (DWORD index = 0;; ++index) {
+        DWORD nameSize = kBufferSize, dataSize = kBufferSize;
+        if (RegEnumValue(m_hKey, index, name, &nameSize, nullptr, nullptr, reinterpret_cast<BYTE*>(data), &dataSize) !=
+            ERROR_SUCCESS)
+            break;
+        data[dataSize] = '\0';
+        values[CString(name)] = data;
+    }
+}
+
+void CRegistryManager::SetStringValues(std::map<CString, CString>& values) {
+    for (auto& [name, text] : values)
+        RegSetValueEx(m_hKey, name, 0, REG_SZ, reinterpret_cast<const BYTE*>(text.GetString()),
+                      static_cast<DWORD>(text.GetLength() + 1));
+}
+
+namespace {
+
+// Walks the values of key in enumeration order, handing each text to add, until the first that fails.
+template <class Add>
+void ReadAnonStrings(HKEY key, Add add) {
+    char name[kBufferSize + 1];
+    char data[kBufferSize + 1];
+    for (DWORD index = 0;; ++index) {
+        DWORD nameSize = kBufferSize, dataSize = kBufferSize;
+        if (RegEnumValue(key, index, name, &nameSize, nullptr, nullptr, reinterpret_cast<BYTE*>(data), &dataSize) !=
+            ERROR_SUCCESS)
+            break;
+        data[dataSize] = '\0';
+        add(CString(data));
+    }
+}
+
+void WriteAnonString(HKEY key, int index, const CString& text) {
+    RegSetValueEx(key, AnonName(index), 0, REG_SZ, reinterpret_cast<const BYTE*>(text.GetString()),
+                  static_cast<DWORD>(text.GetLength() + 1));
+}
+
+}  // namespace
+
+void CRegistryManager::GetAnonStringValues(CStringArray& values) {
+    values.RemoveAll();
+    ReadAnonStrings(m_hKey, [&](const CString& text) { values.Add(text); });
+}
+
+void CRegistryManager::GetAnonStringValues(std::list<CString>& values) {
+    values.clear();
+    ReadAnonStrings(m_hKey, [&](const CString& text) { values.push_back(text); });
+}
+
+void CRegistryManager::SetAnonStringValues(CStringArray& values) {
+    for (int i = 0; i < values.GetSize(); ++i) WriteAnonString(m_hKey, i, values[i]);
+}
+
+void CRegistryManager::SetAnonStringValues(std::list<CString>& values) {
+    int i = 0;
+    for (const CString& text : values) WriteAnonString(m_hKey, i++, text);
+}
+
+void CRegistryManager::GetAnonDwordValues(std::list<DWORD>& values) {
+    values.clear();
+    char name[kBufferSize + 1];
+    for (DWORD index = 0;; ++index) {
+        DWORD nameSize = kBufferSize, value = 0, size = sizeof value;
+        if (RegEnumValue(m_hKey, index, name, &nameSize, nullptr, nullptr, reinterpret_cast<BYTE*>(&value), &size) !=
+            ERROR_SUCCESS)
+            break;
+        values.push_back(value);
+    }
+}
+
+void CRegistryManager::SetAnonDwordValues(std::list<DWORD>& values) {
+    int i = 0;
+    for (DWORD value : values)
+        RegSetValueEx(m_hKey, AnonName(i++), 0, REG_DWORD, reinterpret_cast<const BYTE*>(&value), sizeof value);
+}
+
+void CRegistryManager::QueryValue(const char* name, DWORD type, CString& value, DWORD size) {
+    std::vector<char> buffer(static_cast<size_t>(size) + 1);
+    DWORD got = size;
+    if (RegQueryValueEx(m_hKey, name, nullptr, &type, reinterpret_cast<BYTE*>(buffer.data()), &got) != ERROR_SUCCESS)
+        return;
+    buffer[got] = '\0';
+    value = buffer.data();
+}
+
+LONG CRegistryManager::LoadRegistryKey(const char* file) { return RegRestoreKey(m_hKey, file, 0); }
+
+LONG CRegistryManager::SaveRegistryKey(const char* file) { return RegSaveKey(m_hKey, file, nullptr); }
