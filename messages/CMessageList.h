@@ -131,8 +131,9 @@ public:
     void LoadMessage(IStorage* parent, CString storageName, CMailBoxProfile* profile);
     // Writes a dirty record (and its body buffer, if any) into its sub-storage of parent, removing the
     // older layout's streams; a record marked deleted has its sub-storage destroyed instead. Gives the
-    // record a message id and storage name first when they are empty. On a storage failure the record
-    // stays dirty.
+    // record a message id and storage name first when they are empty. A storage name already holding a
+    // different message (the names come from the tick count and can repeat) is replaced by a fresh one
+    // rather than overwritten. On a storage failure the record stays dirty.
     void SaveMessage(IStorage* parent);
     // Stores text as the body (through SaveMessage into the parent storage); nothing without one.
     void SetBody(CString& text);

@@ -61,6 +61,34 @@ private:
     DWORD m_running = 0;
 };
 
+// The id recorded in a sub-storage's "Numeric Data"; false when the sub-storage or its numbers are
+// missing. Probes without CStorageManager so that an absent name reports no error.
+bool storedId(IStorage* parent, const CString& name, DWORD& id) {
+    IStorage* sub = nullptr;
+    if (FAILED(parent->OpenStorage(name.GetString(), nullptr, STGM_READ | STGM_SHARE_EXCLUSIVE, nullptr, 0, &sub)))
+        return false;
+    CString streamName;
+    streamName.LoadString(IDS_NUMERIC_DATA);
+    IStream* stream = nullptr;
+    unsigned char numeric[kNumericDataSize] = {};
+    ULONG read = 0;
+    if (SUCCEEDED(sub->OpenStream(streamName.GetString(), nullptr, STGM_READ | STGM_SHARE_EXCLUSIVE, 0, &stream))) {
+        stream->Read(numeric, kNumericDataSize, &read);
+        stream->Release();
+    }
+    sub->Release();
+    if (read < 20) return false;
+    id = readLE(numeric + 16);
+    return true;
+}
+
+bool elementExists(IStorage* parent, const CString& name) {
+    IStorage* sub = nullptr;
+    HRESULT hr = parent->OpenStorage(name.GetString(), nullptr, STGM_READ | STGM_SHARE_EXCLUSIVE, nullptr, 0, &sub);
+    if (sub) sub->Release();
+    return hr != STG_E_FILENOTFOUND;
+}
+
 // Loads the named record; true (and the record appended) when it holds a message.
 bool loadInto(IStorage* parent, const CString& name, std::list<CMessageList*>& list, CMailBoxProfile* profile) {
     auto record = std::make_unique<CMessageList>(parent);
@@ -80,9 +108,9 @@ void CMessageList::LoadMessage(IStorage* parent, CString storageName, CMailBoxPr
         CStorageManager storage;
         if (!storage.OpenSubStorage(parent, storageName, kRecordMode, true, true)) return;
         m_bDirty = false;
-        if (storage.GetStreamSize(IDS_NUMERIC_DATA) > 0) {
-            unsigned char numeric[kNumericDataSize] = {};
-            storage.ReadData(IDS_NUMERIC_DATA, numeric, kNumericDataSize);
+        unsigned char numeric[kNumericDataSize] = {};
+        // Reading is the size test: a missing or empty stream gives no bytes.
+        if (storage.ReadData(IDS_NUMERIC_DATA, numeric, kNumericDataSize) > 0) {
             m_bSeen = readLE(numeric) != 0;
             m_bRead = readLE(numeric + 4) != 0;
             m_MsgType = static_cast<enum_MsgType>(readLE(numeric + 8));
@@ -132,6 +160,17 @@ void CMessageList::SaveMessage(IStorage* parent) {
         return;
     }
     if (!m_bDirty) return;
+    // Storage names are drawn from a generator reseeded from the tick count, so two records can be given
+    // the same one. A name that already holds another message's numbers is not ours to overwrite.
+    DWORD existingId = 0;
+    if (parent && storedId(parent, m_strStorageName, existingId) && existingId != m_dwID) {
+        static std::atomic<unsigned> salt{0};
+        do {
+            CString seed = RandomString(20, 2);
+            seed.AppendFormat("%u", salt.fetch_add(1));
+            m_strStorageName = GetHash(seed, 10);
+        } while (m_strStorageName.IsEmpty() || elementExists(parent, m_strStorageName));
+    }
     try {
         CStorageManager storage;
         if (storage.OpenSubStorage(parent, m_strStorageName, kRecordMode, true, true)) {

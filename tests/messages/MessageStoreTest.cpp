@@ -198,6 +198,31 @@ TEST_F(MessageStoreTest, ADeletedRecordLeavesTheStoreAtItsNextSave) {
     EXPECT_FALSE(view.StorageExists(name));
 }
 
+TEST_F(MessageStoreTest, RecordsMadeInTheSameMillisecondDoNotOverwriteEachOther) {
+    CMessageList first(store()), second(store());
+    first.SetData(kHeader, 101, 1000, MsgReceived);
+    second.SetData(kHeader, 102, 2000, MsgReceived);
+    ASSERT_EQ(first.GetStorageName(), second.GetStorageName());
+    first.SaveMessage(store());
+    second.SaveMessage(store());
+    EXPECT_NE(first.GetStorageName(), second.GetStorageName());
+    // Saving the first again keeps its own name.
+    first.SetRead(true);
+    first.SaveMessage(store());
+    std::list<CMessageList*> loaded;
+    CMessageList::EnumStorage(store(), loaded, nullptr, nullptr);
+    std::vector<DWORD> ids;
+    for (CMessageList* m : loaded) {
+        ids.push_back(m->GetID());
+        if (m->GetID() == 101) {
+            EXPECT_TRUE(m->IsRead());
+        }
+        delete m;
+    }
+    std::sort(ids.begin(), ids.end());
+    EXPECT_EQ(ids, (std::vector<DWORD>{101, 102}));
+}
+
 TEST_F(MessageStoreTest, EmptyNamesAndIdsAreFilledBeforeSaving) {
     CMessageList bare(store());
     bare.SetData("Subject: no id\r\n", 5, 50, MsgReceived);
