@@ -186,13 +186,17 @@ int recvfrom(SOCKET s, char* buf, int len, int flags, sockaddr* from, int* froml
 int getpeername(SOCKET s, sockaddr* name, int* namelen);
 int getsockname(SOCKET s, sockaddr* name, int* namelen);
 
-// Boolean and integer options at SOL_SOCKET level; enough for SO_REUSEADDR, SO_BROADCAST and timeouts.
+// Boolean and integer options at SOL_SOCKET level. SO_SNDTIMEO / SO_RCVTIMEO take a DWORD of
+// milliseconds (0 is no limit); a blocking call that runs out of time returns what it has moved so far,
+// or fails with WSAETIMEDOUT when that is nothing.
 constexpr int SOL_SOCKET = 0xffff;
 constexpr int SO_REUSEADDR = 0x0004;
 constexpr int SO_KEEPALIVE = 0x0008;
 constexpr int SO_BROADCAST = 0x0020;
 constexpr int SO_SNDBUF = 0x1001;
 constexpr int SO_RCVBUF = 0x1002;
+constexpr int SO_SNDTIMEO = 0x1005;
+constexpr int SO_RCVTIMEO = 0x1006;
 constexpr int SO_ERROR = 0x1007;
 constexpr int SO_TYPE = 0x1008;
 int setsockopt(SOCKET s, int level, int optname, const char* optval, int optlen);

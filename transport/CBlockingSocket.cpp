@@ -59,6 +59,11 @@ BOOL CBlockingSocket::Accept(CBlockingSocket& into, sockaddr* peer) {
 
 int CBlockingSocket::Send(const char* data, int size, int seconds) {
     if (WaitForSocket(m_hSocket, SOCKET_WAIT_WRITE, limit(seconds)) == 0) fail("Send timeout");
+    // Writable only means some room: a blocking send of more than fits would wait for the peer to read,
+    // for ever if it never does. With the limit the send returns what fitted, and Write's next wait
+    // reports the stall as a timeout.
+    const DWORD ms = seconds > 0 ? static_cast<DWORD>(seconds) * 1000u : 1u;
+    setsockopt(m_hSocket, SOL_SOCKET, SO_SNDTIMEO, reinterpret_cast<const char*>(&ms), sizeof ms);
     const int sent = send(m_hSocket, data, size, 0);
     if (sent == SOCKET_ERROR) fail("Send");
     return sent;

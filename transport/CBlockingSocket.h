@@ -33,7 +33,8 @@ public:
     // The four operations derived clients call through these virtual slots, in this order.
     //
     // Waits until writable (at most seconds; "Send timeout" when nothing is ready), then one send of size
-    // bytes; returns the bytes sent. A failing wait falls through to the send, which reports "Send".
+    // bytes; returns the bytes sent, fewer when the peer stops reading for that long again. A failing
+    // wait falls through to the send, which reports "Send".
     virtual int Send(const char* data, int size, int seconds);
     // Waits until readable (at most seconds), then one receive of at most size bytes; returns the bytes
     // read, 0 when the peer has closed. "Receive timeout" when the wait ends with nothing ready or fails;

@@ -7,6 +7,7 @@
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/types.h>
 #include <unistd.h>
 
@@ -102,6 +103,18 @@ int fail(int& error, int err) {
     return -1;
 }
 
+// Our sockets are never non-blocking, so EAGAIN from a transfer means its SO_SNDTIMEO/SO_RCVTIMEO ran out,
+// which Windows reports as a time-out.
+int failTransfer(int& error, int err) {
+    if (err == EAGAIN || err == EWOULDBLOCK) {
+        error = 10060;
+        return -1;
+    }
+    return fail(error, err);
+}
+
+bool isTimeOption(int sysName) { return sysName == SO_SNDTIMEO || sysName == SO_RCVTIMEO; }
+
 // Windows never hands out handle 0 and callers use 0 for "no socket", so a descriptor that lands on 0
 // (stdin closed) is moved up.
 int avoidZero(int fd) {
@@ -149,6 +162,8 @@ bool sysOption(int level, int name, int& sysLevel, int& sysName) {
         case 0x1002: sysName = SO_RCVBUF; return true;
         case 0x1007: sysName = SO_ERROR; return true;
         case 0x1008: sysName = SO_TYPE; return true;
+        case 0x1005: sysName = SO_SNDTIMEO; return true;
+        case 0x1006: sysName = SO_RCVTIMEO; return true;
         default: return false;
     }
 }
@@ -248,7 +263,7 @@ long OsSend(int fd, const char* data, int length, int flags, int& error) {
     for (;;) {
         ssize_t n = ::send(fd, data, static_cast<size_t>(length), sysFlags(flags));
         if (n >= 0) return static_cast<long>(n);
-        if (errno != EINTR) return fail(error, errno);
+        if (errno != EINTR) return failTransfer(error, errno);
     }
 }
 
@@ -256,7 +271,7 @@ long OsRecv(int fd, char* data, int length, int flags, int& error) {
     for (;;) {
         ssize_t n = ::recv(fd, data, static_cast<size_t>(length), sysFlags(flags));
         if (n >= 0) return static_cast<long>(n);
-        if (errno != EINTR) return fail(error, errno);
+        if (errno != EINTR) return failTransfer(error, errno);
     }
 }
 
@@ -266,7 +281,7 @@ long OsSendTo(int fd, const char* data, int length, int flags, const Endpoint& t
         ssize_t n = ::sendto(fd, data, static_cast<size_t>(length), sysFlags(flags),
                              reinterpret_cast<sockaddr*>(&sa), sizeof sa);
         if (n >= 0) return static_cast<long>(n);
-        if (errno != EINTR) return fail(error, errno);
+        if (errno != EINTR) return failTransfer(error, errno);
     }
 }
 
@@ -285,7 +300,7 @@ long OsRecvFrom(int fd, char* data, int length, int flags, Endpoint* from, int& 
                 return fail(error, EMSGSIZE);
             return static_cast<long>(n);
         }
-        if (errno != EINTR) return fail(error, errno);
+        if (errno != EINTR) return failTransfer(error, errno);
     }
 }
 
@@ -308,12 +323,24 @@ int OsSockName(int fd, Endpoint& local, int& error) {
 int OsSetOption(int fd, int level, int name, int value, int& error) {
     int sysLevel = 0, sysName = 0;
     if (!sysOption(level, name, sysLevel, sysName)) return fail(error, ENOPROTOOPT);
+    if (isTimeOption(sysName)) {
+        const unsigned ms = static_cast<unsigned>(value);
+        timeval tv{static_cast<time_t>(ms / 1000), static_cast<suseconds_t>(ms % 1000 * 1000)};
+        return ::setsockopt(fd, sysLevel, sysName, &tv, sizeof tv) == 0 ? 0 : fail(error, errno);
+    }
     return ::setsockopt(fd, sysLevel, sysName, &value, sizeof value) == 0 ? 0 : fail(error, errno);
 }
 
 int OsGetOption(int fd, int level, int name, int& value, int& error) {
     int sysLevel = 0, sysName = 0;
     if (!sysOption(level, name, sysLevel, sysName)) return fail(error, ENOPROTOOPT);
+    if (isTimeOption(sysName)) {
+        timeval tv{};
+        socklen_t len = sizeof tv;
+        if (::getsockopt(fd, sysLevel, sysName, &tv, &len) != 0) return fail(error, errno);
+        value = static_cast<int>(tv.tv_sec * 1000 + tv.tv_usec / 1000);
+        return 0;
+    }
     socklen_t len = sizeof value;
     if (::getsockopt(fd, sysLevel, sysName, &value, &len) != 0) return fail(error, errno);
     if (sysName == SO_ERROR && value != 0) value = WsaFromErrno(value);

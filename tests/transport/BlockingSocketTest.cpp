@@ -190,6 +190,19 @@ TEST_F(Sockets, FailuresCarryTheirLabelsAndSentences) {
     EXPECT_EQ(thrown([&] { s.GetPeerAddr(unused); }).first, "The socket is not connected");
 }
 
+// A peer that stops reading cannot hold Write past its limits: the send returns what fitted and the
+// next wait times out.
+TEST_F(Sockets, StalledPeerEndsWriteWithSendTimeout) {
+    CBlockingSocket client, server;
+    connectPair(client, server);
+    std::string big(32 << 20, 'x');  // more than both socket buffers hold
+    WSASetLastError(0);
+    const auto start = std::chrono::steady_clock::now();
+    auto [text, code] = thrown([&] { client.Write(big.data(), static_cast<int>(big.size()), 1); });
+    EXPECT_EQ(text, "Send timeout error");
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+}
+
 // Send is a virtual slot: a client that sends a few bytes at a time still gets the whole buffer out of
 // Write, and Write calls Send even for nothing.
 TEST(CBlockingSocketWrite, LoopsOverPartialSends) {

@@ -150,6 +150,16 @@ TEST_F(Started, LoopbackStreamCarriesBytesAndReportsClose) {
     EXPECT_EQ(recv(server, buf, sizeof buf, 0), 5);
     EXPECT_EQ(std::string(buf, 5), "hello");
 
+    // A receive limit ends a blocking receive with the Windows time-out code.
+    const DWORD limitMs = 100;
+    ASSERT_EQ(setsockopt(server, SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<const char*>(&limitMs), sizeof limitMs), 0);
+    DWORD readBack = 0;
+    int optLen = sizeof readBack;
+    ASSERT_EQ(getsockopt(server, SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<char*>(&readBack), &optLen), 0);
+    EXPECT_EQ(readBack, limitMs);
+    EXPECT_EQ(recv(server, buf, sizeof buf, 0), SOCKET_ERROR);
+    EXPECT_EQ(WSAGetLastError(), WSAETIMEDOUT);
+
     ASSERT_EQ(closesocket(client), 0);
     EXPECT_EQ(WaitForSocket(server, SOCKET_WAIT_READ, 5), 1);
     EXPECT_EQ(recv(server, buf, sizeof buf, 0), 0);
