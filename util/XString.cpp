@@ -130,13 +130,36 @@ XString XString::NCRemove(char c) const {
     return at < 0 ? *this : Remove(at, at + 1);
 }
 
-// Each pass starts from the beginning again, so removals that join two halves into a new match go on:
-// removing "ab" from "aabb" leaves nothing.
+namespace {
+// Removing the leftmost occurrence and searching again from the start, until none is left, is the same
+// as one pass that drops the pattern whenever the text kept so far ends with it (the leftmost occurrence
+// of a fixed-length pattern is also the one that ends first). The pass keeps hostile input linear.
+std::string removeRepeatedly(const std::string& text, const std::string& pattern, bool noCase) {
+    auto same = [noCase](char a, char b) {
+        if (noCase) {
+            if (a >= 'a' && a <= 'z') a = static_cast<char>(a - 'a' + 'A');
+            if (b >= 'a' && b <= 'z') b = static_cast<char>(b - 'a' + 'A');
+        }
+        return a == b;
+    };
+    std::string kept;
+    kept.reserve(text.size());
+    const size_t m = pattern.size();
+    for (char c : text) {
+        kept += c;
+        if (kept.size() < m) continue;
+        size_t base = kept.size() - m;
+        size_t i = 0;
+        while (i < m && same(kept[base + i], pattern[i])) ++i;
+        if (i == m) kept.resize(base);
+    }
+    return kept;
+}
+}  // namespace
+
 XString XString::RemoveAll(const XString& s) const {
     if (s.IsEmpty()) return *this;
-    XString r(*this);
-    for (int at; (at = r.Find(s)) >= 0;) r = r.Remove(at, at + s.GetLength());
-    return r;
+    return XString(CString(removeRepeatedly(str(), s.str(), false)));
 }
 
 XString XString::RemoveAll(char c) const {
@@ -147,16 +170,10 @@ XString XString::RemoveAll(char c) const {
 
 XString XString::NCRemoveAll(const XString& s) const {
     if (s.IsEmpty()) return *this;
-    XString r(*this);
-    for (int at; (at = r.NCFind(s)) >= 0;) r = r.Remove(at, at + s.GetLength());
-    return r;
+    return XString(CString(removeRepeatedly(str(), s.str(), true)));
 }
 
-XString XString::NCRemoveAll(char c) const {
-    XString r(*this);
-    for (int at; (at = r.NCFind(c)) >= 0;) r = r.Remove(at, at + 1);
-    return r;
-}
+XString XString::NCRemoveAll(char c) const { return XString(CString(removeRepeatedly(str(), std::string(1, c), true))); }
 
 XString XString::Insert(const XString& s, int pos) const {
     if (pos < 0 || pos > GetLength()) return *this;

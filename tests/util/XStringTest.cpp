@@ -2,6 +2,9 @@
 
 #include "util/XString.h"
 
+#include <random>
+#include <string>
+
 namespace {
 
 // The separator is process-wide: every test starts from '|' and puts it back.
@@ -81,6 +84,30 @@ TEST_F(XStringTest, Removal) {
     EXPECT_EQ(XString("AaBb").NCRemoveAll(XString("ab")), "");
     EXPECT_EQ(XString("AxaX").NCRemoveAll('x'), "Aa");
     EXPECT_EQ(abc.RemoveAll(XString("")), "abc");  // must not loop forever
+}
+
+// RemoveAll must equal "remove the first occurrence, search again from the start" on any input.
+TEST_F(XStringTest, RemoveAllMatchesRepeatedFirstRemoval) {
+    auto naive = [](std::string text, const std::string& pattern, bool noCase) {
+        auto fold = [noCase](std::string t) {
+            if (noCase)
+                for (char& c : t) c = static_cast<char>(c >= 'a' && c <= 'z' ? c - 32 : c);
+            return t;
+        };
+        for (size_t at; (at = fold(text).find(fold(pattern))) != std::string::npos;) text.erase(at, pattern.size());
+        return text;
+    };
+    std::mt19937 rng(7);
+    const char alphabet[] = "abAB";
+    for (int round = 0; round < 3000; ++round) {
+        std::string text, pattern;
+        for (size_t n = rng() % 14; n > 0; --n) text += alphabet[rng() % 4];
+        for (size_t n = 1 + rng() % 3; n > 0; --n) pattern += alphabet[rng() % 4];
+        ASSERT_EQ(XString(text.c_str()).RemoveAll(XString(pattern.c_str())).str(), naive(text, pattern, false))
+            << text << " - " << pattern;
+        ASSERT_EQ(XString(text.c_str()).NCRemoveAll(XString(pattern.c_str())).str(), naive(text, pattern, true))
+            << text << " - " << pattern;
+    }
 }
 
 TEST_F(XStringTest, Replacement) {
