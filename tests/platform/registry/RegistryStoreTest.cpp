@@ -1,0 +1,250 @@
+// The store file: where it lives, who may read it, what survives, and what happens when it is not ours,
+// is damaged, or is shared with other processes.
+#include <signal.h>
+#include <sqlite3.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <thread>
+
+#include "tests/platform/registry/RegistryFixture.h"
+
+namespace tavik::test {
+namespace {
+
+using RegistryStore = RegistryTest;
+
+std::string ReadFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+void WriteFile(const std::string& path, const std::string& bytes) {
+    std::ofstream(path, std::ios::binary) << bytes;
+}
+
+// Another process running the helper; its standard output can be read line by line.
+class Child {
+public:
+    explicit Child(std::vector<std::string> args) {
+        int fds[2];
+        if (::pipe(fds) != 0) return;
+        m_pid = ::fork();
+        if (m_pid == 0) {
+            ::dup2(fds[1], 1);
+            ::close(fds[0]);
+            ::close(fds[1]);
+            std::vector<char*> argv;
+            argv.push_back(const_cast<char*>(REGISTRY_CHILD));
+            for (auto& a : args) argv.push_back(a.data());
+            argv.push_back(nullptr);
+            ::execv(REGISTRY_CHILD, argv.data());
+            ::_exit(127);
+        }
+        ::close(fds[1]);
+        m_out = fds[0];
+    }
+    ~Child() {
+        if (m_pid > 0) Kill();
+        if (m_out >= 0) ::close(m_out);
+    }
+    std::string ReadLine() {
+        std::string line;
+        char c;
+        while (::read(m_out, &c, 1) == 1 && c != '\n') line.push_back(c);
+        return line;
+    }
+    int Wait() {
+        int status = 0;
+        ::waitpid(m_pid, &status, 0);
+        m_pid = -1;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+    void Kill() {
+        ::kill(m_pid, SIGKILL);
+        Wait();
+    }
+
+private:
+    pid_t m_pid = -1;
+    int m_out = -1;
+};
+
+TEST_F(RegistryStore, NewStoreIsOwnerOnlyAndKeepsItsContentAcrossReopening) {
+    std::string path = m_dir.file("deeper/tavikmail/registry.db");
+    RegSetStorePath(path.c_str());
+    HKEY key = Create("Software\\Kept");
+    SetString(key, "Password", "secret");
+    RegCloseKey(key);
+    ASSERT_EQ(RegCloseStore(), ERROR_SUCCESS);
+
+    struct stat st {};
+    ASSERT_EQ(::stat(path.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0600u);
+    ASSERT_EQ(::stat(m_dir.file("deeper/tavikmail").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0700u);
+
+    ASSERT_EQ(RegOpenKeyEx(HKEY_CURRENT_USER, "SOFTWARE\\kept", 0, KEY_READ, &key), ERROR_SUCCESS);
+    EXPECT_EQ(GetString(key, "Password"), "secret");
+    RegCloseKey(key);
+}
+
+TEST_F(RegistryStore, DefaultPathFollowsTheEnvironment) {
+    struct Saved {
+        const char* name;
+        std::string value;
+        bool set;
+    } saved[] = {{"TAVIK_REGISTRY", "", false}, {"XDG_CONFIG_HOME", "", false}, {"HOME", "", false}};
+    for (auto& s : saved)
+        if (const char* v = std::getenv(s.name)) s.value = v, s.set = true;
+
+    RegSetStorePath(nullptr);
+    ::setenv("TAVIK_REGISTRY", "/somewhere/reg.db", 1);
+    EXPECT_EQ(RegGetStorePath(), "/somewhere/reg.db");
+    ::unsetenv("TAVIK_REGISTRY");
+    ::setenv("XDG_CONFIG_HOME", "/xdg", 1);
+    EXPECT_EQ(RegGetStorePath(), "/xdg/tavikmail/registry.db");
+    ::setenv("XDG_CONFIG_HOME", "relative", 1);  // not absolute: ignored, as the XDG rules say
+    ::setenv("HOME", "/home/user", 1);
+    EXPECT_EQ(RegGetStorePath(), "/home/user/.config/tavikmail/registry.db");
+    RegSetStorePath("/explicit.db");
+    EXPECT_EQ(RegGetStorePath(), "/explicit.db");
+
+    for (auto& s : saved) {
+        if (s.set)
+            ::setenv(s.name, s.value.c_str(), 1);
+        else
+            ::unsetenv(s.name);
+    }
+}
+
+TEST_F(RegistryStore, ForeignAndDamagedFilesAreReportedAndLeftAlone) {
+    HKEY key = nullptr;
+    // Not a database at all.
+    std::string text = m_dir.file("notes.txt");
+    WriteFile(text, "these are my notes, not a registry\n");
+    RegSetStorePath(text.c_str());
+    EXPECT_EQ(RegOpenKeyEx(HKEY_CURRENT_USER, "Software", 0, KEY_READ, &key), ERROR_BADDB);
+    EXPECT_NE(RegGetLastMessage().find(text), std::string::npos) << RegGetLastMessage();
+    EXPECT_EQ(RegCreateKeyEx(HKEY_CURRENT_USER, "Software", 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &key, nullptr),
+              ERROR_BADDB);
+    EXPECT_EQ(ReadFile(text), "these are my notes, not a registry\n");
+
+    // Another program's SQLite database.
+    std::string other = m_dir.file("other.db");
+    sqlite3* db = nullptr;
+    ASSERT_EQ(sqlite3_open(other.c_str(), &db), SQLITE_OK);
+    sqlite3_exec(db, "CREATE TABLE songs(title TEXT); INSERT INTO songs VALUES('one');", nullptr, nullptr, nullptr);
+    sqlite3_close(db);
+    std::string before = ReadFile(other);
+    RegSetStorePath(other.c_str());
+    EXPECT_EQ(RegCreateKeyEx(HKEY_CURRENT_USER, "Software", 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &key, nullptr),
+              ERROR_BADDB);
+    EXPECT_NE(RegGetLastMessage().find("another program"), std::string::npos) << RegGetLastMessage();
+    RegCloseStore();
+    EXPECT_EQ(ReadFile(other), before);
+
+    // One of ours, damaged after its first page.
+    RegSetStorePath(StoreFile().c_str());
+    key = Create("Software\\Damaged");
+    for (int i = 0; i < 500; ++i) SetDword(key, ("Value" + std::to_string(i)).c_str(), static_cast<DWORD>(i));
+    RegCloseKey(key);
+    ASSERT_EQ(RegCloseStore(), ERROR_SUCCESS);
+    std::string bytes = ReadFile(StoreFile());
+    ASSERT_GT(bytes.size(), 8192u);
+    for (size_t i = 4096; i < bytes.size(); ++i) bytes[i] = static_cast<char>(0x55 ^ (i * 31));
+    WriteFile(StoreFile(), bytes);
+    LONG code = RegOpenKeyEx(HKEY_CURRENT_USER, "Software\\Damaged", 0, KEY_READ, &key);
+    EXPECT_EQ(code, ERROR_REGISTRY_CORRUPT);
+    EXPECT_NE(RegGetLastMessage().find("damaged"), std::string::npos) << RegGetLastMessage();
+    RegCloseStore();
+    EXPECT_EQ(ReadFile(StoreFile()), bytes);
+
+    // A good store is usable again once the path points at one.
+    RegSetStorePath(m_dir.file("fresh.db").c_str());
+    RegCloseKey(Create("Software\\Fresh"));
+}
+
+TEST_F(RegistryStore, TwoProcessesAndThisOneWritingAtOnceLoseNothing) {
+    Child a({"write", StoreFile(), "Software\\Shared", "a", "400", "10"});
+    Child b({"write", StoreFile(), "Software\\Shared", "b", "400", "25"});
+    for (int i = 0; i < 400;) {
+        HKEY key = Create("Software\\Shared");
+        for (int end = i + 20; i < end; ++i) SetDword(key, ("c" + std::to_string(i)).c_str(), static_cast<DWORD>(i));
+        RegCloseKey(key);
+    }
+    EXPECT_EQ(a.Wait(), 0);
+    EXPECT_EQ(b.Wait(), 0);
+
+    HKEY key = Create("Software\\Shared");
+    EXPECT_EQ(ValueNames(key).size(), 1200u);
+    for (const char* prefix : {"a", "b", "c"})
+        for (int i = 0; i < 400; ++i) {
+            DWORD value = 0xdeadbeef, size = 4;
+            std::string name = prefix + std::to_string(i);
+            ASSERT_EQ(RegQueryValueEx(key, name.c_str(), nullptr, nullptr, reinterpret_cast<BYTE*>(&value), &size),
+                      ERROR_SUCCESS)
+                << name;
+            EXPECT_EQ(value, static_cast<DWORD>(i));
+        }
+    RegCloseKey(key);
+}
+
+TEST_F(RegistryStore, KillRightAfterCloseLosesNothing) {
+    for (int round = 0; round < 3; ++round) {
+        std::string path = "Software\\Crash" + std::to_string(round);
+        Child child({"close-then-hang", StoreFile(), path, "1500"});
+        ASSERT_EQ(child.ReadLine(), "closed");
+        child.Kill();
+
+        RegCloseStore();  // read the file afresh, as a new process would
+        HKEY key = nullptr;
+        ASSERT_EQ(RegOpenKeyEx(HKEY_CURRENT_USER, path.c_str(), 0, KEY_READ, &key), ERROR_SUCCESS)
+            << RegGetLastMessage();
+        std::vector<std::string> names = ValueNames(key);
+        ASSERT_EQ(names.size(), 1500u);
+        DWORD value = 0, size = 4;
+        ASSERT_EQ(RegQueryValueEx(key, "Value1499", nullptr, nullptr, reinterpret_cast<BYTE*>(&value), &size),
+                  ERROR_SUCCESS);
+        EXPECT_EQ(value, 1499u * 3);
+        RegCloseKey(key);
+    }
+}
+
+TEST_F(RegistryStore, OtherProcessesSeeCommitsAndDeletionsAndAnOpenWriterDoesNotBlockThem) {
+    HKEY doomed = Create("Software\\Doomed");
+    SetString(doomed, "v", "here");
+    RegCloseKey(Create("Software\\Doomed"));  // commit
+
+    Child deleter({"delete", StoreFile(), "Software\\Doomed"});
+    ASSERT_EQ(deleter.Wait(), 0);
+    DWORD size = 0;
+    EXPECT_EQ(RegQueryValueEx(doomed, "v", nullptr, nullptr, nullptr, &size), ERROR_KEY_DELETED);
+    RegCloseKey(doomed);
+
+    // A writer that never closes its key: its write reaches us shortly, and it does not keep us out.
+    Child holder({"hold", StoreFile(), "Software\\Held"});
+    ASSERT_EQ(holder.ReadLine(), "written");
+    HKEY mine = Create("Software\\Mine");
+    SetString(mine, "x", "y");
+    EXPECT_EQ(RegCloseKey(mine), ERROR_SUCCESS);
+    std::string seen;
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    while (seen != "yes" && std::chrono::steady_clock::now() < deadline) {
+        HKEY held = nullptr;
+        if (RegOpenKeyEx(HKEY_CURRENT_USER, "Software\\Held", 0, KEY_READ, &held) == ERROR_SUCCESS) {
+            seen = GetString(held, "Held");
+            RegCloseKey(held);
+        }
+        if (seen != "yes") std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    EXPECT_EQ(seen, "yes");
+}
+
+}  // namespace
+}  // namespace tavik::test
