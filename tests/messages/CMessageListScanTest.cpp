@@ -110,6 +110,7 @@ TEST(MessageAddresses, BracketsAndFallbacks) {
     EXPECT_EQ(record("From: Jane <>\r\n").GetFormattedSenderName(), "Jane <>");
     EXPECT_EQ(record("From: a> b <c\r\n").GetFormattedSenderName(), "a> b <c");
     EXPECT_EQ(record("From: jane@x\r\n").GetFormattedSenderName(), "jane@x");
+    EXPECT_EQ(record("From: \t \"Jane Doe\" <jane@x> \t\r\n").GetSenderName(), "\"Jane Doe\" <jane@x>");
 
     CMessageList team = record("From: Jane <jane@x>\r\nReply-To: Team <team@x>\r\n");
     EXPECT_EQ(team.GetReplyTo(), "Team <team@x>");
