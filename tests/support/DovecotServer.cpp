@@ -214,6 +214,7 @@ std::string DovecotServer::WriteConfig(unsigned short port) {
     c << "}\n";
     if (!root) {
         c << "default_login_user = " << self << "\ndefault_internal_user = " << self << "\n"
+          << "default_internal_group = " << mailGroup << "\n"
           << "service imap-login {\n  chroot =\n}\n";
     }
     std::string path = m_dir + "/dovecot.conf";
