@@ -2,7 +2,6 @@
 // prints what it found.
 #include <cstdio>
 #include <fstream>
-#include <iterator>
 #include <string>
 
 #include "host/Commands.h"
@@ -18,18 +17,19 @@ public:
     using CMessageList::GetHash;
 };
 
-// The header is everything before the first empty line (a file without one is all header).
-std::string HeaderOf(const std::string& text) {
-    size_t start = 0;
-    while (start < text.size()) {
-        size_t end = text.find('\n', start);
-        if (end == std::string::npos) break;
-        size_t length = end - start;
-        if (length > 0 && text[end - 1] == '\r') --length;
-        if (length == 0) return text.substr(0, start);
-        start = end + 1;
+// The header is everything before the first empty line (a file without one is all header); the body is
+// never read.
+std::string ReadHeader(std::istream& in) {
+    std::string header, line;
+    while (std::getline(in, line)) {
+        bool hadNewline = !in.eof();
+        std::string bare = line;
+        if (!bare.empty() && bare.back() == '\r') bare.pop_back();
+        if (bare.empty() && hadNewline) break;
+        header += line;
+        if (hadNewline) header += '\n';
     }
-    return text;
+    return header;
 }
 
 void Field(const char* name, const CString& value) {
@@ -42,13 +42,15 @@ int ScanFile(const std::string& path) {
         std::fprintf(stderr, "tavik scan: cannot open %s\n", path.c_str());
         return 1;
     }
-    const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    const std::string header = HeaderOf(text);
+    const std::string header = ReadHeader(in);
+    in.clear();
+    in.seekg(0, std::ios::end);
+    const auto fileSize = static_cast<unsigned long long>(in.tellg());
 
     CRC32i crc;
     crc.Update(reinterpret_cast<unsigned char*>(const_cast<char*>(header.data())), static_cast<ULONG>(header.size()));
     ScanRecord record;
-    record.SetData(CString(header), crc.Final(), static_cast<DWORD>(text.size()), MsgReceived);
+    record.SetData(CString(header), crc.Final(), static_cast<DWORD>(fileSize), MsgReceived);
 
     std::printf("%s\n", path.c_str());
     Field("sender", record.GetSenderName());
@@ -71,8 +73,7 @@ int ScanFile(const std::string& path) {
     CString number;
     number.Format("%08X (CRC-32 of the header)", static_cast<unsigned>(record.GetID()));
     Field("id", number);
-    number.Format("%u octets, header %u", static_cast<unsigned>(record.GetMsgSize()),
-                  static_cast<unsigned>(header.size()));
+    number.Format("%llu octets, header %zu", fileSize, header.size());
     Field("size", number);
     Field("hash of message id", ScanRecord::GetHash(record.GetMessageID(), 10));
     Field("marked deleted", record.IsDeleted() ? "yes (empty header)" : "no");
