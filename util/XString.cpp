@@ -9,7 +9,7 @@
 
 namespace {
 
-// Process-wide by design: callers set it and later calls in any thread see it.
+// Process-wide on purpose: callers set it and later calls in any thread see it.
 std::atomic<char> g_separator{'|'};
 std::atomic<char> g_savedSeparator{'|'};
 
