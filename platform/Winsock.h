@@ -177,6 +177,7 @@ int bind(SOCKET s, const sockaddr* name, int namelen);
 int listen(SOCKET s, int backlog);
 // addr and addrlen may both be null; otherwise *addrlen must be at least 16 and receives 16.
 SOCKET accept(SOCKET s, sockaddr* addr, int* addrlen);
+// An unanswered connect gives up after about 21 seconds with WSAETIMEDOUT, as on Windows.
 int connect(SOCKET s, const sockaddr* name, int namelen);
 // Return the byte count, or SOCKET_ERROR. recv returns 0 once the peer has closed its side.
 int send(SOCKET s, const char* buf, int len, int flags);

@@ -11,6 +11,8 @@
 #include <sys/types.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <climits>
@@ -97,6 +99,8 @@ constexpr CodeRow kResolverRows[] = {
 };
 
 constexpr int kUnmapped = 10107;  // WSASYSCALLFAILURE
+
+std::atomic<int> g_connectLimitMs{21000};
 
 int fail(int& error, int err) {
     error = WsaFromErrno(err);
@@ -246,18 +250,39 @@ int OsAccept(int fd, Endpoint* peer, int& error) {
 }
 
 int OsConnect(int fd, const Endpoint& to, int& error) {
+    // Windows gives up on an unanswered connect after about 21 seconds (three tries); the system's own
+    // limit is minutes. The connect runs non-blocking under our limit, then the socket goes back to
+    // blocking.
+    const int flags = ::fcntl(fd, F_GETFL);
+    if (flags < 0) return fail(error, errno);
+    if (::fcntl(fd, F_SETFL, flags | O_NONBLOCK) != 0) return fail(error, errno);
+    const auto restore = [&](int result) {
+        ::fcntl(fd, F_SETFL, flags);
+        return result;
+    };
     sockaddr_in sa = toSystem(to);
-    if (::connect(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa) == 0) return 0;
-    if (errno != EINTR) return fail(error, errno);
-    // An interrupted connect goes on in the background; wait for its outcome as a blocking call would.
+    if (::connect(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa) == 0) return restore(0);
+    if (errno != EINPROGRESS && errno != EINTR) return restore(fail(error, errno));
+    using Clock = std::chrono::steady_clock;
+    const auto deadline = Clock::now() + std::chrono::milliseconds(g_connectLimitMs.load());
     pollfd p{fd, POLLOUT, 0};
-    while (::poll(&p, 1, -1) < 0)
-        if (errno != EINTR) return fail(error, errno);
+    for (;;) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+        const int r = ::poll(&p, 1, left <= 0 ? 0 : static_cast<int>(std::min<long long>(left, INT_MAX)));
+        if (r > 0) break;
+        if (r == 0) {
+            error = 10060;
+            return restore(-1);
+        }
+        if (errno != EINTR) return restore(fail(error, errno));
+    }
     int soError = 0;
     socklen_t len = sizeof soError;
-    if (::getsockopt(fd, SOL_SOCKET, SO_ERROR, &soError, &len) != 0) return fail(error, errno);
-    return soError == 0 ? 0 : fail(error, soError);
+    if (::getsockopt(fd, SOL_SOCKET, SO_ERROR, &soError, &len) != 0) return restore(fail(error, errno));
+    return restore(soError == 0 ? 0 : fail(error, soError));
 }
+
+void SetConnectLimit(int milliseconds) { g_connectLimitMs = milliseconds; }
 
 long OsSend(int fd, const char* data, int length, int flags, int& error) {
     for (;;) {

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "platform/net/internal/SocketOps.h"
 
@@ -204,6 +205,40 @@ TEST_F(Started, FailuresCarryWindowsCodes) {
     EXPECT_EQ(WSAGetLastError(), WSAESOCKTNOSUPPORT);
     closesocket(a);
     closesocket(b);
+}
+
+// A listener whose queue is full drops new connection requests, so the next connect goes unanswered and
+// must end at the connect limit.
+TEST_F(Started, UnansweredConnectTimesOut) {
+    USHORT port = 0;
+    SOCKET l = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in sa = loopback(0);
+    ASSERT_EQ(bind(l, reinterpret_cast<sockaddr*>(&sa), sizeof sa), 0);
+    ASSERT_EQ(listen(l, 0), 0);
+    int len = sizeof sa;
+    ASSERT_EQ(getsockname(l, reinterpret_cast<sockaddr*>(&sa), &len), 0);
+    port = ntohs(sa.sin_port);
+    detail::net::SetConnectLimit(300);
+    std::vector<SOCKET> queued;
+    int result = 0;
+    for (int i = 0; i < 8 && result == 0; ++i) {
+        SOCKET c = socket(AF_INET, SOCK_STREAM, 0);
+        queued.push_back(c);
+        sockaddr_in to = loopback(port);
+        result = connect(c, reinterpret_cast<sockaddr*>(&to), sizeof to);
+    }
+    detail::net::SetConnectLimit(21000);
+    EXPECT_EQ(result, SOCKET_ERROR);
+    EXPECT_EQ(WSAGetLastError(), WSAETIMEDOUT);
+    // A socket that did connect is blocking again: its receive waits for the limit instead of failing
+    // at once with "would block".
+    const DWORD limitMs = 50;
+    setsockopt(queued[0], SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<const char*>(&limitMs), sizeof limitMs);
+    char c;
+    EXPECT_EQ(recv(queued[0], &c, 1, 0), SOCKET_ERROR);
+    EXPECT_EQ(WSAGetLastError(), WSAETIMEDOUT);
+    for (SOCKET q : queued) closesocket(q);
+    closesocket(l);
 }
 
 TEST_F(Started, DatagramsKeepTheirSenderAndReportTruncation) {
