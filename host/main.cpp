@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "host/Commands.h"
+#include "host/ErrorWindowHost.h"
 
 namespace {
 
@@ -13,6 +14,7 @@ const tavik::host::Command kCommands[] = {
     {"check", "check a POP3 mailbox: log in and list every message's header", tavik::host::RunCheck},
     {"demo", "a mail check against a sample mailbox served on this machine", tavik::host::RunDemo},
     {"scan", "scan message files' headers and print the fields found", tavik::host::RunScan},
+    {"registry", "export a registry key to a .reg file, or import one", tavik::host::RunRegistry},
 };
 
 void usage(FILE* out) {
@@ -28,6 +30,8 @@ int main(int argc, char** argv) {
         return argc < 2 ? 2 : 0;
     }
     std::vector<std::string> args(argv + 2, argv + argc);
+    // Storage failures the library reports go to standard error while a command runs.
+    tavik::host::ErrorWindowHost errorWindow;
     for (const auto& c : kCommands) {
         if (std::strcmp(argv[1], c.name) == 0) return c.run(args);
     }
