@@ -18,5 +18,6 @@ int RunVersion(const Args& args);
 int RunCheck(const Args& args);
 int RunDemo(const Args& args);
 int RunScan(const Args& args);
+int RunRegistry(const Args& args);
 
 }  // namespace tavik::host
