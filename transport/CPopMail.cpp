@@ -81,17 +81,12 @@ bool CPopMail::MultiLineResponse(CString command, CString& reply) {
 }
 
 bool CPopMail::StripResponse(CString& reply, CString& status) {
-    bool split = detail::SplitStatusLine(reply.str(), status.str());
-    detail::CutAtEndMark(reply.str());
-    reply.FreeExtra();
+    bool split = detail::StripReply(reply.str(), &status.str());
     status.FreeExtra();
     return split;
 }
 
-void CPopMail::StripResponse(CString& reply) {
-    detail::CutAtEndMark(reply.str());
-    reply.FreeExtra();
-}
+void CPopMail::StripResponse(CString& reply) { detail::StripReply(reply.str(), nullptr); }
 
 void CPopMail::NotifyStatusWindow(CString text, bool connected) {
     if (!IsWindow(m_hStatusWnd)) return;

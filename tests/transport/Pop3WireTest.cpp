@@ -94,19 +94,23 @@ TEST(EndMarkScanner, ExaminesEachByteAFewTimesAtMost) {
 
 TEST(ReplyParts, SplitsTheStatusLineOnlyWhenItHasText) {
     std::string reply = "+OK 5 octets\r\nhello\r\n.\r\n", status = "unchanged";
-    EXPECT_TRUE(detail::SplitStatusLine(reply, status));
+    EXPECT_TRUE(detail::StripReply(reply, &status));
     EXPECT_EQ(status, "+OK 5 octets");
-    EXPECT_EQ(reply, "hello\r\n.\r\n");
+    EXPECT_EQ(reply, "hello");
 
     reply = "\r\n+OK\r\n";  // a line end at position 0 is not a status line
     status = "unchanged";
-    EXPECT_FALSE(detail::SplitStatusLine(reply, status));
+    EXPECT_FALSE(detail::StripReply(reply, &status));
     EXPECT_EQ(reply, "\r\n+OK\r\n");
     EXPECT_EQ(status, "unchanged");
 
     reply = "+OK but no line end";
-    EXPECT_FALSE(detail::SplitStatusLine(reply, status));
+    EXPECT_FALSE(detail::StripReply(reply, &status));
     EXPECT_EQ(reply, "+OK but no line end");
+
+    reply = "+OK\r\n.\r\n";  // an empty listing keeps its dot line: the mark would start at 0
+    EXPECT_TRUE(detail::StripReply(reply, &status));
+    EXPECT_EQ(reply, ".\r\n");
 }
 
 TEST(ReplyParts, CutsAtTheFirstEndMarkAndKeepsDotStuffing) {
@@ -115,14 +119,16 @@ TEST(ReplyParts, CutsAtTheFirstEndMarkAndKeepsDotStuffing) {
     } cases[] = {
         {"line one\r\n..\r\n..dotted\r\n.\r\n", "line one\r\n..\r\n..dotted"},  // doubled dots stay
         {"From: a\r\nSubject: b\r\n\r\n.\r\n", "From: a\r\nSubject: b\r\n"},     // TOP n 0 keeps its last line end
-        {".\r\n", ".\r\n"},                                                      // empty listing after the status
+        {".\r\n", ".\r\n"},
         {"\r\n.\r\n", "\r\n.\r\n"},                                              // mark at 0 is left alone
         {"no mark at all\r\n", "no mark at all\r\n"},
         {"a\r\n.\r\nb\r\n.\r\n", "a"},
     };
     for (auto& c : cases) {
         std::string reply = c.in;
-        detail::CutAtEndMark(reply);
+        reply.reserve(4 * reply.size());
+        detail::StripReply(reply, nullptr);
         EXPECT_EQ(reply, c.out) << c.in;
+        EXPECT_EQ(reply.capacity(), std::string(c.out).capacity()) << "no spare room is kept";
     }
 }

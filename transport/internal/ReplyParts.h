@@ -1,16 +1,16 @@
-// Taking a POP3 reply apart: the status line in front, the terminating "\r\n.\r\n" behind. Neither undoes
-// dot-stuffing: a line the server sent with a doubled leading dot keeps both dots.
+// Taking a POP3 reply apart: the status line in front, the terminating "\r\n.\r\n" behind. Dot-stuffing is
+// not undone: a line the server sent with a doubled leading dot keeps both dots.
 #pragma once
 
 #include <string>
 
 namespace detail {
 
-// When the first "\r\n" lies after position 0, status becomes the text before it and reply the text
-// after it, and the result is true; otherwise both are left as they were.
-bool SplitStatusLine(std::string& reply, std::string& status);
-
-// When the first "\r\n.\r\n" lies after position 0, cuts reply there (its own line end goes too).
-void CutAtEndMark(std::string& reply);
+// With status: when the first "\r\n" lies after position 0, status becomes the text before it and the
+// reply loses it (result true); otherwise status and reply's front stay as they were (false).
+// Then, with or without status: when the first "\r\n.\r\n" of what is left lies after its position 0,
+// the reply is cut there (the last line's own line end goes too).
+// The reply ends with no spare capacity, built by a single copy however large it is.
+bool StripReply(std::string& reply, std::string* status);
 
 }  // namespace detail
