@@ -49,6 +49,11 @@ void CPopMail::Fail(CBlockingSocketException* e) {
     throw new CPopMailException(text);
 }
 
+void CPopMail::CheckTermination() {
+    if (m_hTerminate != nullptr && WaitForSingleObject(m_hTerminate, 0) == WAIT_OBJECT_0)
+        throw new CPopMailException("Forced Termination by user");
+}
+
 bool CPopMail::ReadReply(CString& reply, bool multiLine) {
     detail::EndMarkScanner mark(multiLine ? std::string_view("\r\n.\r\n") : std::string_view("\r\n"));
     const int limit = multiLine ? kMaxMultiLineReply : kMaxLineReply;
@@ -59,8 +64,7 @@ bool CPopMail::ReadReply(CString& reply, bool multiLine) {
         buffer[got] = '\0';
         // All the bytes, zeros included: the reply is what the server sent.
         reply.Append(buffer, got);
-        if (m_hTerminate != nullptr && WaitForSingleObject(m_hTerminate, 0) == WAIT_OBJECT_0)
-            throw new CPopMailException("Forced Termination by user");
+        CheckTermination();
         // Only the new bytes (and the few before them) can complete the mark: a long reply read in
         // thousands of pieces is scanned once, not once per piece.
         if (mark.Find(reply.str()) != detail::EndMarkScanner::npos) return true;
@@ -112,6 +116,8 @@ bool CPopMail::Connect(const CString& host, int port) {
         char buffer[kReceiveSize + 1];
         int got = Receive(buffer, kReceiveSize, m_nTimeLimit);
         if (got <= 0) return true;
+        // The greeting is a read like any other: a host that already gave up stops here.
+        CheckTermination();
         buffer[got] = '\0';
         CString greeting(buffer, got);
         bool positive = IsPositive(greeting);

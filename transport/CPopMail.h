@@ -103,5 +103,7 @@ protected:
 
 private:
     bool ReadReply(CString& reply, bool multiLine);
+    // Throws "Forced Termination by user" when the termination event is signalled.
+    void CheckTermination();
     [[noreturn]] void Fail(CBlockingSocketException* e);
 };

@@ -283,6 +283,13 @@ TEST_F(Pop3Client, SignalledEventAbortsTheFirstReadThatReturnsData) {
     EXPECT_EQ(window.lines.size(), shown) << "termination is not shown";
     EXPECT_EQ(server.Finish(), "");
     pop.reset();
+
+    ScriptedServer greeting;  // already signalled: the greeting is the first read with data
+    greeting.Send("+OK\r\n").Hold();
+    greeting.Start();
+    CPopMail late(event, nullptr, 5);
+    EXPECT_EQ(PopError([&] { late.Connect("127.0.0.1", greeting.Port()); }), "Forced Termination by user");
+    EXPECT_EQ(greeting.Finish(), "");
     CloseHandle(event);
 }
 
