@@ -80,7 +80,7 @@ public:
     // Longest reply the readers accept before giving up with "The server's reply is too long\r\n":
     // a server that never ends its reply must not exhaust memory.
     static constexpr int kMaxLineReply = 1 << 20;
-    static constexpr int kMaxMultiLineReply = 1 << 30;
+    static constexpr int kMaxMultiLineReply = 256 << 20;
 
 protected:
     // Send command, read until "\r\n": false when the server closes first.
