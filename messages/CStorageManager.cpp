@@ -1,10 +1,12 @@
 #include "messages/CStorageManager.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 
+#include "platform/COleStreamFile.h"
 #include "util/CFileName.h"
 #include "util/CStringToken.h"
 
@@ -287,27 +289,31 @@ void CStorageManager::ForEachStream(Visit visit) {
     STATSTG stat;
     ULONG fetched = 0;
     while (elements.p->Next(1, &stat, &fetched) == S_OK && fetched == 1) {
-        std::u16string wideName = stat.pwcsName ? std::u16string(stat.pwcsName) : std::u16string();
+        CString name(stat.pwcsName);
         if (allocator.p) allocator.p->Free(stat.pwcsName);
         else CoTaskMemFree(stat.pwcsName);
         if (stat.type != STGTY_STREAM) continue;
-        IStream* stream = nullptr;
-        HRESULT hr = m_pStorage->OpenStream(wideName.c_str(), nullptr, kReadMode, 0, &stream);
-        if (FAILED(hr)) {
+        COleStreamFile file;
+        CFileException error;
+        if (!file.OpenStream(m_pStorage, name, CFile::modeRead | CFile::shareExclusive, &error)) {
             CString text;
             text.Format("OpenStream Failed! Error #: %u", static_cast<unsigned>(m_hResult));
             throw new CStorageManagerException(text);
         }
-        Released<IStream> open{stream};
-        std::string bytes(stat.cbSize.LowPart, '\0');
-        ULONG read = 0;
-        hr = bytes.empty() ? S_OK : stream->Read(bytes.data(), static_cast<ULONG>(bytes.size()), &read);
-        if (FAILED(hr)) {
+        std::string bytes;
+        try {
+            bytes.assign(static_cast<size_t>(file.GetLength()), '\0');
+            UINT read = bytes.empty() ? 0 : file.Read(bytes.data(), static_cast<UINT>(bytes.size()));
+            bytes.resize(read);
+        } catch (CFileException* e) {
+            char description[256] = {};
+            if (!e->GetErrorMessage(description, sizeof description))
+                std::snprintf(description, sizeof description, "file error %d", e->m_cause);
+            e->Delete();
             CString text;
-            text.Format("ReadStream Failed: %s", "the stream could not be read (damaged or truncated file)");
+            text.Format("ReadStream Failed: %s", description);
             throw new CStorageManagerException(text);
         }
-        bytes.resize(read);
         visit(bytes);
     }
 }
