@@ -148,7 +148,8 @@ UINT CFile::Read(void* buffer, UINT count) {
         std::ptrdiff_t n = fs().read(fd(), static_cast<char*>(buffer) + done, count - done);
         if (n < 0) {
             if (errno == EINTR) continue;
-            throwErrno(errno, m_strFileName);
+            // An open descriptor refusing the call was opened without that access, as Windows says.
+            throwErrno(errno == EBADF ? EACCES : errno, m_strFileName);
         }
         if (n == 0) break;
         done += static_cast<UINT>(n);
@@ -164,7 +165,7 @@ void CFile::Write(const void* buffer, UINT count) {
         std::ptrdiff_t n = fs().write(fd(), static_cast<const char*>(buffer) + done, count - done);
         if (n < 0) {
             if (errno == EINTR) continue;
-            throwErrno(errno, m_strFileName);
+            throwErrno(errno == EBADF ? EACCES : errno, m_strFileName);
         }
         if (n == 0) throwErrno(ENOSPC, m_strFileName);
         done += static_cast<UINT>(n);

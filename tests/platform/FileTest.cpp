@@ -141,7 +141,7 @@ TEST(CFileTest, OpenModesCreateTruncateAndFail) {
 
     // A read-only open cannot write; a directory is not a file.
     CFile r(path.c_str(), CFile::modeRead);
-    expectFileException([&] { r.Write("x", 1); }, CFileException::invalidFile, "write on read-only");
+    expectFileException([&] { r.Write("x", 1); }, CFileException::accessDenied, "write on read-only");
     EXPECT_FALSE(f.Open(dir.path().c_str(), CFile::modeRead, &error));
     EXPECT_EQ(error.m_cause, CFileException::accessDenied);
 }
