@@ -107,6 +107,11 @@ constexpr DWORD STREAM_SEEK_SET = 0;
 constexpr DWORD STREAM_SEEK_CUR = 1;
 constexpr DWORD STREAM_SEEK_END = 2;
 
+// glibc's <fcntl.h> has a LOCK_WRITE macro of its own (a Linux mandatory-lock flag); the Windows name
+// wins in files that include both.
+#ifdef LOCK_WRITE
+#undef LOCK_WRITE
+#endif
 constexpr DWORD LOCK_WRITE = 1;
 constexpr DWORD LOCK_EXCLUSIVE = 2;
 constexpr DWORD LOCK_ONLYONCE = 4;

@@ -27,6 +27,10 @@ private:
     std::vector<unsigned char> m_bytes;
 };
 
+// Reads go through a few cached blocks: opening a file reads its directory a sector at a time and
+// reading a store walks two or three regions (mini stream, large streams) front to back, so block reads
+// save one system call per sector or stream. A file version never changes once written (commits write
+// new files), so the cache cannot go stale.
 class FileStore final : public ByteStore {
 public:
     explicit FileStore(int fd) : m_fd(fd) {
@@ -35,8 +39,38 @@ public:
     }
     ~FileStore() override { CurrentFileOps().close(m_fd); }
     long long ReadAt(std::uint64_t offset, void* buffer, std::size_t count) override {
-        std::size_t done = 0;
+        if (offset >= m_size) return 0;
+        count = static_cast<std::size_t>(std::min<std::uint64_t>(count, m_size - offset));
         auto* out = static_cast<unsigned char*>(buffer);
+        // Large reads skip the cache.
+        if (count >= kBlock) return Direct(offset, out, count);
+        std::size_t done = 0;
+        while (done < count) {
+            std::uint64_t at = offset + done;
+            Block* b = Find(at / kBlock);
+            if (!b) return -1;
+            std::size_t within = static_cast<std::size_t>(at % kBlock);
+            if (within >= b->length) break;
+            std::size_t take = std::min(count - done, b->length - within);
+            std::memcpy(out + done, b->bytes.data() + within, take);
+            done += take;
+        }
+        return static_cast<long long>(done);
+    }
+    std::uint64_t Size() const override { return m_size; }
+
+private:
+    static constexpr std::size_t kBlock = 256 * 1024;
+    static constexpr int kBlocks = 4;
+    struct Block {
+        std::uint64_t index = ~0ull;
+        std::size_t length = 0;
+        std::uint64_t used = 0;
+        std::vector<unsigned char> bytes;
+    };
+
+    long long Direct(std::uint64_t offset, unsigned char* out, std::size_t count) {
+        std::size_t done = 0;
         while (done < count) {
             long long n = CurrentFileOps().pread(m_fd, out + done, count - done, offset + done);
             if (n < 0) return -1;
@@ -45,11 +79,32 @@ public:
         }
         return static_cast<long long>(done);
     }
-    std::uint64_t Size() const override { return m_size; }
 
-private:
+    Block* Find(std::uint64_t index) {
+        Block* victim = &m_blocks[0];
+        for (Block& b : m_blocks) {
+            if (b.index == index) {
+                b.used = ++m_clock;
+                return &b;
+            }
+            if (b.used < victim->used) victim = &b;
+        }
+        if (victim->bytes.empty()) victim->bytes.resize(kBlock);
+        long long n = Direct(index * kBlock, victim->bytes.data(), kBlock);
+        if (n < 0) {
+            victim->index = ~0ull;
+            return nullptr;
+        }
+        victim->index = index;
+        victim->length = static_cast<std::size_t>(n);
+        victim->used = ++m_clock;
+        return victim;
+    }
+
     int m_fd;
     std::uint64_t m_size = 0;
+    std::uint64_t m_clock = 0;
+    Block m_blocks[kBlocks];
 };
 
 }  // namespace

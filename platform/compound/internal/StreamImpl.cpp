@@ -94,8 +94,13 @@ HRESULT StreamImpl::Write(const void* pv, ULONG cb, ULONG* pcbWritten) {
     HRESULT hr = Own(&c);
     if (FAILED(hr)) return hr;
     std::size_t end = static_cast<std::size_t>(m_position + cb);
-    if (end > c->data.size()) c->data.resize(end);
-    std::memcpy(c->data.data() + m_position, pv, cb);
+    const auto* bytes = static_cast<const unsigned char*>(pv);
+    if (m_position == c->data.size()) {
+        c->data.insert(c->data.end(), bytes, bytes + cb);  // appending: no zero fill first
+    } else {
+        if (end > c->data.size()) c->data.resize(end);
+        std::memcpy(c->data.data() + m_position, pv, cb);
+    }
     c->size = c->data.size();
     m_position = end;
     *m_dirty = true;

@@ -1,6 +1,7 @@
 // Writing a tree as a fresh version 3 file in one sequential pass: header, directory, MiniFAT, mini
 // stream, large streams, FAT, DIFAT. Every chain is contiguous, so the file is compact and the tables are
 // computed before the first byte goes out.
+#include <bit>
 #include <cerrno>
 #include <cstring>
 
@@ -22,6 +23,12 @@ public:
     explicit SequentialWriter(int fd) : m_fd(fd) { m_buffer.reserve(kBuffer); }
     HRESULT Put(const void* data, std::size_t n) {
         const auto* p = static_cast<const unsigned char*>(data);
+        if (n >= kBuffer) {
+            // Large pieces go straight out, after what is buffered.
+            HRESULT hr = Flush();
+            if (FAILED(hr)) return hr;
+            return WriteAll(p, n);
+        }
         while (n > 0) {
             std::size_t take = std::min(n, kBuffer - m_buffer.size());
             m_buffer.insert(m_buffer.end(), p, p + take);
@@ -45,19 +52,36 @@ public:
         return S_OK;
     }
     HRESULT Flush() {
+        HRESULT hr = WriteAll(m_buffer.data(), m_buffer.size());
+        m_buffer.clear();
+        return hr;
+    }
+    // Room for n bytes at the end of the buffer, to be filled by the caller (n < the buffer size).
+    HRESULT Reserve(std::size_t n, unsigned char** at) {
+        if (m_buffer.size() + n > kBuffer) {
+            HRESULT hr = Flush();
+            if (FAILED(hr)) return hr;
+        }
+        std::size_t old = m_buffer.size();
+        m_buffer.resize(old + n);
+        *at = m_buffer.data() + old;
+        return S_OK;
+    }
+
+    static constexpr std::size_t kBuffer = 1 << 20;
+
+private:
+    HRESULT WriteAll(const unsigned char* p, std::size_t size) {
         std::size_t done = 0;
-        while (done < m_buffer.size()) {
-            long long n = CurrentFileOps().write(m_fd, m_buffer.data() + done, m_buffer.size() - done);
+        while (done < size) {
+            long long n = CurrentFileOps().write(m_fd, p + done, size - done);
             if (n < 0) return ErrnoToStg(errno, STG_E_WRITEFAULT);
             if (n == 0) return STG_E_MEDIUMFULL;
             done += static_cast<std::size_t>(n);
         }
-        m_buffer.clear();
         return S_OK;
     }
 
-private:
-    static constexpr std::size_t kBuffer = 1 << 20;
     int m_fd;
     std::vector<unsigned char> m_buffer;
 };
@@ -131,20 +155,36 @@ HRESULT CopyContent(SequentialWriter& w, StreamContent& c, std::uint32_t unit) {
         HRESULT hr = w.Put(c.data.data(), c.data.size());
         if (FAILED(hr)) return hr;
     } else {
-        // Raw bytes straight across; nothing in them is interpreted.
-        std::vector<unsigned char> buf(static_cast<std::size_t>(std::min<std::uint64_t>(c.size, 1 << 20)));
+        // Raw bytes straight across into the output buffer; nothing in them is interpreted.
+        const std::uint64_t piece = SequentialWriter::kBuffer / 2;
         for (std::uint64_t off = 0; off < c.size;) {
+            std::size_t want = static_cast<std::size_t>(std::min(piece, c.size - off));
+            unsigned char* at = nullptr;
+            HRESULT hr = w.Reserve(want, &at);
+            if (FAILED(hr)) return hr;
             std::size_t got = 0;
-            HRESULT hr = c.Read(off, buf.data(), buf.size(), &got);
+            hr = c.Read(off, at, want, &got);
             if (FAILED(hr)) return hr;
-            if (got == 0) return STG_E_DOCFILECORRUPT;
-            hr = w.Put(buf.data(), got);
-            if (FAILED(hr)) return hr;
+            if (got != want) return STG_E_DOCFILECORRUPT;
             off += got;
         }
     }
     std::uint64_t pad = Ceil(c.size, unit) * unit - c.size;
     return w.Zeros(static_cast<std::size_t>(pad));
+}
+
+// The tables are little-endian on disk; copy them whole when the machine is too.
+void PutTable(SequentialWriter& w, const std::vector<std::uint32_t>& table, HRESULT& hr) {
+    if (FAILED(hr)) return;
+    if constexpr (std::endian::native == std::endian::little) {
+        hr = w.Put(table.data(), table.size() * 4);
+        return;
+    }
+    for (std::size_t i = 0; SUCCEEDED(hr) && i < table.size(); ++i) {
+        unsigned char b[4];
+        Put32(b, table[i]);
+        hr = w.Put(b, 4);
+    }
 }
 
 }  // namespace
@@ -262,14 +302,7 @@ HRESULT WriteCompoundFile(const Node& root, int fd, WrittenFile& out) {
         }
         hr = w.Put(sector, kSector);
     }
-    auto putTable = [&](const std::vector<std::uint32_t>& table) {
-        for (std::size_t i = 0; SUCCEEDED(hr) && i < table.size(); ++i) {
-            unsigned char b[4];
-            Put32(b, table[i]);
-            hr = w.Put(b, 4);
-        }
-    };
-    putTable(miniFat);
+    PutTable(w, miniFat, hr);
     for (Entry& e : entries)
         if (SUCCEEDED(hr) && !e.node->IsStorage() && e.size > 0 && e.size < kMiniCutoff)
             hr = CopyContent(w, *e.node->content, kMiniSectorSize);
@@ -277,7 +310,7 @@ HRESULT WriteCompoundFile(const Node& root, int fd, WrittenFile& out) {
     for (Entry& e : entries)
         if (SUCCEEDED(hr) && !e.node->IsStorage() && e.size >= kMiniCutoff)
             hr = CopyContent(w, *e.node->content, kSector);
-    putTable(fat);
+    PutTable(w, fat, hr);
     for (std::uint64_t d = 0; SUCCEEDED(hr) && d < difatSectors; ++d) {
         std::vector<std::uint32_t> slots(kPerSector, FREESECT);
         for (std::uint32_t i = 0; i + 1 < kPerSector; ++i) {
@@ -285,7 +318,7 @@ HRESULT WriteCompoundFile(const Node& root, int fd, WrittenFile& out) {
             if (f < fatSectors) slots[i] = static_cast<std::uint32_t>(fatFirst + f);
         }
         slots[kPerSector - 1] = d + 1 < difatSectors ? static_cast<std::uint32_t>(difatFirst + d + 1) : ENDOFCHAIN;
-        putTable(slots);
+        PutTable(w, slots, hr);
     }
     if (SUCCEEDED(hr)) hr = w.Flush();
     if (FAILED(hr)) return hr;
