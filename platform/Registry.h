@@ -143,7 +143,8 @@ LONG RegCloseStore();
 std::string RegGetLastMessage();
 
 // The list behind HKEY_CLASSES_ROOT\MIME\Database\Content Type (default /etc/mime.types); null restores
-// the default. Keys the program writes under HKEY_CLASSES_ROOT take precedence over the list.
+// the default. Keys the program writes under HKEY_CLASSES_ROOT take precedence over the list. Open
+// handles become invalid, as with RegSetStorePath.
 void RegSetMimeTypesPath(LPCSTR path);
 
 // Export and import in the registry editor's text format. A key path starts with its root's name

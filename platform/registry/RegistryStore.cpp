@@ -136,9 +136,10 @@ void RegistryStore::CloseDatabase() {
 
 void RegistryStore::SetMimeTypesPath(const char* path) {
     std::lock_guard<std::mutex> lock(m_mutex);
+    // Handles and the roots point into the old list: they go with it.
+    CloseDatabase();
     m_mimePath = path ? path : "/etc/mime.types";
     m_mime.reset();
-    ExternalChange();
 }
 
 void RegistryStore::SetSyncEveryCommit(bool on) {

@@ -79,7 +79,12 @@ TEST_F(RegistryMime, KeysTheProgramWritesTakePrecedenceAndTheListCannotBeDeleted
 }
 
 TEST_F(RegistryMime, TheSystemListIsUsedByDefault) {
+    HKEY gif = nullptr;
+    ASSERT_EQ(RegOpenKeyEx(HKEY_CLASSES_ROOT, "MIME\\Database\\Content Type\\image/gif", 0, KEY_READ, &gif),
+              ERROR_SUCCESS);
     RegSetMimeTypesPath(nullptr);
+    DWORD size = 0;
+    EXPECT_EQ(RegQueryValueEx(gif, "Extension", nullptr, nullptr, nullptr, &size), ERROR_INVALID_HANDLE);
     if (!std::ifstream("/etc/mime.types")) GTEST_SKIP() << "no /etc/mime.types (package media-types)";
     EXPECT_EQ(Extension("image/gif"), ".gif");
     EXPECT_EQ(Extension("image/jpeg"), ".jpeg");  // Debian lists "jpeg jpg jpe jfif"
