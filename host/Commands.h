@@ -19,5 +19,6 @@ int RunCheck(const Args& args);
 int RunDemo(const Args& args);
 int RunScan(const Args& args);
 int RunRegistry(const Args& args);
+int RunStore(const Args& args);
 
 }  // namespace tavik::host

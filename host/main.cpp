@@ -15,6 +15,7 @@ const tavik::host::Command kCommands[] = {
     {"demo", "a mail check against a sample mailbox served on this machine", tavik::host::RunDemo},
     {"scan", "scan message files' headers and print the fields found", tavik::host::RunScan},
     {"registry", "export a registry key to a .reg file, or import one", tavik::host::RunRegistry},
+    {"store", "show the tree of a compound file, or one stream's bytes", tavik::host::RunStore},
 };
 
 void usage(FILE* out) {
