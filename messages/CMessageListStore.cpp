@@ -237,12 +237,9 @@ bool CMessageList::GetBody(CString& text) {
         try {
             CStorageManager storage;
             if (storage.OpenSubStorage(m_pParentStorage, m_strStorageName, kRecordMode, true, true)) {
-                ULONG size = storage.GetStreamSize("Body");
-                if (size > 0) {
-                    std::string bytes(size, '\0');
-                    ULONG read = storage.ReadData("Body", bytes.data(), size);
-                    text = CString(bytes.data(), static_cast<int>(read));
-                }
+                std::string bytes;
+                if (storage.ReadBytes("Body", bytes) && !bytes.empty())
+                    text = CString(bytes.data(), static_cast<int>(bytes.size()));
             }
         } catch (CStorageManagerException* e) {
             e->Delete();

@@ -140,23 +140,24 @@ ULONG CStorageManager::ReadData(UINT nameId, void* buffer, ULONG count) {
     return ReadData(NameOf(nameId), buffer, count);
 }
 
-bool CStorageManager::ReadAll(const char* name, std::string& bytes) {
+bool CStorageManager::ReadBytes(const char* name, std::string& bytes) {
     Released<IStream> stream{OpenForRead(name)};
     if (!stream.p) return false;
-    STATSTG stat;
-    std::memset(&stat, 0, sizeof stat);
-    Check(stream.p->Stat(&stat, STATFLAG_NONAME));
-    // The size a compound file can claim is bounded by the file itself, which the engine has checked.
-    bytes.assign(stat.cbSize.LowPart, '\0');
-    ULONG read = 0;
-    if (!bytes.empty()) Check(stream.p->Read(bytes.data(), static_cast<ULONG>(bytes.size()), &read));
-    bytes.resize(read);
+    bytes.clear();
+    // Grown by what the stream really yields: a damaged file can claim any size for a stream.
+    char chunk[64 * 1024];
+    for (;;) {
+        ULONG read = 0;
+        Check(stream.p->Read(chunk, sizeof chunk, &read));
+        bytes.append(chunk, read);
+        if (read < sizeof chunk) break;
+    }
     return true;
 }
 
 void CStorageManager::ReadString(const char* name, CString& value, int maxLength) {
     std::string bytes;
-    if (!ReadAll(name, bytes)) return;
+    if (!ReadBytes(name, bytes)) return;
     // Text ends at its first zero byte, as a zero-terminated buffer would read.
     value = CString(bytes.c_str());
 }
@@ -217,7 +218,7 @@ void CStorageManager::WriteStringList(UINT nameId, CStringArray& values, const c
 
 void CStorageManager::ReadStringList(const char* name, CStringArray& values, const char* delimiters) {
     std::string bytes;
-    if (!ReadAll(name, bytes)) return;
+    if (!ReadBytes(name, bytes)) return;
     CStringToken tokens(bytes.c_str(), delimiters);
     for (auto it = tokens.Begin(); it != tokens.End(); ++it) {
         if (it->empty() || containsNoCase(values, it->c_str())) continue;
@@ -246,7 +247,7 @@ void CStorageManager::WriteNumberList(UINT nameId, std::list<DWORD>& values) {
 
 void CStorageManager::ReadNumberList(const char* name, std::list<DWORD>& values) {
     std::string bytes;
-    if (!ReadAll(name, bytes)) return;
+    if (!ReadBytes(name, bytes)) return;
     for (size_t i = 0; i + 4 <= bytes.size(); i += 4) {
         auto b = reinterpret_cast<const unsigned char*>(bytes.data() + i);
         DWORD v = b[0] | (DWORD(b[1]) << 8) | (DWORD(b[2]) << 16) | (DWORD(b[3]) << 24);
@@ -302,9 +303,11 @@ void CStorageManager::ForEachStream(Visit visit) {
         }
         std::string bytes;
         try {
-            bytes.assign(static_cast<size_t>(file.GetLength()), '\0');
-            UINT read = bytes.empty() ? 0 : file.Read(bytes.data(), static_cast<UINT>(bytes.size()));
-            bytes.resize(read);
+            char chunk[16 * 1024];
+            while (UINT read = file.Read(chunk, sizeof chunk)) {
+                bytes.append(chunk, read);
+                if (read < sizeof chunk) break;
+            }
         } catch (CFileException* e) {
             char description[256] = {};
             if (!e->GetErrorMessage(description, sizeof description))

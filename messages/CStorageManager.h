@@ -4,6 +4,7 @@
 #pragma once
 
 #include <list>
+#include <string>
 
 #include "messages/CStorageManagerException.h"
 #include "platform/CArray.h"
@@ -47,6 +48,9 @@ public:
     // maxLength is not used.
     void ReadString(const char* name, CString& value, int maxLength = 0);
     void ReadString(UINT nameId, CString& value, int maxLength = 0);
+    // The whole stream, zero bytes included; false (bytes untouched) when it is missing. Memory grows
+    // with the bytes actually read, never with the size a damaged file claims.
+    bool ReadBytes(const char* name, std::string& bytes);
     // Decimal text of at most 100 characters; a missing stream leaves value untouched.
     void ReadNumber(const char* name, DWORD& value);
     void ReadNumber(UINT nameId, DWORD& value);
@@ -101,8 +105,6 @@ private:
     void Check(HRESULT hr);
     // Opens a stream to read; null when it is missing (STG_E_FILENOTFOUND), throws on other failures.
     IStream* OpenForRead(const char* name);
-    // Reads the whole of a stream opened by name into bytes; false when it is missing.
-    bool ReadAll(const char* name, std::string& bytes);
     template <class Visit>
     void ForEachStream(Visit visit);
 };

@@ -223,6 +223,32 @@ TEST_F(MessageStoreTest, RecordsMadeInTheSameMillisecondDoNotOverwriteEachOther)
     EXPECT_EQ(ids, (std::vector<DWORD>{101, 102}));
 }
 
+TEST_F(MessageStoreTest, AStreamClaimingAHugeSizeIsReadForWhatItHolds) {
+    auto saved = newRecord(51, 510);
+    saved->SaveMessage(store());
+    m_file.reset();
+    // Make the "Header" entry of the directory claim almost 2 GB.
+    std::string path = m_dir.file("mail.tvd");
+    std::FILE* f = std::fopen(path.c_str(), "r+b");
+    ASSERT_NE(f, nullptr);
+    std::string bytes(1 << 20, '\0');
+    bytes.resize(std::fread(bytes.data(), 1, bytes.size(), f));
+    const char name[] = "H\0e\0a\0d\0e\0r\0\0\0";
+    size_t at = bytes.find(std::string(name, sizeof name - 1));
+    ASSERT_NE(at, std::string::npos);
+    const unsigned char huge[4] = {0x00, 0xFF, 0xFF, 0x7F};
+    std::fseek(f, static_cast<long>(at + 120), SEEK_SET);
+    std::fwrite(huge, 1, 4, f);
+    std::fclose(f);
+
+    reopen();
+    CMessageList loaded(store());
+    loaded.LoadMessage(store(), saved->GetStorageName(), nullptr);
+    // The numbers were read before the damage was met; the failure was swallowed.
+    EXPECT_EQ(loaded.GetID(), 51u);
+    EXPECT_EQ(loaded.GetMsgSize(), 510u);
+}
+
 TEST_F(MessageStoreTest, EmptyNamesAndIdsAreFilledBeforeSaving) {
     CMessageList bare(store());
     bare.SetData("Subject: no id\r\n", 5, 50, MsgReceived);
