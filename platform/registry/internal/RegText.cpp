@@ -169,6 +169,10 @@ bool ParseKeyPath(std::string_view text, int* root, std::vector<std::string>* pa
             *error = "empty key name in \"" + std::string(text) + "\"";
             return false;
         }
+        if (part.size() > 255) {
+            *error = "a key name longer than 255 characters in \"" + std::string(text) + "\"";
+            return false;
+        }
         path->emplace_back(part);
         if (next == std::string_view::npos) return true;
         start = next + 1;

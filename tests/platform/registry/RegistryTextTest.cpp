@@ -158,6 +158,7 @@ TEST_F(RegistryText, MalformedImportsNameTheLineAndChangeNothing) {
         {good + "[HKEY_LOCAL_MACHINE\\Software]\n", 5},
         {good + "[HKEY_CURRENT_USER\\a\\\\b]\n", 5},
         {good + "[HKEY_CURRENT_USER\\unclosed\n", 5},
+        {good + "[HKEY_CURRENT_USER\\" + std::string(256, 'k') + "]\n", 5},
         {good + "just words\n", 5},
         {"Windows Registry Editor Version 5.00\n\"a\"=\"value before key\"\n", 2},
         {good + "\"b\"=\"\xE2\x82\xAC\xF0\x9F\x98\x80\"\n", 5},  // an emoji has no single-byte form
