@@ -42,7 +42,8 @@ public:
 
     HWND GetMainWnd() const { return m_pMainWnd; }
 
-    HWND m_pMainWnd = nullptr;  // a window handle here, not a window object
+    // A window handle here, not a window object. Destroying it ends the message loop (WM_QUIT 0).
+    HWND m_pMainWnd = nullptr;
     BOOL m_bAutoDelete = TRUE;
     HANDLE m_hThread = nullptr;
     DWORD m_nThreadID = 0;

@@ -78,6 +78,7 @@ struct QueueHolder {
     }
 };
 thread_local QueueHolder t_queue;
+thread_local HWND* t_mainWindowSlot = nullptr;
 
 std::shared_ptr<ThreadQueue> myQueue() {
     if (!t_queue.queue) {
@@ -190,6 +191,8 @@ bool postTo(const std::shared_ptr<ThreadQueue>& q, HWND hwnd, UINT message, WPAR
 
 void EnsureMessageQueue() { myQueue(); }
 
+void detail::SetThreadMainWindowSlot(HWND__** slot) { t_mainWindowSlot = slot; }
+
 HWND CreateMessageWindow(WNDPROC proc, void* user) {
     if (proc == nullptr) {
         SetLastError(ERROR_INVALID_PARAMETER);
@@ -257,6 +260,10 @@ BOOL DestroyWindow(HWND hwnd) {
         q->changed.notify_all();
     }
     for (auto& sm : orphans) complete(sm, 0);
+    if (t_mainWindowSlot != nullptr && *t_mainWindowSlot == hwnd) {
+        *t_mainWindowSlot = nullptr;
+        PostQuitMessage(0);
+    }
     return TRUE;
 }
 

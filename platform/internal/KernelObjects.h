@@ -6,6 +6,8 @@
 
 #include "platform/WinTypes.h"
 
+struct HWND__;
+
 namespace detail {
 
 enum class HandleKind { Event, Thread, FileMapping };
@@ -19,5 +21,9 @@ std::shared_ptr<void> KernelObjectOfHandle(HANDLE handle, HandleKind kind);
 // Ends the calling thread's message queue: destroys its windows and answers pending sends with 0.
 // Threads started by CreateThread call it before their handle is signalled; other threads at exit.
 void DiscardThreadMessageQueue();
+
+// The calling thread's main-window member (CWinThread::m_pMainWnd), or null. Destroying that window
+// clears it and posts WM_QUIT to the thread, as the framework does for a thread's main window.
+void SetThreadMainWindowSlot(HWND__** slot);
 
 }  // namespace detail

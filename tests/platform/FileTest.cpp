@@ -12,6 +12,7 @@
 #include "platform/CFile.h"
 #include "platform/CMemFile.h"
 #include "platform/CStdioFile.h"
+#include "platform/MessageBox.h"
 #include "platform/internal/FileSystemHooks.h"
 #include "tests/support/TempDir.h"
 
@@ -65,6 +66,25 @@ TEST(FileExceptionTest, MessagesAreTruncatedAndNameTheFile) {
     EXPECT_EQ(buf[0], '\0');
     EXPECT_TRUE(e.IsKindOf(RUNTIME_CLASS(CException)));
     EXPECT_FALSE(e.IsKindOf(RUNTIME_CLASS(CMemoryException)));
+}
+
+TEST(FileExceptionTest, ReportErrorGoesThroughTheMessageBoxSink) {
+    static std::string shown;
+    static UINT shownType;
+    AfxSetMessageBoxSink([](const char* text, UINT type) {
+        shown = text;
+        shownType = type;
+        return IDCANCEL;
+    });
+    CMemoryException e(FALSE);
+    EXPECT_EQ(e.ReportError(MB_ICONSTOP), IDCANCEL);
+    EXPECT_EQ(shown, "Out of memory.");
+    EXPECT_EQ(shownType, MB_ICONSTOP);
+    CException plain(FALSE);
+    plain.ReportError();
+    EXPECT_EQ(shown, "No error message is available.");
+    AfxSetMessageBoxSink(nullptr);
+    EXPECT_EQ(AfxMessageBox("to stderr", MB_YESNO), IDYES);
 }
 
 TEST(FileExceptionTest, ErrorCodesMapToCauses) {

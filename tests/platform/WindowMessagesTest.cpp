@@ -298,6 +298,23 @@ TEST(CWinThreadTest, UserInterfaceThreadByRuntimeClass) {
     EXPECT_EQ(AfxBeginThread(RUNTIME_CLASS(CObject)), nullptr);
 }
 
+TEST(CWinThreadTest, ClosingTheMainWindowEndsTheThread) {
+    UiThread::exits = 0;
+    UiThread::window = nullptr;
+    CWinThread* t = AfxBeginThread(RUNTIME_CLASS(UiThread), 0, 0, CREATE_SUSPENDED);
+    ASSERT_NE(t, nullptr);
+    t->m_bAutoDelete = FALSE;
+    t->ResumeThread();
+    while (UiThread::window.load() == nullptr) std::this_thread::yield();
+    SendMessage(UiThread::window.load(), WM_CLOSE, 0, 0);
+    ASSERT_EQ(WaitForSingleObject(t->m_hThread, 5000), WAIT_OBJECT_0);
+    DWORD code = 0;
+    GetExitCodeThread(t->m_hThread, &code);
+    EXPECT_EQ(code, 100u);
+    EXPECT_EQ(UiThread::exits.load(), 1);
+    delete t;
+}
+
 TEST(CWinThreadTest, WorkerThreadsRunAndDeleteThemselves) {
     static std::atomic<CWinThread*> self{nullptr};
     HANDLE done = CreateEvent(nullptr, TRUE, FALSE, nullptr);
