@@ -15,7 +15,7 @@ namespace detail {
 namespace {
 
 // Larger files than this are refused rather than read into memory.
-constexpr off_t kMaxTextFile = 512L * 1024 * 1024;
+constexpr off_t kMaxTextFile = 256L * 1024 * 1024;
 
 std::string DirectoryOf(const std::string& path) {
     size_t slash = path.rfind('/');

@@ -261,6 +261,7 @@ bool ParseRegText(std::string_view bytes, std::vector<RegTextKey>* keys, std::st
             std::u16string name;
             if (!ParseQuoted(rest, &name)) return fail(i, "the value name is not a properly quoted string");
             if (!ToAnsi(name, &value.name)) return fail(i, "the value name has characters this system cannot keep");
+            if (value.name.size() > 16383) return fail(i, "a value name longer than 16383 characters");
         }
         rest = Trim(rest);
         if (rest.empty() || rest.front() != u'=') return fail(i, "expected '=' after the value name");
