@@ -295,10 +295,11 @@ TEST_F(Pop3Client, SignalledEventAbortsTheFirstReadThatReturnsData) {
 
 TEST_F(Pop3Client, EventSignalledFromAnotherThreadStopsALongRetrieve) {
     HANDLE event = CreateEvent(nullptr, TRUE, FALSE, nullptr);
+    HANDLE release = CreateEvent(nullptr, TRUE, FALSE, nullptr);
     std::string part(100000, 'x');
     server.Send("+OK\r\n")
         .Expect("RETR 1\r\n").Send("+OK\r\n" + part).Mark("first part sent")
-        .Gate("more").Send(part + "\r\n.\r\n").Hold();
+        .Gate("more").Send(part + "\r\n.\r\n").Mark("all sent").Hold();
     server.Start();
     std::string error;
     std::thread worker([&] {
@@ -306,13 +307,18 @@ TEST_F(Pop3Client, EventSignalledFromAnotherThreadStopsALongRetrieve) {
         pop.Connect("127.0.0.1", server.Port());
         CString message;
         error = PopError([&] { pop.Retrieve(1, message); });
+        // Whether the client gave up on the first part or on the second, the server sends both.
+        WaitForSingleObject(release, INFINITE);
     });
     ASSERT_TRUE(server.WaitMark("first part sent"));
     SetEvent(event);
     server.Open("more");
+    EXPECT_TRUE(server.WaitMark("all sent"));
+    SetEvent(release);
     worker.join();
     EXPECT_EQ(error, "Forced Termination by user");
     EXPECT_EQ(server.Finish(), "");
+    CloseHandle(release);
     CloseHandle(event);
 }
 
