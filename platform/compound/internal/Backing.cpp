@@ -149,13 +149,13 @@ HRESULT Backing::ReadSector(std::uint32_t sector, unsigned char* out) {
     return S_OK;
 }
 
-void Backing::SetMiniChain(std::vector<std::uint32_t> chain) {
+void Backing::SetMiniChain(Chain chain) {
     m_miniChain = std::move(chain);
     m_miniResolved = true;
     m_miniHr = S_OK;
 }
 
-HRESULT Backing::MiniChain(const std::vector<std::uint32_t>** chain) {
+HRESULT Backing::MiniChain(const Chain** chain) {
     if (!m_miniResolved) {
         m_miniResolved = true;
         m_miniHr = Resolve(miniStart, miniSize, false, kOwnerMiniStream, m_miniChain);
@@ -164,26 +164,26 @@ HRESULT Backing::MiniChain(const std::vector<std::uint32_t>** chain) {
     return m_miniHr;
 }
 
-HRESULT Backing::Resolve(std::uint32_t start, std::uint64_t size, bool mini, std::uint32_t owner,
-                         std::vector<std::uint32_t>& chain) {
-    chain.clear();
+HRESULT Backing::Resolve(std::uint32_t start, std::uint64_t size, bool mini, std::uint32_t owner, Chain& chain) {
+    chain = Chain{};
     if (size == 0) return S_OK;
     const std::uint32_t unit = mini ? cfb::kMiniSectorSize : SectorSize();
     const std::uint64_t needed = (size + unit - 1) / unit;
     const std::vector<std::uint32_t>* table = &fat;
     std::uint64_t limit = fileSectors;
     if (mini) {
-        const std::vector<std::uint32_t>* miniChain = nullptr;
+        const Chain* miniChain = nullptr;
         HRESULT hr = MiniChain(&miniChain);
         if (FAILED(hr)) return hr;
         table = &miniFat;
-        limit = std::min<std::uint64_t>(static_cast<std::uint64_t>(miniChain->size()) * (SectorSize() / unit),
+        limit = std::min<std::uint64_t>(miniChain->Size() * (SectorSize() / unit),
                                         (miniSize + unit - 1) / unit);
         if (owner != 0 && m_miniOwner.empty()) m_miniOwner.assign(static_cast<std::size_t>(limit), 0);
     }
     // A size beyond what the file could hold is refused before anything is allocated for it.
     if (needed > limit) return STG_E_DOCFILECORRUPT;
-    chain.reserve(static_cast<std::size_t>(needed));
+    chain.first = start;
+    bool run = true;  // still one run of adjacent sectors: no list needed
     std::uint32_t sector = start;
     for (std::uint64_t i = 0; i < needed; ++i) {
         if (sector >= limit || sector >= table->size()) return STG_E_DOCFILECORRUPT;
@@ -195,16 +195,21 @@ HRESULT Backing::Resolve(std::uint32_t start, std::uint64_t size, bool mini, std
                 return STG_E_DOCFILECORRUPT;
             }
         }
-        chain.push_back(sector);
+        if (run && sector != start + i) {
+            run = false;
+            chain.list.reserve(static_cast<std::size_t>(needed));
+            for (std::uint64_t k = 0; k < i; ++k) chain.list.push_back(static_cast<std::uint32_t>(start + k));
+        }
+        if (!run) chain.list.push_back(sector);
         sector = (*table)[sector];
     }
+    chain.count = needed;
     return S_OK;
 }
 
-HRESULT Backing::Read(const std::vector<std::uint32_t>& chain, bool mini, std::uint64_t offset, void* buffer,
-                      std::size_t count) {
+HRESULT Backing::Read(const Chain& chain, bool mini, std::uint64_t offset, void* buffer, std::size_t count) {
     const std::uint32_t ss = SectorSize();
-    const std::vector<std::uint32_t>* miniChain = nullptr;
+    const Chain* miniChain = nullptr;
     if (mini) {
         HRESULT hr = MiniChain(&miniChain);
         if (FAILED(hr)) return hr;
@@ -227,16 +232,16 @@ HRESULT Backing::Read(const std::vector<std::uint32_t>& chain, bool mini, std::u
     while (count > 0) {
         std::uint64_t index = offset / unit;
         std::uint32_t within = static_cast<std::uint32_t>(offset % unit);
-        if (index >= chain.size()) return STG_E_DOCFILECORRUPT;
+        if (index >= chain.Size()) return STG_E_DOCFILECORRUPT;
         std::size_t take = std::min<std::size_t>(count, unit - within);
         std::uint64_t fileOffset;
         if (mini) {
-            std::uint64_t miniOffset = static_cast<std::uint64_t>(chain[index]) * unit + within;
+            std::uint64_t miniOffset = static_cast<std::uint64_t>(chain.At(index)) * unit + within;
             std::uint64_t bigIndex = miniOffset / ss;
-            if (bigIndex >= miniChain->size()) return STG_E_DOCFILECORRUPT;
-            fileOffset = SectorOffset((*miniChain)[bigIndex]) + miniOffset % ss;
+            if (bigIndex >= miniChain->Size()) return STG_E_DOCFILECORRUPT;
+            fileOffset = SectorOffset(miniChain->At(bigIndex)) + miniOffset % ss;
         } else {
-            fileOffset = SectorOffset(chain[index]) + within;
+            fileOffset = SectorOffset(chain.At(index)) + within;
         }
         if (runLen > 0 && runStart + runLen == fileOffset) {
             runLen += take;

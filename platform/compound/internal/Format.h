@@ -55,9 +55,22 @@ inline void Put64(unsigned char* p, std::uint64_t v) {
 // Unicode simple (one-to-one) upper-case mapping of one UTF-16 unit; surrogates map to themselves.
 char16_t UpperUnit(char16_t c);
 
+inline char16_t UpperFast(char16_t c) {
+    if (c < 0x80) return (c >= u'a' && c <= u'z') ? static_cast<char16_t>(c - 32) : c;
+    return UpperUnit(c);
+}
+
 // The sibling-tree order: shorter names first, then unit by unit after upper-casing. Lookups and
 // duplicate checks use the same rule, so "abc" and "ABC" name the same element.
-int CompareNames(std::u16string_view a, std::u16string_view b);
+inline int CompareNames(std::u16string_view a, std::u16string_view b) {
+    if (a.size() != b.size()) return a.size() < b.size() ? -1 : 1;
+    for (std::size_t i = 0; i < a.size(); ++i) {
+        if (a[i] == b[i]) continue;
+        char16_t x = UpperFast(a[i]), y = UpperFast(b[i]);
+        if (x != y) return x < y ? -1 : 1;
+    }
+    return 0;
+}
 
 struct NameLess {
     using is_transparent = void;

@@ -35,13 +35,4 @@ char16_t UpperUnit(char16_t c) {
     return FallbackUpper(c);
 }
 
-int CompareNames(std::u16string_view a, std::u16string_view b) {
-    if (a.size() != b.size()) return a.size() < b.size() ? -1 : 1;
-    for (std::size_t i = 0; i < a.size(); ++i) {
-        char16_t x = UpperUnit(a[i]), y = UpperUnit(b[i]);
-        if (x != y) return x < y ? -1 : 1;
-    }
-    return 0;
-}
-
 }  // namespace detail::cfb

@@ -43,16 +43,23 @@ public:
         return (static_cast<std::uint64_t>(sector) + 1) << sectorShift;
     }
 
+    // A resolved chain: an explicit list, or (the usual case for files we write) a run of sectors.
+    struct Chain {
+        std::vector<std::uint32_t> list;
+        std::uint32_t first = 0;
+        std::uint64_t count = 0;
+        std::uint32_t At(std::uint64_t i) const { return list.empty() ? static_cast<std::uint32_t>(first + i) : list[i]; }
+        std::uint64_t Size() const { return count; }
+    };
+
     // Follows the chain that holds `size` bytes. A chain that leaves the file, loops, runs into another
     // chain or ends early gives STG_E_DOCFILECORRUPT; a chain longer than needed is accepted.
     // owner identifies the chain so that shared sectors are noticed (0 = do not track).
-    HRESULT Resolve(std::uint32_t start, std::uint64_t size, bool mini, std::uint32_t owner,
-                    std::vector<std::uint32_t>& chain);
+    HRESULT Resolve(std::uint32_t start, std::uint64_t size, bool mini, std::uint32_t owner, Chain& chain);
     // Reads bytes [offset, offset+count) of a resolved chain.
-    HRESULT Read(const std::vector<std::uint32_t>& chain, bool mini, std::uint64_t offset, void* buffer,
-                 std::size_t count);
+    HRESULT Read(const Chain& chain, bool mini, std::uint64_t offset, void* buffer, std::size_t count);
     // Installs the mini stream's chain when the writer already knows it.
-    void SetMiniChain(std::vector<std::uint32_t> chain);
+    void SetMiniChain(Chain chain);
 
     // Reads whole sectors; bytes past the end of a short last sector read as zero.
     HRESULT ReadSector(std::uint32_t sector, unsigned char* out);
@@ -61,11 +68,11 @@ public:
     bool Claim(std::uint32_t sector, std::uint32_t owner);
 
 private:
-    HRESULT MiniChain(const std::vector<std::uint32_t>** chain);
+    HRESULT MiniChain(const Chain** chain);
 
     std::vector<std::uint32_t> m_owner;
     std::vector<std::uint32_t> m_miniOwner;
-    std::vector<std::uint32_t> m_miniChain;
+    Chain m_miniChain;
     bool m_miniResolved = false;
     HRESULT m_miniHr = S_OK;
 };
@@ -85,7 +92,7 @@ struct StreamContent {
     std::uint32_t start = cfb::ENDOFCHAIN;
     bool mini = false;
     std::uint32_t owner = 0;
-    std::vector<std::uint32_t> chain;
+    Backing::Chain chain;
     bool resolved = false;
     HRESULT resolveHr = S_OK;
 
@@ -136,7 +143,7 @@ struct WrittenFile {
         bool mini;
     };
     std::vector<Placement> placements;
-    std::vector<std::uint32_t> miniChain;
+    Backing::Chain miniChain;
 };
 
 // Writes the whole tree as a version 3 file to fd (positioned at 0) through CurrentFileOps().

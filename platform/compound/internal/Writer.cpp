@@ -330,8 +330,9 @@ HRESULT WriteCompoundFile(const Node& root, int fd, WrittenFile& out) {
     b->miniFat = std::move(miniFat);
     b->miniStart = rootEntry.start;
     b->miniSize = miniStreamBytes;
-    out.miniChain.clear();
-    for (std::uint64_t i = 0; i < miniStreamSectors; ++i) out.miniChain.push_back(static_cast<std::uint32_t>(miniStreamFirst + i));
+    out.miniChain = Backing::Chain{};
+    out.miniChain.first = miniStreamFirst;
+    out.miniChain.count = miniStreamSectors;
     out.backing = std::move(b);
     return S_OK;
 }
@@ -345,8 +346,9 @@ void RebindWritten(WrittenFile& written, std::unique_ptr<ByteStore> store) {
         c.start = p.start;
         c.mini = p.mini;
         c.owner = 0;
-        c.chain.resize(p.count);
-        for (std::uint32_t i = 0; i < p.count; ++i) c.chain[i] = p.start + i;
+        c.chain = Backing::Chain{};
+        c.chain.first = p.start;
+        c.chain.count = p.count;
         c.resolved = true;
         c.resolveHr = S_OK;
         std::vector<unsigned char>().swap(c.data);
