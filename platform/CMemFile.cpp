@@ -129,6 +129,8 @@ UINT CMemFile::GetBufferPtr(UINT command, UINT count, void** bufStart, void** bu
     if (command == bufferCommit) return 0;
     if (command == bufferWrite && m_nPosition + count > m_nBufferSize) GrowFile(m_nPosition + count);
     if (command == bufferWrite && m_nPosition + count > m_nBufferSize) AfxThrowMemoryException();
+    if (command == bufferWrite && m_nPosition > m_nFileSize)
+        std::memset(m_lpBuffer + m_nFileSize, 0, m_nPosition - m_nFileSize);
     std::size_t avail = command == bufferWrite ? count
                                                : (m_nPosition >= m_nFileSize ? 0 : std::min<std::size_t>(count, m_nFileSize - m_nPosition));
     if (bufStart != nullptr) *bufStart = m_lpBuffer + m_nPosition;

@@ -360,6 +360,24 @@ TEST(CMemFileTest, AttachedBuffers) {
     std::free(owned);
 }
 
+TEST(CMemFileTest, DirectBufferAccessMovesThePosition) {
+    CMemFile f(16);
+    EXPECT_EQ(f.GetBufferPtr(CFile::bufferCheck), UINT(CFile::bufferDirect));
+    void* start = nullptr;
+    void* max = nullptr;
+    f.Seek(2, CFile::begin);
+    ASSERT_EQ(f.GetBufferPtr(CFile::bufferWrite, 5, &start, &max), 5u);
+    std::memcpy(start, "abcde", 5);
+    EXPECT_EQ(static_cast<BYTE*>(max) - static_cast<BYTE*>(start), 5);
+    EXPECT_EQ(f.GetLength(), 7u);
+    f.SeekToBegin();
+    ASSERT_EQ(f.GetBufferPtr(CFile::bufferRead, 100, &start, &max), 7u);  // what is there, no more
+    EXPECT_EQ(std::memcmp(start, "\0\0abcde", 7), 0);
+    EXPECT_EQ(f.GetPosition(), 7u);
+    CFile plain;
+    EXPECT_EQ(plain.GetBufferPtr(CFile::bufferCheck), 0u);
+}
+
 TEST(CMemFileTest, SubclassWithoutGrowthNeverWritesPastItsView) {
     BYTE view[16] = {};
     FixedViewFile f(view, 8);
