@@ -158,3 +158,44 @@ TEST(CompoundCrashSafety, TransactedFailureKeepsTheFileAndTheChanges) {
 
 }  // namespace
 }  // namespace tavik::test
+
+namespace tavik::test {
+namespace {
+
+std::uint64_t g_bytesRead = 0;
+long long CountingPread(int fd, void* buf, std::size_t n, std::uint64_t off) {
+    long long got = detail::RealFileOps().pread(fd, buf, n, off);
+    if (got > 0) g_bytesRead += static_cast<std::uint64_t>(got);
+    return got;
+}
+
+// Opening reads the tables and the directory only; stream bytes come when asked for, and a commit
+// that changed one small stream still carries the big one across intact.
+TEST(CompoundLazy, OpenReadsTablesNotStreams) {
+    TempDir dir;
+    std::string file = dir.file("lazy.ole");
+    {
+        Com<IStorage> root;
+        ASSERT_EQ(StgCreateDocfile(file.c_str(), kRW | STGM_CREATE, 0, root.out()), S_OK);
+        ASSERT_EQ(PutStream(root.get(), "big", Pattern(20 << 20, 1)), S_OK);
+        ASSERT_EQ(PutStream(root.get(), "small", Pattern(100, 2)), S_OK);
+    }
+    detail::CurrentFileOps().pread = CountingPread;
+    g_bytesRead = 0;
+    {
+        Com<IStorage> root;
+        ASSERT_EQ(StgOpenStorage(file.c_str(), nullptr, kRW, nullptr, 0, root.out()), S_OK);
+        EXPECT_EQ(GetStream(root.get(), "small"), Pattern(100, 2));
+        // 20 MB of data needs 160 KB of FAT; reads come in 256 KB blocks.
+        EXPECT_LT(g_bytesRead, 2u << 20);
+        ASSERT_EQ(PutStream(root.get(), "small", Pattern(50, 3)), S_OK);
+    }
+    detail::CurrentFileOps() = detail::RealFileOps();
+    Com<IStorage> root;
+    ASSERT_EQ(StgOpenStorage(file.c_str(), nullptr, kRO, nullptr, 0, root.out()), S_OK);
+    EXPECT_EQ(GetStream(root.get(), "big"), Pattern(20 << 20, 1));
+    EXPECT_EQ(GetStream(root.get(), "small"), Pattern(50, 3));
+}
+
+}  // namespace
+}  // namespace tavik::test
