@@ -55,6 +55,7 @@ struct Window {
     DWORD threadId = 0;
     bool visible = false;
     bool destroying = false;
+    bool gone = false;   // set under the queue's mutex when destroyed, so no send or post slips in later
     int modalLoops = 0;  // RunModalLoop calls running for the window
     bool modalEnded = false;
     INT_PTR modalResult = 0;
@@ -173,9 +174,10 @@ bool fetch(MSG* out, HWND filter, UINT filterMin, UINT filterMax, bool remove, b
     }
 }
 
-bool postTo(const std::shared_ptr<ThreadQueue>& q, HWND hwnd, UINT message, WPARAM wParam, LPARAM lParam) {
+bool postTo(const std::shared_ptr<ThreadQueue>& q, const Window* w, HWND hwnd, UINT message, WPARAM wParam,
+            LPARAM lParam) {
     std::lock_guard<std::mutex> lock(q->mutex);
-    if (q->dead) return false;
+    if (q->dead || (w != nullptr && w->gone)) return false;
     MSG msg;
     msg.hwnd = hwnd;
     msg.message = message;
@@ -240,6 +242,7 @@ BOOL DestroyWindow(HWND hwnd) {
     std::vector<std::shared_ptr<SentMessage>> orphans;
     if (auto q = w->queue.lock()) {
         std::lock_guard<std::mutex> lock(q->mutex);
+        w->gone = true;
         std::erase_if(q->timers, [&](const Timer& t) { return t.hwnd == hwnd; });
         std::erase_if(q->posted, [&](const MSG& m) { return m.hwnd == hwnd; });
         for (auto it = q->sent.begin(); it != q->sent.end();) {
@@ -379,7 +382,7 @@ LRESULT SendMessage(HWND hwnd, UINT message, WPARAM wParam, LPARAM lParam) {
     sm->sender = me;
     {
         std::lock_guard<std::mutex> lock(target->mutex);
-        if (target->dead) return 0;
+        if (target->dead || w->gone) return 0;
         target->sent.push_back(sm);
         target->changed.notify_all();
     }
@@ -400,10 +403,10 @@ LRESULT SendMessage(HWND hwnd, UINT message, WPARAM wParam, LPARAM lParam) {
 }
 
 BOOL PostMessage(HWND hwnd, UINT message, WPARAM wParam, LPARAM lParam) {
-    if (hwnd == nullptr) return postTo(myQueue(), nullptr, message, wParam, lParam) ? TRUE : FALSE;
+    if (hwnd == nullptr) return postTo(myQueue(), nullptr, nullptr, message, wParam, lParam) ? TRUE : FALSE;
     std::shared_ptr<Window> w = findWindow(hwnd);
     std::shared_ptr<ThreadQueue> q = w ? w->queue.lock() : nullptr;
-    if (!q || !postTo(q, hwnd, message, wParam, lParam)) {
+    if (!q || !postTo(q, w.get(), hwnd, message, wParam, lParam)) {
         SetLastError(ERROR_INVALID_WINDOW_HANDLE);
         return FALSE;
     }
@@ -417,7 +420,7 @@ BOOL PostThreadMessage(DWORD threadId, UINT message, WPARAM wParam, LPARAM lPara
         auto it = queues().find(threadId);
         if (it != queues().end()) q = it->second;
     }
-    if (!q || !postTo(q, nullptr, message, wParam, lParam)) {
+    if (!q || !postTo(q, nullptr, nullptr, message, wParam, lParam)) {
         SetLastError(ERROR_INVALID_THREAD_ID);
         return FALSE;
     }
@@ -467,10 +470,11 @@ UINT_PTR SetTimer(HWND hwnd, UINT_PTR id, UINT milliseconds, void* timerFunc) {
         return 0;
     }
     std::shared_ptr<ThreadQueue> q;
+    std::shared_ptr<Window> w;
     if (hwnd == nullptr) {
         q = myQueue();
     } else {
-        std::shared_ptr<Window> w = findWindow(hwnd);
+        w = findWindow(hwnd);
         q = w ? w->queue.lock() : nullptr;
         if (!q) {
             SetLastError(ERROR_INVALID_WINDOW_HANDLE);
@@ -479,6 +483,10 @@ UINT_PTR SetTimer(HWND hwnd, UINT_PTR id, UINT milliseconds, void* timerFunc) {
     }
     auto period = std::chrono::milliseconds(std::max<UINT>(milliseconds, 1));
     std::lock_guard<std::mutex> lock(q->mutex);
+    if (w && w->gone) {
+        SetLastError(ERROR_INVALID_WINDOW_HANDLE);
+        return 0;
+    }
     if (hwnd == nullptr) id = ++q->nextThreadTimerId;
     std::erase_if(q->timers, [&](const Timer& t) { return t.hwnd == hwnd && t.id == id; });
     q->timers.push_back(Timer{hwnd, id, period, Clock::now() + period});
