@@ -1,6 +1,8 @@
 // The framework's binary file over the operating system's file calls (platform/internal/
 // FileSystemHooks.h). Every failure throws a new CFileException (cause, Win32 error code, file name);
-// the object stays usable (still open, position unchanged) after a failed Read, Write or Seek.
+// the file stays open after a failed Read, Write or Seek (a Write that fails part-way keeps the bytes
+// written before the failure). Descriptors are never inherited by child processes, so modeNoInherit
+// changes nothing.
 #pragma once
 
 #include <ctime>
