@@ -195,6 +195,49 @@ TEST_F(RegistryStore, TwoProcessesAndThisOneWritingAtOnceLoseNothing) {
     RegCloseKey(key);
 }
 
+TEST_F(RegistryStore, ThreadsOfOneProcessShareTheStore) {
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([t] {
+            std::string path = "Software\\Threads\\T" + std::to_string(t);
+            for (int i = 0; i < 200; ++i) {
+                HKEY key = nullptr;
+                ASSERT_EQ(RegCreateKeyEx(HKEY_CURRENT_USER, path.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &key,
+                                         nullptr),
+                          ERROR_SUCCESS);
+                DWORD value = static_cast<DWORD>(i);
+                ASSERT_EQ(RegSetValueEx(key, ("v" + std::to_string(i)).c_str(), 0, REG_DWORD,
+                                        reinterpret_cast<BYTE*>(&value), 4),
+                          ERROR_SUCCESS);
+                RegCloseKey(key);
+            }
+        });
+    // A reader walking the keys while they grow sees whole values, never a failure.
+    threads.emplace_back([] {
+        for (int round = 0; round < 50; ++round) {
+            HKEY key = nullptr;
+            if (RegOpenKeyEx(HKEY_CURRENT_USER, "Software\\Threads", 0, KEY_READ, &key) != ERROR_SUCCESS) continue;
+            for (DWORD i = 0;; ++i) {
+                char name[32];
+                DWORD chars = sizeof name;
+                LONG code = RegEnumKeyEx(key, i, name, &chars, nullptr, nullptr, nullptr, nullptr);
+                if (code == ERROR_NO_MORE_ITEMS) break;
+                ASSERT_EQ(code, ERROR_SUCCESS);
+            }
+            RegCloseKey(key);
+        }
+    });
+    for (auto& t : threads) t.join();
+    HKEY threadsKey = Create("Software\\Threads");
+    ASSERT_EQ(SubKeys(threadsKey).size(), 4u);
+    for (int t = 0; t < 4; ++t) {
+        HKEY key = Create(("Software\\Threads\\T" + std::to_string(t)).c_str());
+        EXPECT_EQ(ValueNames(key).size(), 200u);
+        RegCloseKey(key);
+    }
+    RegCloseKey(threadsKey);
+}
+
 TEST_F(RegistryStore, KillRightAfterCloseLosesNothing) {
     for (int round = 0; round < 3; ++round) {
         std::string path = "Software\\Crash" + std::to_string(round);
