@@ -25,7 +25,6 @@ const char* const kStatementSql[] = {
     "SELECT 1 FROM keys WHERE id=?1",
     "SELECT parent, name FROM keys WHERE id=?1",
     "SELECT name, id, mtime FROM keys WHERE parent=?1 ORDER BY fold",
-    "SELECT 1 FROM keys WHERE parent=?1 LIMIT 1",
     "SELECT type, data FROM vals WHERE key=?1 AND name=?2",
     "SELECT name, type, data FROM vals WHERE key=?1 ORDER BY seq",
     "PRAGMA data_version",
@@ -367,16 +366,6 @@ LONG StoreDatabase::Children(std::int64_t parent, std::vector<StoredChild>* chil
     while ((rc = sqlite3_step(s)) == SQLITE_ROW)
         children->push_back({ColumnBlob(s, 0), sqlite3_column_int64(s, 1), sqlite3_column_int64(s, 2)});
     return rc == SQLITE_DONE ? ERROR_SUCCESS : Fail(rc, "list sub-keys");
-}
-
-LONG StoreDatabase::HasChildren(std::int64_t parent, bool* any) {
-    sqlite3_stmt* s = Prepare(kHasChildren);
-    if (!s) return ERROR_CANTREAD;
-    StatementScope scope{s};
-    sqlite3_bind_int64(s, 1, parent);
-    int rc = sqlite3_step(s);
-    *any = rc == SQLITE_ROW;
-    return rc == SQLITE_ROW || rc == SQLITE_DONE ? ERROR_SUCCESS : Fail(rc, "list sub-keys");
 }
 
 LONG StoreDatabase::GetValue(std::int64_t key, const std::string& name, bool* found, DWORD* type, std::string* data) {

@@ -53,7 +53,6 @@ public:
     LONG KeyExists(std::int64_t id, bool* exists);
     LONG KeyRow(std::int64_t id, std::int64_t* parent, std::string* name);
     LONG Children(std::int64_t parent, std::vector<StoredChild>* children);  // in hive order
-    LONG HasChildren(std::int64_t parent, bool* any);
     LONG GetValue(std::int64_t key, const std::string& name, bool* found, DWORD* type, std::string* data);
     LONG Values(std::int64_t key, std::vector<StoredValue>* values);  // in creation order
     // Changes when another connection commits; the first call only reads it.
@@ -65,7 +64,6 @@ public:
     LONG DeleteValue(std::int64_t key, const std::string& name, bool* found);
     LONG DeleteValues(std::int64_t key);
     LONG DeleteKeyRow(std::int64_t id);  // and its values; the caller has checked there are no sub-keys
-    void Touch(std::int64_t id) { m_touched.push_back(id); }
 
     // A read snapshot shared by the calls that follow, so that each does not lock the file anew; it
     // hides other processes' commits until EndRead.
@@ -89,7 +87,7 @@ public:
 
 private:
     enum Statement {
-        kFindChild, kKeyExists, kKeyRow, kChildren, kHasChildren, kGetValue, kValues, kDataVersion,
+        kFindChild, kKeyExists, kKeyRow, kChildren, kGetValue, kValues, kDataVersion,
         kCreateChild, kSetValue, kDeleteValue, kDeleteValues, kDeleteKey, kTouch, kLoadSeq, kStoreSeq,
         kStatementCount
     };
