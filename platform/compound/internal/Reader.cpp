@@ -172,12 +172,12 @@ HRESULT ReadCompoundFile(std::unique_ptr<ByteStore> store, std::shared_ptr<Backi
             if (id == NOSTREAM) continue;
             if (id >= entries.size() || seen[id]) return STG_E_DOCFILECORRUPT;
             seen[id] = true;
-            const DirEntry& e = entries[id];
+            DirEntry& e = entries[id];
             if (e.type != kTypeStorage && e.type != kTypeStream) return STG_E_DOCFILECORRUPT;
             stack.push_back(e.left);
             stack.push_back(e.right);
             auto node = std::make_shared<Node>();
-            node->name = e.name;
+            node->name = std::move(e.name);  // each entry is visited once
             node->type = e.type;
             node->clsid = e.clsid;
             node->stateBits = e.stateBits;
