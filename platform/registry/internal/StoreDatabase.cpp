@@ -36,20 +36,17 @@ const char* const kStatementSql[] = {
     "DELETE FROM vals WHERE key=?1",
     "DELETE FROM keys WHERE id=?1",
     "UPDATE keys SET mtime=?2 WHERE id=?1",
-    "SELECT value FROM meta WHERE name='next_seq'",
-    "UPDATE meta SET value=?1 WHERE name='next_seq'",
+    "SELECT max(seq) FROM vals WHERE key=?1",
 };
 
 // Values live in one b-tree keyed by key and name (NOCASE folds ASCII letters only, as the registry
-// does); seq, from a counter kept in meta, is their creation order.
+// does); seq, counted per key, is their creation order.
 const char kSchema[] =
     "CREATE TABLE keys(id INTEGER PRIMARY KEY AUTOINCREMENT, parent INTEGER NOT NULL, fold BLOB NOT NULL,"
     " name BLOB NOT NULL, mtime INTEGER NOT NULL DEFAULT 0);"
     "CREATE UNIQUE INDEX keys_by_parent ON keys(parent, fold);"
     "CREATE TABLE vals(key INTEGER NOT NULL, name TEXT NOT NULL COLLATE NOCASE, seq INTEGER NOT NULL,"
     " type INTEGER NOT NULL, data BLOB NOT NULL, PRIMARY KEY(key, name)) WITHOUT ROWID;"
-    "CREATE TABLE meta(name TEXT PRIMARY KEY, value INTEGER NOT NULL);"
-    "INSERT INTO meta VALUES('next_seq', 1);"
     "INSERT INTO keys(parent, fold, name) VALUES"
     " (0, CAST('HKEY_CLASSES_ROOT' AS BLOB), CAST('HKEY_CLASSES_ROOT' AS BLOB)),"
     " (0, CAST('HKEY_CURRENT_USER' AS BLOB), CAST('HKEY_CURRENT_USER' AS BLOB));";
@@ -303,7 +300,7 @@ LONG StoreDatabase::CheckAndInitialise() {
     if ((code = Exec("PRAGMA synchronous=NORMAL")) != ERROR_SUCCESS) return code;
     // A save rewrites the same pages in many small commits; a longer log lets a checkpoint copy each
     // page once. The log file is cut back afterwards.
-    if ((code = Exec("PRAGMA wal_autocheckpoint=4096; PRAGMA journal_size_limit=16777216")) != ERROR_SUCCESS)
+    if ((code = Exec("PRAGMA wal_autocheckpoint=16384; PRAGMA journal_size_limit=16777216")) != ERROR_SUCCESS)
         return code;
     for (int r = 0; r < kRootCount; ++r) {
         std::int64_t id = 0;
@@ -418,6 +415,7 @@ LONG StoreDatabase::CreateChild(std::int64_t parent, const std::string& name, st
     int rc = sqlite3_step(s);
     if (rc != SQLITE_DONE) return Fail(rc, "create key");
     *id = sqlite3_last_insert_rowid(m_db);
+    m_nextSeq[*id] = 1;  // a new key has no values to count
     return ERROR_SUCCESS;
 }
 
@@ -427,12 +425,30 @@ LONG StoreDatabase::SetValue(std::int64_t key, const std::string& name, DWORD ty
     StatementScope scope{s};
     sqlite3_bind_int64(s, 1, key);
     BindText(s, 2, name);
-    sqlite3_bind_int64(s, 3, m_nextSeq++);
+    std::int64_t seq = 0;
+    if (LONG code = NextSeq(key, &seq); code != ERROR_SUCCESS) return code;
+    sqlite3_bind_int64(s, 3, seq);
     sqlite3_bind_int64(s, 4, type);
     BindBlob(s, 5, data, size);
     int rc = sqlite3_step(s);
     if (rc != SQLITE_DONE) return Fail(rc, "write value");
     if (m_touched.empty() || m_touched.back() != key) m_touched.push_back(key);
+    return ERROR_SUCCESS;
+}
+
+// The next creation-order number of a key: counted once per write transaction, then kept here.
+LONG StoreDatabase::NextSeq(std::int64_t key, std::int64_t* seq) {
+    auto it = m_nextSeq.find(key);
+    if (it == m_nextSeq.end()) {
+        sqlite3_stmt* s = Prepare(kMaxSeq);
+        if (!s) return ERROR_CANTREAD;
+        StatementScope scope{s};
+        sqlite3_bind_int64(s, 1, key);
+        int rc = sqlite3_step(s);
+        if (rc != SQLITE_ROW) return Fail(rc, "write value");
+        it = m_nextSeq.emplace(key, sqlite3_column_int64(s, 0) + 1).first;
+    }
+    *seq = it->second++;
     return ERROR_SUCCESS;
 }
 
@@ -495,12 +511,7 @@ LONG StoreDatabase::BeginWrite() {
     LONG code = Exec("BEGIN IMMEDIATE");
     if (code != ERROR_SUCCESS) return code;
     m_inWrite = true;
-    sqlite3_stmt* s = Prepare(kLoadSeq);
-    if (!s) return ERROR_CANTREAD;
-    StatementScope scope{s};
-    int rc = sqlite3_step(s);
-    if (rc != SQLITE_ROW) return rc == SQLITE_DONE ? ERROR_REGISTRY_CORRUPT : Fail(rc, "begin");
-    m_nextSeq = m_savedSeq = sqlite3_column_int64(s, 0);
+    m_nextSeq.clear();
     return ERROR_SUCCESS;
 }
 
@@ -519,14 +530,6 @@ LONG StoreDatabase::Commit() {
             }
         }
         m_touched.clear();
-    }
-    if (m_nextSeq != m_savedSeq) {
-        if (sqlite3_stmt* s = Prepare(kStoreSeq)) {
-            StatementScope scope{s};
-            sqlite3_bind_int64(s, 1, m_nextSeq);
-            int rc = sqlite3_step(s);
-            if (rc != SQLITE_DONE) Fail(rc, "commit");
-        }
     }
     int rc = sqlite3_exec(m_db, "COMMIT", nullptr, nullptr, nullptr);
     if (rc != SQLITE_OK) {

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "platform/WinTypes.h"
@@ -88,11 +89,12 @@ public:
 private:
     enum Statement {
         kFindChild, kKeyExists, kKeyRow, kChildren, kGetValue, kValues, kDataVersion,
-        kCreateChild, kSetValue, kDeleteValue, kDeleteValues, kDeleteKey, kTouch, kLoadSeq, kStoreSeq,
+        kCreateChild, kSetValue, kDeleteValue, kDeleteValues, kDeleteKey, kTouch, kMaxSeq,
         kStatementCount
     };
     sqlite3_stmt* Prepare(Statement which);
     LONG Exec(const char* sql);
+    LONG NextSeq(std::int64_t key, std::int64_t* seq);
     LONG Fail(int rc, const char* what);  // maps an SQLite result to a registry code and records why
     LONG CheckAndInitialise();
     void Close();
@@ -105,7 +107,7 @@ private:
     bool m_inWrite = false;
     bool m_inRead = false;
     std::vector<std::int64_t> m_touched;
-    std::int64_t m_nextSeq = 0, m_savedSeq = 0;  // the creation-order counter within a write
+    std::unordered_map<std::int64_t, std::int64_t> m_nextSeq;  // per key, within the write transaction
 };
 
 }  // namespace detail
