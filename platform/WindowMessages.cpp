@@ -357,11 +357,16 @@ LRESULT DefWindowProc(HWND hwnd, UINT message, WPARAM, LPARAM) {
     return 0;
 }
 
-LRESULT SendMessage(HWND hwnd, UINT message, WPARAM wParam, LPARAM lParam) {
+namespace {
+
+// Sends and waits at most `timeout` ms (INFINITE: for ever). False when the window is not a window or
+// the time ran out; a message that timed out is still delivered later, its answer dropped.
+bool sendAndWait(HWND hwnd, UINT message, WPARAM wParam, LPARAM lParam, DWORD timeout, LRESULT* result) {
+    *result = 0;
     std::shared_ptr<Window> w = findWindow(hwnd);
     if (!w) {
         SetLastError(ERROR_INVALID_WINDOW_HANDLE);
-        return 0;
+        return false;
     }
     if (w->threadId == GetCurrentThreadId()) {
         WNDPROC proc;
@@ -369,10 +374,11 @@ LRESULT SendMessage(HWND hwnd, UINT message, WPARAM wParam, LPARAM lParam) {
             std::lock_guard<std::mutex> lock(g_windowsMutex);
             proc = w->proc;
         }
-        return proc(hwnd, message, wParam, lParam);
+        *result = proc(hwnd, message, wParam, lParam);
+        return true;
     }
     std::shared_ptr<ThreadQueue> target = w->queue.lock();
-    if (!target) return 0;
+    if (!target) return false;
     std::shared_ptr<ThreadQueue> me = myQueue();
     auto sm = std::make_shared<SentMessage>();
     sm->hwnd = hwnd;
@@ -382,11 +388,12 @@ LRESULT SendMessage(HWND hwnd, UINT message, WPARAM wParam, LPARAM lParam) {
     sm->sender = me;
     {
         std::lock_guard<std::mutex> lock(target->mutex);
-        if (target->dead || w->gone) return 0;
+        if (target->dead || w->gone) return false;
         target->sent.push_back(sm);
         target->changed.notify_all();
     }
     // Wait for the answer, handling what other threads send to us meanwhile.
+    auto deadline = Clock::now() + std::chrono::milliseconds(timeout == INFINITE ? 0 : timeout);
     std::unique_lock<std::mutex> lock(me->mutex);
     while (!sm->done) {
         if (!me->sent.empty()) {
@@ -397,9 +404,32 @@ LRESULT SendMessage(HWND hwnd, UINT message, WPARAM wParam, LPARAM lParam) {
             lock.lock();
             continue;
         }
-        me->changed.wait(lock);
+        if (timeout == INFINITE) {
+            me->changed.wait(lock);
+        } else if (me->changed.wait_until(lock, deadline) == std::cv_status::timeout && !sm->done &&
+                   me->sent.empty()) {
+            SetLastError(ERROR_TIMEOUT);
+            return false;
+        }
     }
-    return sm->result;
+    *result = sm->result;
+    return true;
+}
+
+}  // namespace
+
+LRESULT SendMessage(HWND hwnd, UINT message, WPARAM wParam, LPARAM lParam) {
+    LRESULT result;
+    sendAndWait(hwnd, message, wParam, lParam, INFINITE, &result);
+    return result;
+}
+
+LRESULT SendMessageTimeout(HWND hwnd, UINT message, WPARAM wParam, LPARAM lParam, UINT, UINT timeout,
+                           DWORD_PTR* result) {
+    LRESULT r;
+    bool ok = sendAndWait(hwnd, message, wParam, lParam, timeout == INFINITE ? INFINITE - 1 : timeout, &r);
+    if (result != nullptr) *result = ok ? DWORD_PTR(r) : 0;
+    return ok ? 1 : 0;
 }
 
 BOOL PostMessage(HWND hwnd, UINT message, WPARAM wParam, LPARAM lParam) {

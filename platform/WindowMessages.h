@@ -84,6 +84,15 @@ LRESULT DefWindowProc(HWND hwnd, UINT message, WPARAM wParam, LPARAM lParam);
 // sent to the calling thread (so two threads sending to each other do not deadlock). 0 for a window
 // that is not (or no longer) a window.
 LRESULT SendMessage(HWND hwnd, UINT message, WPARAM wParam, LPARAM lParam);
+// As SendMessage, but gives up after `timeout` ms: 0 with ERROR_TIMEOUT (the message is still handled
+// later, its answer dropped) or ERROR_INVALID_WINDOW_HANDLE; non-zero with *result set on success. The
+// flags (SMTO_) change nothing.
+LRESULT SendMessageTimeout(HWND hwnd, UINT message, WPARAM wParam, LPARAM lParam, UINT flags, UINT timeout,
+                           DWORD_PTR* result);
+constexpr UINT SMTO_NORMAL = 0x0;
+constexpr UINT SMTO_BLOCK = 0x1;
+constexpr UINT SMTO_ABORTIFHUNG = 0x2;
+constexpr LONG ERROR_TIMEOUT = 1460;
 // Queues the message and returns. A null hwnd posts to the calling thread. FALSE with
 // ERROR_INVALID_WINDOW_HANDLE for a window that does not exist.
 BOOL PostMessage(HWND hwnd, UINT message, WPARAM wParam, LPARAM lParam);

@@ -99,10 +99,16 @@ TEST(SendMessageTest, ABlockedWindowThreadBlocksTheSender) {
         SetEvent(answered);
     });
     EXPECT_EQ(WaitForSingleObject(answered, 100), WAIT_TIMEOUT);
+    DWORD_PTR bounded = 99;
+    EXPECT_EQ(SendMessageTimeout(window.hwnd(), WM_ADD, 2, 2, SMTO_NORMAL, 30, &bounded), 0);
+    EXPECT_EQ(GetLastError(), DWORD(ERROR_TIMEOUT));
+    EXPECT_EQ(bounded, 0u);
     SetEvent(release);
     EXPECT_EQ(WaitForSingleObject(answered, 5000), WAIT_OBJECT_0);
     sender.join();
     EXPECT_EQ(result.load(), 2);
+    EXPECT_NE(SendMessageTimeout(window.hwnd(), WM_ADD, 2, 3, SMTO_BLOCK, 5000, &bounded), 0);
+    EXPECT_EQ(bounded, 5u);
     for (HANDLE h : {entered, release, answered}) CloseHandle(h);
 }
 
