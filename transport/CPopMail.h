@@ -105,5 +105,6 @@ private:
     bool ReadReply(CString& reply, bool multiLine);
     // Throws "Forced Termination by user" when the termination event is signalled.
     void CheckTermination();
+    static void ReserveForListing(CString& reply, const char* first, int size);
     [[noreturn]] void Fail(CBlockingSocketException* e);
 };

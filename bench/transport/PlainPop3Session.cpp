@@ -30,13 +30,13 @@ PlainPop3Session::~PlainPop3Session() {
     ::close(m_fd);
 }
 
-size_t PlainPop3Session::Command(const std::string& command, const char* mark) {
+size_t PlainPop3Session::Command(const std::string& command, const char* mark, std::string* keep) {
     if (::send(m_fd, command.data(), command.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(command.size()))
         throw std::runtime_error("plain send failed");
-    return ReadTo(mark);
+    return ReadTo(mark, keep);
 }
 
-size_t PlainPop3Session::ReadTo(const char* mark) {
+size_t PlainPop3Session::ReadTo(const char* mark, std::string* keep) {
     const size_t m = std::strlen(mark);
     std::string carry;  // the last m-1 bytes, where a mark cut by a receive starts
     size_t total = 0;
@@ -45,6 +45,7 @@ size_t PlainPop3Session::ReadTo(const char* mark) {
         if (got <= 0) throw std::runtime_error("plain recv ended");
         size_t n = static_cast<size_t>(got);
         total += n;
+        if (keep) keep->append(m_buffer, n);
         std::string edge = carry;
         edge.append(m_buffer, std::min(n, m - 1));
         if (edge.find(mark) != std::string::npos || ::memmem(m_buffer, n, mark, m) != nullptr) return total;

@@ -13,11 +13,11 @@ public:
     PlainPop3Session(const PlainPop3Session&) = delete;
     PlainPop3Session& operator=(const PlainPop3Session&) = delete;
 
-    // Returns the bytes read up to and including the mark.
-    size_t Command(const std::string& command, const char* mark);
+    // Returns the bytes read up to and including the mark. With keep, every byte read is appended to it.
+    size_t Command(const std::string& command, const char* mark, std::string* keep = nullptr);
 
 private:
-    size_t ReadTo(const char* mark);
+    size_t ReadTo(const char* mark, std::string* keep = nullptr);
 
     int m_fd = -1;
     char m_buffer[65536];

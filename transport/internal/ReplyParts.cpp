@@ -1,8 +1,14 @@
 #include "transport/internal/ReplyParts.h"
 
+#include <algorithm>
 #include <cstring>
 
 namespace detail {
+
+namespace {
+// Spare room above this is released: an eighth of the text, and never less than 4 KiB.
+std::size_t kSpareWorthACopy(std::size_t size) { return std::max<std::size_t>(size / 8, 4096); }
+}  // namespace
 
 bool StripReply(std::string& reply, std::string* status) {
     std::size_t begin = 0;
@@ -21,12 +27,13 @@ bool StripReply(std::string& reply, std::string* status) {
         std::size_t at = static_cast<std::size_t>(static_cast<const char*>(hit) - reply.data());
         if (at > begin) end = at;
     }
-    // A retrieved message can be tens of megabytes: one copy of the kept part, exactly sized, instead of
-    // moving it to the front and then reallocating to drop the spare room.
-    if (begin > 0 || end < reply.size() || reply.capacity() > reply.size()) {
-        std::string kept(reply.data() + begin, end - begin);
-        reply.swap(kept);
+    // A retrieved message can be tens of megabytes: it moves down in place (its pages are already
+    // there), and spare room is given back only when it is worth a copy.
+    if (begin > 0 || end < reply.size()) {
+        reply.resize(end);
+        reply.erase(0, begin);
     }
+    if (reply.capacity() - reply.size() > kSpareWorthACopy(reply.size())) reply.shrink_to_fit();
     return split;
 }
 

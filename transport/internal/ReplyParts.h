@@ -10,7 +10,8 @@ namespace detail {
 // reply loses it (result true); otherwise status and reply's front stay as they were (false).
 // Then, with or without status: when the first "\r\n.\r\n" of what is left lies after its position 0,
 // the reply is cut there (the last line's own line end goes too).
-// The reply ends with no spare capacity, built by a single copy however large it is.
+// Spare capacity is released when it exceeds an eighth of the text (at least 4 KiB); below that a copy of
+// a large message would cost more than the room it frees.
 bool StripReply(std::string& reply, std::string* status);
 
 }  // namespace detail
