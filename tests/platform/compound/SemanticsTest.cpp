@@ -314,6 +314,14 @@ TEST_F(CompoundSemantics, StreamsGrowShrinkAndSeek) {
     EXPECT_EQ(n, 10u);
     EXPECT_EQ(buf[10], 0xbd);
     EXPECT_EQ(s->LockRegion(size, size, LOCK_WRITE), STG_E_INVALIDFUNCTION);
+    // A version 3 file stops below 2 GB: refused before anything is allocated.
+    ULARGE_INTEGER huge;
+    huge.QuadPart = 3ull << 30;
+    EXPECT_EQ(s->SetSize(huge), STG_E_MEDIUMFULL);
+    to.QuadPart = 0x7FFFFFFF;
+    ASSERT_EQ(s->Seek(to, STREAM_SEEK_SET, &pos), S_OK);
+    EXPECT_EQ(s->Write("x", 1, &n), STG_E_MEDIUMFULL);
+    EXPECT_EQ(n, 0u);
     s.reset();
     m_root.reset();
     EXPECT_EQ(ListFile(m_file).size(), 1u);
