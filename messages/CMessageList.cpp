@@ -294,8 +294,11 @@ bool CMessageList::Find(const CString& text, bool matchCase, FindType type) {
     } else {
         haystack = m_strHeader;
     }
+    // Upper-cased once here rather than by NCFind for every word: a search for many words in a long body
+    // would otherwise copy the body once per word.
+    const XString upper = matchCase ? XString() : haystack.Upper();
     auto occurs = [&](const char* what) {
-        return matchCase ? haystack.Find(what) >= 0 : haystack.NCFind(XString(what)) >= 0;
+        return matchCase ? haystack.Find(what) >= 0 : upper.Find(XString(what).Upper()) >= 0;
     };
     switch (type) {
     case FindPhrase:

@@ -2,9 +2,12 @@
 
 #include <algorithm>
 #include <atomic>
+#include <climits>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace {
@@ -84,6 +87,12 @@ XString XString::Lower() const {
 }
 
 XString XString::Upper() const { return upperCopy(*this); }
+
+XString XString::FromTo(int i, int j) const {
+    // Worked out wide: the count of j - i + 1 overflows for positions far apart.
+    long long n = static_cast<long long>(j) - i + 1;
+    return Mid(i, static_cast<int>(std::clamp<long long>(n, 0, INT_MAX)));
+}
 
 XString& XString::operator--() {
     if (!IsEmpty()) str().pop_back();
@@ -220,15 +229,30 @@ int XString::NCReplaceAll(const XString& with, const XString& what) {
 }
 
 XString XString::ReplaceText(const XString& values) const {
-    XString r(*this);
-    for (int i = 0;; ++i) {
-        XString value = values.Element(i);
-        if (value.IsEmpty()) break;
-        int star = r.Find('*');
-        if (star >= 0) r = r.Remove(star, star + 1).Insert(value, star);
+    // Filling the first '*' again and again, each time reading the next element from the start of values,
+    // is quadratic in the number of values. The same result in one pass: the text still to be written is
+    // a stack of pieces (a value just filled in, then what followed its '*', and so on), and the first '*'
+    // left is always in the top piece or below it, never in what was already written.
+    const std::vector<std::string> parts = splitElements(values.str(), GetSeparator());
+    std::string out;
+    std::vector<std::string_view> pending{std::string_view(str())};
+    size_t next = 0;
+    while (!pending.empty()) {
+        std::string_view top = pending.back();
+        size_t star = next < parts.size() && !parts[next].empty() ? top.find('*') : std::string_view::npos;
+        if (star == std::string_view::npos) {
+            out.append(top);
+            pending.pop_back();
+            continue;
+        }
+        out.append(top.substr(0, star));
+        pending.back() = top.substr(star + 1);
+        pending.emplace_back(parts[next++]);
     }
-    r.CString::Replace('\xA7', '*');
-    return r;
+    for (char& c : out) {
+        if (c == '\xA7') c = '*';
+    }
+    return XString(CString(std::move(out)));
 }
 
 int XString::Count(char c) const { return static_cast<int>(std::count(str().begin(), str().end(), c)); }
@@ -248,11 +272,18 @@ XString XString::Fill(int n) const {
 
 XString XString::ReplaceTabs(int size) const {
     if (size <= 0) return *this;
-    XString r(*this);
-    for (int p; (p = r.Find('\t')) >= 0;) {
-        r.str().replace(static_cast<size_t>(p), 1, static_cast<size_t>(size - p % size), ' ');
+    // One pass: the position of a tab in the text being built is the length of what was written before
+    // it, so replacing the first tab over and over (quadratic on a line of tabs) is not needed.
+    std::string out;
+    out.reserve(str().size());
+    for (char c : str()) {
+        if (c == '\t') {
+            out.append(static_cast<size_t>(size) - out.size() % static_cast<size_t>(size), ' ');
+        } else {
+            out += c;
+        }
     }
-    return r;
+    return XString(CString(std::move(out)));
 }
 
 int XString::FindIndex(char c, int n) const {
@@ -295,7 +326,8 @@ XString XString::Elements(int from, int to) const { return Elements(from, to, Ge
 XString XString::Elements(int from, int to, char sep) const {
     if (to < 0) to = CountSeparators(sep);
     if (from < 0) return XString();
-    const int wanted = to - from + 1;
+    // Wide, as 0..INT_MAX would overflow; no text holds more elements than that anyway.
+    const int wanted = static_cast<int>(std::min<long long>(static_cast<long long>(to) - from + 1, INT_MAX));
     if (wanted <= 0) return XString();
     const std::string& s = str();
     size_t begin = 0;
@@ -391,7 +423,11 @@ XString XString::ElementSortDouble() const {
     std::vector<std::string> parts = splitElements(str(), sep);
     std::vector<double> values;
     for (const auto& p : parts) values.push_back(std::atof(p.c_str()));
-    std::sort(values.begin(), values.end());
+    // An element reading "nan" would break the sort's ordering (undefined behaviour): such elements go last.
+    std::sort(values.begin(), values.end(), [](double a, double b) {
+        if (std::isnan(a) || std::isnan(b)) return !std::isnan(a) && std::isnan(b);
+        return a < b;
+    });
     for (size_t i = 0; i < parts.size(); ++i) parts[i] = formatted("%g", values[i]).str();
     return joinElements(parts, sep);
 }

@@ -54,7 +54,7 @@ public:
     XString Mid(int i) const { return CString::Mid(i); }
     XString Mid(int i, int n) const { return CString::Mid(i, n); }
     XString Right(int n) const { return CString::Right(n); }
-    XString FromTo(int i, int j) const { return Mid(i, j - i + 1); }  // i..j inclusive
+    XString FromTo(int i, int j) const;  // i..j inclusive, that is Mid(i, j - i + 1)
 
     // Remove the last character from the object (nothing when empty).
     XString& operator--();

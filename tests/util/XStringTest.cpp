@@ -2,6 +2,7 @@
 
 #include "util/XString.h"
 
+#include <climits>
 #include <random>
 #include <string>
 
@@ -196,6 +197,22 @@ TEST_F(XStringTest, ElementLookupAndSorting) {
     EXPECT_EQ(XString("b|\xE9|a").ElementSortChar(), "\xE9|a|b");  // characters compare as signed bytes
     XString::SetSeparator(',');
     EXPECT_EQ(XString("3,1,2").ElementSortInt(), "1,2,3");
+}
+
+TEST_F(XStringTest, HostileInputStaysDefinedAndLinear) {
+    // An element reading "nan" used to break the sort's ordering; it now goes last.
+    EXPECT_EQ(XString("3|nan|1|2").ElementSortDouble(), "1|2|3|nan");
+    EXPECT_EQ(XString("nan|0|nan|-1").ElementSortDouble(), "-1|0|nan|nan");
+    // Positions far apart: the count j - i + 1 must not wrap around.
+    EXPECT_EQ(XString("Hello").FromTo(1, INT_MAX), "ello");
+    // A line of tabs and a long list of values: replacing the first one again and again was quadratic.
+    const int n = 300000;
+    EXPECT_EQ(XString(CString(std::string(n, '\t'))).ReplaceTabs(1), XString(CString(std::string(n, ' '))));
+    EXPECT_EQ(XString("ab\tc\t\td").ReplaceTabs(3), "ab c     d");
+    std::string values;
+    for (int i = 0; i < n; ++i) values += i ? "|7" : "7";
+    EXPECT_EQ(XString(CString(std::string(n, '*'))).ReplaceText(XString(CString(values))),
+              XString(CString(std::string(n, '7'))));
 }
 
 TEST_F(XStringTest, SeparatorSavesOneLevel) {
