@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "platform/OleStorage.h"
+#include "platform/compound/internal/ByteArena.h"
 #include "platform/compound/internal/Format.h"
 
 namespace detail {
@@ -87,7 +88,7 @@ constexpr std::uint32_t kOwnerMiniStream = 0xFFFFFF04;
 // writes; a writer first takes a private copy (copy on write).
 struct StreamContent {
     std::uint64_t size = 0;
-    std::vector<unsigned char> data;  // the bytes, when not in a backing file
+    ByteBuffer data;  // the bytes, when not in a backing file
     std::shared_ptr<Backing> backing;
     std::uint32_t start = cfb::ENDOFCHAIN;
     bool mini = false;

@@ -351,7 +351,7 @@ void RebindWritten(WrittenFile& written, std::unique_ptr<ByteStore> store) {
         c.chain.count = p.count;
         c.resolved = true;
         c.resolveHr = S_OK;
-        std::vector<unsigned char>().swap(c.data);
+        ByteBuffer().swap(c.data);
     }
     written.placements.clear();
 }

@@ -1,0 +1,127 @@
+// Holding 100 MB of freshly written streams costs one page fault per 4 KB touched, and in a virtual
+// machine a fault is dear: most of a large create + commit went there. Slabs the size and alignment of a
+// huge page cut that by 512. Small stores stay on ordinary pages: huge pages are asked for only once a
+// few slabs are in use, so a program holding a few kilobytes does not pay 2 MB of memory for them.
+#include "platform/compound/internal/ByteArena.h"
+
+#include <sys/mman.h>
+
+#include <cstdint>
+#include <mutex>
+#include <new>
+
+#if defined(__SANITIZE_ADDRESS__)
+#include <sanitizer/asan_interface.h>
+#define TAVIK_POISON(p, n) ASAN_POISON_MEMORY_REGION(p, n)
+#define TAVIK_UNPOISON(p, n) ASAN_UNPOISON_MEMORY_REGION(p, n)
+#else
+#define TAVIK_POISON(p, n) ((void)(p), (void)(n))
+#define TAVIK_UNPOISON(p, n) ((void)(p), (void)(n))
+#endif
+
+namespace detail {
+namespace {
+
+constexpr std::size_t kSlab = 2u << 20;
+constexpr std::size_t kAlign = 16;
+constexpr std::size_t kHeader = 64;
+constexpr int kHugeAfter = 2;  // live slabs before huge pages are asked for
+
+struct Slab {
+    std::size_t live = 0;  // buffers not yet freed
+};
+
+class Arena {
+public:
+    void* Allocate(std::size_t bytes) {
+        bytes = (bytes + kAlign - 1) & ~(kAlign - 1);
+        std::lock_guard<std::mutex> hold(m_mutex);
+        if (!m_current || m_used + bytes > kSlab) {
+            if (!NewSlab()) return nullptr;
+        }
+        auto* p = reinterpret_cast<unsigned char*>(m_current) + m_used;
+        m_used += bytes;
+        ++m_current->live;
+        TAVIK_UNPOISON(p, bytes);
+        return p;
+    }
+
+    void Free(void* p, std::size_t bytes) {
+        bytes = (bytes + kAlign - 1) & ~(kAlign - 1);
+        auto* slab = reinterpret_cast<Slab*>(reinterpret_cast<std::uintptr_t>(p) & ~(kSlab - 1));
+        std::lock_guard<std::mutex> hold(m_mutex);
+        TAVIK_POISON(p, bytes);
+        if (--slab->live > 0) return;
+        if (slab == m_current) {
+            m_used = kHeader;  // empty again: its pages are already faulted in, so reuse them
+            return;
+        }
+        --m_slabs;
+        if (!m_spare) {
+            m_spare = slab;
+            return;
+        }
+        ::munmap(slab, kSlab);
+    }
+
+private:
+    bool NewSlab() {
+        Slab* slab = m_spare;
+        m_spare = nullptr;
+        if (!slab) {
+            // Twice the size, then trimmed to an aligned slab, so that the owner of any buffer is found
+            // by masking its address.
+            void* raw = ::mmap(nullptr, 2 * kSlab, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+            if (raw == MAP_FAILED) return false;
+            auto start = reinterpret_cast<std::uintptr_t>(raw);
+            auto aligned = (start + kSlab - 1) & ~(kSlab - 1);
+            if (aligned > start) ::munmap(raw, aligned - start);
+            if (aligned + kSlab < start + 2 * kSlab) ::munmap(reinterpret_cast<void*>(aligned + kSlab), start + 2 * kSlab - aligned - kSlab);
+            slab = reinterpret_cast<Slab*>(aligned);
+            if (m_slabs >= kHugeAfter) ::madvise(slab, kSlab, MADV_HUGEPAGE);
+            TAVIK_POISON(reinterpret_cast<unsigned char*>(slab) + kHeader, kSlab - kHeader);
+        }
+        slab->live = 0;
+        // The slab being left keeps living until its last buffer goes; an empty one is released now.
+        if (m_current && m_current->live == 0) {
+            --m_slabs;
+            ::munmap(m_current, kSlab);
+        }
+        m_current = slab;
+        m_used = kHeader;
+        ++m_slabs;
+        return true;
+    }
+
+    std::mutex m_mutex;
+    Slab* m_current = nullptr;
+    Slab* m_spare = nullptr;
+    std::size_t m_used = 0;
+    int m_slabs = 0;  // slabs holding live buffers, counting the current one
+};
+
+Arena& TheArena() {
+    // Never destroyed: buffers may be freed by static destructors that run after ours would.
+    static Arena* arena = new Arena;
+    return *arena;
+}
+
+}  // namespace
+
+void* ArenaAllocate(std::size_t bytes) {
+    if (bytes == 0 || bytes > kArenaMax) return ::operator new(bytes ? bytes : 1);
+    void* p = TheArena().Allocate(bytes);
+    if (!p) throw std::bad_alloc();
+    return p;
+}
+
+void ArenaFree(void* p, std::size_t bytes) {
+    if (!p) return;
+    if (bytes == 0 || bytes > kArenaMax) {
+        ::operator delete(p);
+        return;
+    }
+    TheArena().Free(p, bytes);
+}
+
+}  // namespace detail
