@@ -205,15 +205,18 @@ bool CMessageList::IntelliScan(const char* line, const char* keyword, CString& f
     // The split is element 0 / elements 1.. of the line with ':' as the shared separator; done by hand to
     // avoid copying long lines once per keyword, but the separator is left set as callers expect.
     XString::SetSeparator(':');
-    const char* colon = std::strchr(line, ':');
-    size_t nameLength = colon ? static_cast<size_t>(colon - line) : std::strlen(line);
-    if (nameLength != std::strlen(keyword)) return false;
-    for (size_t i = 0; i < nameLength; ++i) {
-        char a = line[i], b = keyword[i];
+    // The name equals the keyword when the line starts with it (no keyword holds a colon) and the name
+    // ends right there. Comparing from the front first keeps a long line from being read once per keyword.
+    size_t n = 0;
+    for (; keyword[n] != '\0'; ++n) {
+        char a = line[n], b = keyword[n];
+        if (b == ':') return false;  // a name never holds one
         if (a >= 'a' && a <= 'z') a = static_cast<char>(a - 'a' + 'A');
         if (b >= 'a' && b <= 'z') b = static_cast<char>(b - 'a' + 'A');
-        if (a != b) return false;
+        if (a != b) return false;  // also stops at the end of a shorter line, as no keyword holds a zero
     }
+    if (line[n] != ':' && line[n] != '\0') return false;
+    const char* colon = line[n] == ':' ? line + n : nullptr;
     CString value(colon ? colon + 1 : "");
     value.Trim();
     field = value;

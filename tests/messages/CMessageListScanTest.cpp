@@ -63,6 +63,11 @@ TEST(MessageScan, NamesMustMatchWhole) {
     EXPECT_EQ(m.GetSubject(), "");
     EXPECT_EQ(m.GetReciepient(), "second@x");  // an empty value leaves the field open for a later line
     EXPECT_EQ(m.GetMessageType(), MsgSent);
+    // Lines ending inside a keyword, or holding one only as a prefix of a longer name, match nothing.
+    m = CMessageList();
+    m.SetData("Fro\r\nFrom\r\nSubj: a\r\nSubjects: b\r\nSUBJECT:c: d \r\n", 1, 1, MsgReceived);
+    EXPECT_EQ(m.GetSenderName(), "");
+    EXPECT_EQ(m.GetSubject(), "c: d");
 }
 
 TEST(MessageScan, DefaultsForMissingFields) {
