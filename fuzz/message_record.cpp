@@ -13,6 +13,7 @@
 #include "messages/CMessageList.h"
 #include "platform/CException.h"
 #include "platform/CMemFile.h"
+#include "util/CStringEx.h"
 #include "util/CStringToken.h"
 #include "util/XString.h"
 
@@ -128,6 +129,25 @@ void elements(std::string text, const uint8_t* data, size_t size) {
     if (a > 0 && k >= 0) check(x.GetAt(k) == sep);
     x.NCFind(sep, a);
     x.GetDoubleFormatString();
+
+    // CStringEx's fields and searches agree with each other and with a plain search.
+    CStringEx ex(text.c_str());
+    const char delim[] = {sep, '\0'};
+    const int fields = ex.GetFieldCount(delim);
+    check(fields == seps + 1 && ex.GetField(delim, fields).IsEmpty());
+    CString joined;
+    for (int i = 0; i < fields && i < 64; ++i) joined += (i ? CString(delim) : CString()) + ex.GetField(sep, i);
+    if (fields <= 64) check(joined == ex);
+    if (!pattern.IsEmpty()) {
+        size_t expected = text.rfind(pattern.GetString(), a < 0 ? std::string::npos : static_cast<size_t>(a));
+        check(ex.ReverseFind(pattern.GetString(), a) == (expected == std::string::npos ? -1 : int(expected)));
+        CStringEx edited(ex);
+        check(edited.FindReplace(pattern.GetString(), "#", 1) == x.Count(pattern));
+        edited = ex;
+        int lowered = edited.FindReplaceNoCase(pattern.GetString(), "", 1);
+        check(lowered >= 0 && edited.GetLength() == ex.GetLength() - lowered * pattern.GetLength());
+    }
+    ex.Insert(a, "ins").Delete(b, a).Replace(a, b, "r");
 
     const char delimiters[] = {sep, '\r', '\n', ' ', '\0'};
     CStringToken tokens(text.c_str(), delimiters);
