@@ -2,6 +2,7 @@
 #include "platform/compound/internal/FileOps.h"
 
 #include <fcntl.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -24,9 +25,12 @@ long long RealPread(int fd, void* buf, std::size_t count, std::uint64_t offset) 
     return n;
 }
 
-long long RealWrite(int fd, const void* buf, std::size_t count) {
+long long RealWritev(int fd, const IoPiece* pieces, int count) {
+    iovec vec[kMaxIoPieces];
+    if (count > kMaxIoPieces) count = kMaxIoPieces;
+    for (int i = 0; i < count; ++i) vec[i] = {const_cast<void*>(pieces[i].base), pieces[i].length};
     ssize_t n;
-    do n = ::write(fd, buf, count);
+    do n = ::writev(fd, vec, count);
     while (n < 0 && errno == EINTR);
     return n;
 }
@@ -36,7 +40,7 @@ int RealRename(const char* from, const char* to) { return std::rename(from, to);
 int RealUnlink(const char* path) { return ::unlink(path); }
 int RealClose(int fd) { return ::close(fd); }
 
-const FileOps kReal = {RealOpen, RealPread, RealWrite, RealFsync, RealRename, RealUnlink, RealClose};
+const FileOps kReal = {RealOpen, RealPread, RealWritev, RealFsync, RealRename, RealUnlink, RealClose};
 FileOps g_current = kReal;
 
 }  // namespace

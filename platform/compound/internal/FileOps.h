@@ -7,10 +7,18 @@
 
 namespace detail {
 
+// One piece of a gathered write.
+struct IoPiece {
+    const void* base;
+    std::size_t length;
+};
+constexpr int kMaxIoPieces = 1024;
+
 struct FileOps {
     int (*open)(const char* path, int flags, unsigned mode);
     long long (*pread)(int fd, void* buf, std::size_t count, std::uint64_t offset);
-    long long (*write)(int fd, const void* buf, std::size_t count);
+    // Writes the pieces in order as one write does (count <= kMaxIoPieces); may write fewer bytes.
+    long long (*writev)(int fd, const IoPiece* pieces, int count);
     int (*fsync)(int fd);
     int (*rename)(const char* from, const char* to);
     int (*unlink)(const char* path);

@@ -18,17 +18,16 @@ constexpr std::uint32_t kPerSector = kSector / 4;
 
 std::uint64_t Ceil(std::uint64_t a, std::uint64_t b) { return (a + b - 1) / b; }
 
+// Small pieces are gathered in a buffer; the bytes of streams held in memory go out from where they are
+// (a gathered write), so that a commit does not copy 100 MB of new mail once more on its way out.
 class SequentialWriter {
 public:
-    explicit SequentialWriter(int fd) : m_fd(fd) { m_buffer.reserve(kBuffer); }
+    explicit SequentialWriter(int fd) : m_fd(fd) {
+        m_buffer.reserve(kBuffer);
+        m_pieces.reserve(kMaxIoPieces);
+    }
     HRESULT Put(const void* data, std::size_t n) {
         const auto* p = static_cast<const unsigned char*>(data);
-        if (n >= kBuffer) {
-            // Large pieces go straight out, after what is buffered.
-            HRESULT hr = Flush();
-            if (FAILED(hr)) return hr;
-            return WriteAll(p, n);
-        }
         while (n > 0) {
             std::size_t take = std::min(n, kBuffer - m_buffer.size());
             m_buffer.insert(m_buffer.end(), p, p + take);
@@ -41,6 +40,19 @@ public:
         }
         return S_OK;
     }
+    // Like Put, but the caller keeps the bytes alive and unchanged until the last Flush.
+    HRESULT Refer(const void* data, std::size_t n) {
+        if (n < kReferMin) return Put(data, n);
+        // Room for a buffer piece before, this one, and a buffer piece after.
+        if (m_pieces.size() + 3 > static_cast<std::size_t>(kMaxIoPieces)) {
+            HRESULT hr = Flush();
+            if (FAILED(hr)) return hr;
+        }
+        CloseSegment();
+        m_pieces.push_back({static_cast<const unsigned char*>(data), 0, n});
+        m_referred += n;
+        return m_referred >= kBuffer ? Flush() : S_OK;
+    }
     HRESULT Zeros(std::size_t n) {
         static const unsigned char zero[kSector] = {};
         while (n > 0) {
@@ -52,8 +64,12 @@ public:
         return S_OK;
     }
     HRESULT Flush() {
-        HRESULT hr = WriteAll(m_buffer.data(), m_buffer.size());
+        CloseSegment();
+        HRESULT hr = WritePieces();
+        m_pieces.clear();
         m_buffer.clear();
+        m_segment = 0;
+        m_referred = 0;
         return hr;
     }
     // Room for n bytes at the end of the buffer, to be filled by the caller (n < the buffer size).
@@ -71,19 +87,46 @@ public:
     static constexpr std::size_t kBuffer = 1 << 20;
 
 private:
-    HRESULT WriteAll(const unsigned char* p, std::size_t size) {
-        std::size_t done = 0;
-        while (done < size) {
-            long long n = CurrentFileOps().write(m_fd, p + done, size - done);
+    static constexpr std::size_t kReferMin = 4096;
+    struct Piece {
+        const unsigned char* outside;  // null: bytes [offset, offset + length) of the buffer
+        std::size_t offset;
+        std::size_t length;
+    };
+
+    void CloseSegment() {
+        if (m_buffer.size() > m_segment) {
+            m_pieces.push_back({nullptr, m_segment, m_buffer.size() - m_segment});
+            m_segment = m_buffer.size();
+        }
+    }
+
+    HRESULT WritePieces() {
+        m_io.clear();
+        for (const Piece& p : m_pieces)
+            m_io.push_back({p.outside ? p.outside : m_buffer.data() + p.offset, p.length});
+        std::size_t first = 0;
+        while (first < m_io.size()) {
+            long long n = CurrentFileOps().writev(m_fd, m_io.data() + first, static_cast<int>(m_io.size() - first));
             if (n < 0) return ErrnoToStg(errno, STG_E_WRITEFAULT);
             if (n == 0) return STG_E_MEDIUMFULL;
-            done += static_cast<std::size_t>(n);
+            // A short write is continued from the first byte that did not go out.
+            auto done = static_cast<std::size_t>(n);
+            while (first < m_io.size() && done >= m_io[first].length) done -= m_io[first++].length;
+            if (done > 0) {
+                m_io[first].base = static_cast<const unsigned char*>(m_io[first].base) + done;
+                m_io[first].length -= done;
+            }
         }
         return S_OK;
     }
 
     int m_fd;
-    std::vector<unsigned char> m_buffer;
+    std::vector<unsigned char> m_buffer;  // reserved once and never grown, so pieces may point into it
+    std::size_t m_segment = 0;            // start of the buffered bytes not yet in a piece
+    std::size_t m_referred = 0;           // bytes in outside pieces since the last flush
+    std::vector<Piece> m_pieces;
+    std::vector<IoPiece> m_io;
 };
 
 struct Entry {
@@ -152,7 +195,7 @@ void PutFreeEntry(unsigned char* p) {
 
 HRESULT CopyContent(SequentialWriter& w, StreamContent& c, std::uint32_t unit) {
     if (!c.backing) {
-        HRESULT hr = w.Put(c.data.data(), c.data.size());
+        HRESULT hr = w.Refer(c.data.data(), c.data.size());
         if (FAILED(hr)) return hr;
     } else {
         // Raw bytes straight across into the output buffer; nothing in them is interpreted.

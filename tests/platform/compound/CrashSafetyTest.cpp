@@ -31,11 +31,14 @@ bool Trip(Kind k) {
     return true;
 }
 
-long long FaultyWrite(int fd, const void* buf, std::size_t n) {
+long long FaultyWrite(int fd, const detail::IoPiece* pieces, int count) {
     if (Trip(Kind::Write)) return -1;
-    // Short writes are legal and must be continued, not taken for failures.
-    if (g_fault.shortWrites && n > 1) n = n / 2;
-    return detail::RealFileOps().write(fd, buf, n);
+    // Short writes are legal and must be continued, not taken for failures: half of the first piece.
+    if (g_fault.shortWrites && pieces[0].length > 1) {
+        detail::IoPiece half{pieces[0].base, pieces[0].length / 2};
+        return detail::RealFileOps().writev(fd, &half, 1);
+    }
+    return detail::RealFileOps().writev(fd, pieces, count);
 }
 int FaultyFsync(int fd) { return Trip(Kind::Fsync) ? -1 : detail::RealFileOps().fsync(fd); }
 int FaultyRename(const char* a, const char* b) { return Trip(Kind::Rename) ? -1 : detail::RealFileOps().rename(a, b); }
@@ -45,7 +48,7 @@ public:
     FaultScope(Kind kind, int failAt, int error = ENOSPC) {
         g_fault = Fault{kind, failAt, 0, error};
         auto& ops = detail::CurrentFileOps();
-        ops.write = FaultyWrite;
+        ops.writev = FaultyWrite;
         ops.fsync = FaultyFsync;
         ops.rename = FaultyRename;
     }
