@@ -48,7 +48,7 @@ void searchAll(CMessageList& record, const CString& needle, bool matchCase) {
     // A phrase without blanks is its one word; every word found implies some word found.
     if (!needle.IsEmpty() && needle.Find(' ') < 0) check(phrase == all && all == any);
     if (all) check(any);
-    check(!record.Find(needle, matchCase, static_cast<CMessageList::FindType>(3)));
+    check(!record.Find(needle, matchCase, static_cast<CMessageList::FindType>(7)));
 }
 
 void header(const std::string& bytes, const CString& needle, bool matchCase) {

@@ -23,7 +23,8 @@ class CMessageList : public CObject {
     DECLARE_DYNAMIC(CMessageList)
 public:
     using enum enum_MsgType;  // CMessageList::MsgReceived works as well as MsgReceived
-    enum FindType { FindPhrase = 0, FindAllWords = 1, FindAnyWord = 2 };
+    // A fixed underlying type, so that a caller's out-of-range value is still a value (and gives false).
+    enum FindType : int { FindPhrase = 0, FindAllWords = 1, FindAnyWord = 2 };
 
     // The parent storage is not owned. The record starts in its reset state (see Reset).
     explicit CMessageList(IStorage* parent = nullptr);
