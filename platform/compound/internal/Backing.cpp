@@ -284,7 +284,7 @@ HRESULT StreamContent::Read(std::uint64_t offset, void* buffer, std::size_t coun
 }
 
 NodePtr CloneTree(const Node& node, bool separateContents) {
-    auto copy = std::make_shared<Node>();
+    auto copy = MakeNode();
     copy->name = node.name;
     copy->type = node.type;
     copy->clsid = node.clsid;
@@ -295,7 +295,7 @@ NodePtr CloneTree(const Node& node, bool separateContents) {
     if (separateContents && node.content) {
         // Resolved first, so that the copy does not claim the same sectors a second time.
         if (node.content->backing) node.content->Resolve();
-        copy->content = std::make_shared<StreamContent>(*node.content);
+        copy->content = MakeContent(*node.content);
     }
     for (const auto& [name, child] : node.children)
         copy->children.emplace_hint(copy->children.end(), name, CloneTree(*child, separateContents));

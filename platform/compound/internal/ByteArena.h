@@ -1,4 +1,5 @@
-// Where in-memory stream bytes live between a write and the commit that moves them to the file.
+// Where in-memory stream bytes live between a write and the commit that moves them to the file, and
+// where the records of the in-memory tree live.
 #pragma once
 
 #include <cstddef>
@@ -26,5 +27,24 @@ struct ArenaAllocator {
 };
 
 using ByteBuffer = std::vector<unsigned char, ArenaAllocator<unsigned char>>;
+
+// The tree's small records (nodes, stream records, map entries) come from free lists per size on
+// slabs like the above. Freed records are reused by later ones of the same size, and the memory stays
+// with the pool: a process keeps what its largest tree needed.
+void* PoolAllocate(std::size_t bytes);
+void PoolFree(void* p, std::size_t bytes);
+constexpr std::size_t kPoolMax = 512;
+
+template <class T>
+struct PoolAllocator {
+    using value_type = T;
+    PoolAllocator() = default;
+    template <class U>
+    PoolAllocator(const PoolAllocator<U>&) {}
+    T* allocate(std::size_t n) { return static_cast<T*>(PoolAllocate(n * sizeof(T))); }
+    void deallocate(T* p, std::size_t n) { PoolFree(p, n * sizeof(T)); }
+    template <class U>
+    bool operator==(const PoolAllocator<U>&) const { return true; }
+};
 
 }  // namespace detail

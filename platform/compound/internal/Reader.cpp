@@ -143,7 +143,7 @@ HRESULT ReadCompoundFile(std::unique_ptr<ByteStore> store, std::shared_ptr<Backi
     b->miniStart = re.start;
     b->miniSize = re.size;
 
-    auto root = std::make_shared<Node>();
+    auto root = MakeNode();
     root->name = re.name;
     root->type = kTypeRoot;
     root->clsid = re.clsid;
@@ -176,7 +176,7 @@ HRESULT ReadCompoundFile(std::unique_ptr<ByteStore> store, std::shared_ptr<Backi
             if (e.type != kTypeStorage && e.type != kTypeStream) return STG_E_DOCFILECORRUPT;
             stack.push_back(e.left);
             stack.push_back(e.right);
-            auto node = std::make_shared<Node>();
+            auto node = MakeNode();
             node->name = std::move(e.name);  // each entry is visited once
             node->type = e.type;
             node->clsid = e.clsid;
@@ -184,7 +184,7 @@ HRESULT ReadCompoundFile(std::unique_ptr<ByteStore> store, std::shared_ptr<Backi
             node->ctime = e.ctime;
             node->mtime = e.mtime;
             if (e.type == kTypeStream) {
-                auto c = std::make_shared<StreamContent>();
+                auto c = MakeContent();
                 c->size = e.size;
                 if (e.size > 0) {
                     c->backing = b;

@@ -227,7 +227,7 @@ HRESULT CreateRootFile(const std::string& path, bool replace, std::shared_ptr<Ro
     auto f = std::make_shared<RootFile>();
     f->m_path = path;
     f->m_writable = true;
-    auto root = std::make_shared<Node>();
+    auto root = MakeNode();
     root->name = u"Root Entry";
     root->type = cfb::kTypeRoot;
     HRESULT hr = f->Commit(*root);

@@ -124,11 +124,11 @@ HRESULT StorageImpl::Create(const OLECHAR* name, DWORD mode, bool stream, NodePt
         KillTree(*it->second);
         m_node->children.erase(it);
     }
-    node = std::make_shared<Node>();
+    node = MakeNode();
     node->name = key;
     if (stream) {
         node->type = cfb::kTypeStream;
-        node->content = std::make_shared<StreamContent>();
+        node->content = MakeContent();
     } else {
         node->type = cfb::kTypeStorage;
         node->ctime = node->mtime = NowFileTime();

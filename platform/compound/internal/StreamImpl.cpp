@@ -67,7 +67,7 @@ HRESULT StreamImpl::Read(void* pv, ULONG cb, ULONG* pcbRead) {
 HRESULT StreamImpl::Own(StreamContent** out) {
     std::shared_ptr<StreamContent>& c = m_node->content;
     if (c->backing || c.use_count() > 1) {
-        auto copy = std::make_shared<StreamContent>();
+        auto copy = MakeContent();
         copy->size = c->size;
         if (c->backing) {
             HRESULT hr = c->Resolve();  // proves the size is backed by the file before allocating it

@@ -113,13 +113,20 @@ struct Node {
     std::uint64_t ctime = 0;
     std::uint64_t mtime = 0;
     std::shared_ptr<StreamContent> content;          // streams
-    std::map<std::u16string, NodePtr, cfb::NameLess> children;  // storages
+    std::map<std::u16string, NodePtr, cfb::NameLess, PoolAllocator<std::pair<const std::u16string, NodePtr>>>
+        children;  // storages
     bool open = false;  // a handle is open on it (share mode exclusive)
     bool dead = false;  // removed from its tree: handles on it are reverted
 
     bool IsStorage() const { return type != cfb::kTypeStream; }
     std::uint64_t Size() const { return content ? content->size : 0; }
 };
+
+inline NodePtr MakeNode() { return std::allocate_shared<Node>(PoolAllocator<Node>()); }
+template <class... Args>
+std::shared_ptr<StreamContent> MakeContent(Args&&... args) {
+    return std::allocate_shared<StreamContent>(PoolAllocator<StreamContent>(), std::forward<Args>(args)...);
+}
 
 // A copy of the subtree; stream bytes are shared until written. With separateContents the streams get
 // their own content records, so that a commit of another file cannot repoint them (bytes in memory are
