@@ -17,6 +17,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 struct ThreadQueue;
+struct Window;
 
 struct SentMessage {
     HWND hwnd;
@@ -26,6 +27,7 @@ struct SentMessage {
     LRESULT result = 0;
     bool done = false;                    // guarded by sender->mutex
     std::shared_ptr<ThreadQueue> sender;  // woken when done
+    std::shared_ptr<Window> window;       // only touched on the window's thread once queued
 };
 
 struct Timer {
@@ -46,7 +48,25 @@ struct ThreadQueue {
     int quitCode = 0;
     bool dead = false;
     UINT_PTR nextThreadTimerId = 0x7F00;
+    bool sleeping = false;  // the owner waits on `changed`; only then is a notify worth its system call
 };
+
+// Call with q's mutex held; notify `changed` after unlocking when it returns true, so the woken thread
+// does not run straight into the mutex its waker still holds. (Spinning before sleeping was measured
+// too: on a busy machine the spinner takes the CPU its partner needs, and round trips got slower.)
+bool mustWake(const ThreadQueue& q) { return q.sleeping; }
+
+// Waits on q.changed (mutex held through `lock`) with the sleeping flag up; returns like wait_until.
+std::cv_status sleepOn(ThreadQueue& q, std::unique_lock<std::mutex>& lock, Clock::time_point until) {
+    q.sleeping = true;
+    std::cv_status status = std::cv_status::no_timeout;
+    if (until == Clock::time_point::max())
+        q.changed.wait(lock);
+    else
+        status = q.changed.wait_until(lock, until);
+    q.sleeping = false;
+    return status;
+}
 
 struct Window {
     WNDPROC proc = nullptr;
@@ -99,16 +119,22 @@ std::shared_ptr<Window> findWindow(HWND hwnd) {
 }
 
 void complete(const std::shared_ptr<SentMessage>& sm, LRESULT result) {
-    std::lock_guard<std::mutex> lock(sm->sender->mutex);
-    sm->result = result;
-    sm->done = true;
-    sm->sender->changed.notify_all();
+    ThreadQueue& sender = *sm->sender;
+    bool wake;
+    {
+        std::lock_guard<std::mutex> lock(sender.mutex);
+        sm->result = result;
+        sm->done = true;
+        wake = mustWake(sender);
+    }
+    if (wake) sender.changed.notify_one();
 }
 
+// Runs on the window's thread, the only one that destroys it, so `gone` needs no lock here.
 void deliverSent(const std::shared_ptr<SentMessage>& sm) {
-    std::shared_ptr<Window> w = findWindow(sm->hwnd);
+    Window* w = sm->window.get();
     LRESULT result = 0;
-    if (w && w->proc != nullptr) result = w->proc(sm->hwnd, sm->message, sm->wParam, sm->lParam);
+    if (!w->gone && w->proc != nullptr) result = w->proc(sm->hwnd, sm->message, sm->wParam, sm->lParam);
     complete(sm, result);
 }
 
@@ -167,25 +193,26 @@ bool fetch(MSG* out, HWND filter, UINT filterMin, UINT filterMax, bool remove, b
             earliest = std::min(earliest, t.due);
         }
         if (!wait) return false;
-        if (earliest == Clock::time_point::max())
-            q->changed.wait(lock);
-        else
-            q->changed.wait_until(lock, earliest);
+        sleepOn(*q, lock, earliest);
     }
 }
 
 bool postTo(const std::shared_ptr<ThreadQueue>& q, const Window* w, HWND hwnd, UINT message, WPARAM wParam,
             LPARAM lParam) {
-    std::lock_guard<std::mutex> lock(q->mutex);
-    if (q->dead || (w != nullptr && w->gone)) return false;
     MSG msg;
     msg.hwnd = hwnd;
     msg.message = message;
     msg.wParam = wParam;
     msg.lParam = lParam;
     msg.time = GetTickCount();
-    q->posted.push_back(msg);
-    q->changed.notify_all();
+    bool wake;
+    {
+        std::lock_guard<std::mutex> lock(q->mutex);
+        if (q->dead || (w != nullptr && w->gone)) return false;
+        q->posted.push_back(msg);
+        wake = mustWake(*q);
+    }
+    if (wake) q->changed.notify_one();
     return true;
 }
 
@@ -260,7 +287,6 @@ BOOL DestroyWindow(HWND hwnd) {
             wake.message = WM_NULL;
             q->posted.push_back(wake);
         }
-        q->changed.notify_all();
     }
     for (auto& sm : orphans) complete(sm, 0);
     if (t_mainWindowSlot != nullptr && *t_mainWindowSlot == hwnd) {
@@ -386,14 +412,18 @@ bool sendAndWait(HWND hwnd, UINT message, WPARAM wParam, LPARAM lParam, DWORD ti
     sm->wParam = wParam;
     sm->lParam = lParam;
     sm->sender = me;
+    sm->window = w;
+    bool wake;
     {
         std::lock_guard<std::mutex> lock(target->mutex);
         if (target->dead || w->gone) return false;
         target->sent.push_back(sm);
-        target->changed.notify_all();
+        wake = mustWake(*target);
     }
+    if (wake) target->changed.notify_one();
     // Wait for the answer, handling what other threads send to us meanwhile.
-    auto deadline = Clock::now() + std::chrono::milliseconds(timeout == INFINITE ? 0 : timeout);
+    auto deadline = timeout == INFINITE ? Clock::time_point::max()
+                                        : Clock::now() + std::chrono::milliseconds(timeout);
     std::unique_lock<std::mutex> lock(me->mutex);
     while (!sm->done) {
         if (!me->sent.empty()) {
@@ -404,10 +434,7 @@ bool sendAndWait(HWND hwnd, UINT message, WPARAM wParam, LPARAM lParam, DWORD ti
             lock.lock();
             continue;
         }
-        if (timeout == INFINITE) {
-            me->changed.wait(lock);
-        } else if (me->changed.wait_until(lock, deadline) == std::cv_status::timeout && !sm->done &&
-                   me->sent.empty()) {
+        if (sleepOn(*me, lock, deadline) == std::cv_status::timeout && !sm->done && me->sent.empty()) {
             SetLastError(ERROR_TIMEOUT);
             return false;
         }
@@ -462,7 +489,6 @@ void PostQuitMessage(int exitCode) {
     std::lock_guard<std::mutex> lock(q->mutex);
     q->quitPosted = true;
     q->quitCode = exitCode;
-    q->changed.notify_all();
 }
 
 BOOL GetMessage(MSG* msg, HWND hwnd, UINT filterMin, UINT filterMax) {
@@ -512,15 +538,19 @@ UINT_PTR SetTimer(HWND hwnd, UINT_PTR id, UINT milliseconds, void* timerFunc) {
         }
     }
     auto period = std::chrono::milliseconds(std::max<UINT>(milliseconds, 1));
-    std::lock_guard<std::mutex> lock(q->mutex);
-    if (w && w->gone) {
-        SetLastError(ERROR_INVALID_WINDOW_HANDLE);
-        return 0;
+    bool wake;
+    {
+        std::lock_guard<std::mutex> lock(q->mutex);
+        if (w && w->gone) {
+            SetLastError(ERROR_INVALID_WINDOW_HANDLE);
+            return 0;
+        }
+        if (hwnd == nullptr) id = ++q->nextThreadTimerId;
+        std::erase_if(q->timers, [&](const Timer& t) { return t.hwnd == hwnd && t.id == id; });
+        q->timers.push_back(Timer{hwnd, id, period, Clock::now() + period});
+        wake = mustWake(*q);  // a sleeping owner must work out its next deadline again
     }
-    if (hwnd == nullptr) id = ++q->nextThreadTimerId;
-    std::erase_if(q->timers, [&](const Timer& t) { return t.hwnd == hwnd && t.id == id; });
-    q->timers.push_back(Timer{hwnd, id, period, Clock::now() + period});
-    q->changed.notify_all();
+    if (wake) q->changed.notify_one();
     return id == 0 ? 1 : id;
 }
 
