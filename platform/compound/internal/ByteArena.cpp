@@ -33,7 +33,7 @@ namespace {
 constexpr std::size_t kSlab = 2u << 20;
 constexpr std::size_t kAlign = 16;
 constexpr std::size_t kHeader = 64;
-constexpr int kHugeAfter = 2;  // live slabs before huge pages are asked for
+constexpr int kHugeAfter = 1;  // slabs on ordinary pages before huge pages are asked for
 
 struct Slab {
     std::size_t live = 0;  // buffers not yet freed
@@ -199,6 +199,23 @@ void PoolFree(void* p, std::size_t bytes) {
         return;
     }
     ThePool().Free(p, bytes);
+}
+
+void* LargeAllocate(std::size_t bytes) {
+    if (bytes < kSlab) return ::operator new(bytes ? bytes : 1);
+    void* p = ::mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (p == MAP_FAILED) throw std::bad_alloc();
+    ::madvise(p, bytes, MADV_HUGEPAGE);
+    return p;
+}
+
+void LargeFree(void* p, std::size_t bytes) {
+    if (!p) return;
+    if (bytes < kSlab) {
+        ::operator delete(p);
+        return;
+    }
+    ::munmap(p, bytes);
 }
 
 void ArenaFree(void* p, std::size_t bytes) {

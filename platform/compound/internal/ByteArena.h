@@ -47,4 +47,21 @@ struct PoolAllocator {
     bool operator==(const PoolAllocator<U>&) const { return true; }
 };
 
+// Big scratch tables (a directory of 60,000 entries): from 2 MB up they get a mapping of their own with
+// huge pages asked for; smaller ones come from operator new.
+void* LargeAllocate(std::size_t bytes);
+void LargeFree(void* p, std::size_t bytes);
+
+template <class T>
+struct LargeAllocator {
+    using value_type = T;
+    LargeAllocator() = default;
+    template <class U>
+    LargeAllocator(const LargeAllocator<U>&) {}
+    T* allocate(std::size_t n) { return static_cast<T*>(LargeAllocate(n * sizeof(T))); }
+    void deallocate(T* p, std::size_t n) { LargeFree(p, n * sizeof(T)); }
+    template <class U>
+    bool operator==(const LargeAllocator<U>&) const { return true; }
+};
+
 }  // namespace detail

@@ -127,7 +127,7 @@ HRESULT ReadCompoundFile(std::unique_ptr<ByteStore> store, std::shared_ptr<Backi
         for (std::uint32_t i = 0; i < perSector; ++i) b->miniFat.push_back(Get32(sector.data() + 4 * i));
     }
 
-    std::vector<DirEntry> entries;
+    std::vector<DirEntry, LargeAllocator<DirEntry>> entries;
     const std::uint32_t perDirSector = ss / kDirEntrySize;
     entries.reserve(dirChain.size() * perDirSector);
     for (std::uint32_t s : dirChain) {
