@@ -18,6 +18,10 @@ namespace {
 constexpr UINT IDS_NUMERIC_DATA = 3053;
 constexpr DWORD kRecordMode = STGM_READWRITE | STGM_SHARE_EXCLUSIVE;
 constexpr ULONG kNumericDataSize = 32;
+// Whether a record's sub-storage is opened in a transaction of its own: worth it when writing (the record
+// lands whole or not at all), pure cost when only reading (a copy of its tree per open).
+constexpr bool kWriteTransacted = true;
+constexpr bool kReadTransacted = false;
 
 // The streams of the older layout, which the current one folds into "Numeric Data".
 const char* const kOlderStreams[] = {"Seen", "Read", "Type", "Number ID", "SpamTag", "Size", "Compressed", "Encrypted"};
@@ -106,7 +110,7 @@ void CMessageList::LoadMessage(IStorage* parent, CString storageName, CMailBoxPr
     m_strStorageName = storageName;
     try {
         CStorageManager storage;
-        if (!storage.OpenSubStorage(parent, storageName, kRecordMode, true, true)) return;
+        if (!storage.OpenSubStorage(parent, storageName, kRecordMode, true, kReadTransacted)) return;
         m_bDirty = false;
         unsigned char numeric[kNumericDataSize] = {};
         // Reading is the size test: a missing or empty stream gives no bytes.
@@ -173,7 +177,7 @@ void CMessageList::SaveMessage(IStorage* parent) {
     }
     try {
         CStorageManager storage;
-        if (storage.OpenSubStorage(parent, m_strStorageName, kRecordMode, true, true)) {
+        if (storage.OpenSubStorage(parent, m_strStorageName, kRecordMode, true, kWriteTransacted)) {
             storage.WriteString("Folder", m_strFolderLocation);
             storage.WriteString("Identification", m_strMessageID);
             storage.WriteString("Header", m_strHeader);
@@ -236,7 +240,7 @@ bool CMessageList::GetBody(CString& text) {
         if (m_strStorageName.IsEmpty()) return false;
         try {
             CStorageManager storage;
-            if (storage.OpenSubStorage(m_pParentStorage, m_strStorageName, kRecordMode, true, true)) {
+            if (storage.OpenSubStorage(m_pParentStorage, m_strStorageName, kRecordMode, true, kReadTransacted)) {
                 std::string bytes;
                 if (storage.ReadBytes("Body", bytes) && !bytes.empty())
                     text = CString(bytes.data(), static_cast<int>(bytes.size()));
