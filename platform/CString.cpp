@@ -127,7 +127,10 @@ int CString::CompareNoCase(const char* text) const {
     }
 }
 
-CString CString::Mid(int first) const { return Mid(first, GetLength() - first); }
+CString CString::Mid(int first) const {
+    if (first < 0) first = 0;
+    return Mid(first, first >= GetLength() ? 0 : GetLength() - first);
+}
 
 CString CString::Mid(int first, int count) const {
     if (first < 0) first = 0;

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <climits>
+
 #include "platform/CArray.h"
 #include "platform/CString.h"
 #include "platform/StringResources.h"
@@ -11,6 +13,8 @@ TEST(CString, SlicingClampsOutOfRangeArguments) {
     EXPECT_EQ(s.Mid(-3, 2), "ab");
     EXPECT_EQ(s.Mid(4, 99), "ef");
     EXPECT_EQ(s.Mid(10), "");
+    EXPECT_EQ(s.Mid(INT_MIN), "abcdef");
+    EXPECT_EQ(s.Mid(INT_MAX), "");
     EXPECT_EQ(s.Mid(1, -1), "");
     EXPECT_EQ(s.Left(3), "abc");
     EXPECT_EQ(s.Left(-1), "");
