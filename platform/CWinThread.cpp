@@ -63,10 +63,11 @@ BOOL CWinThread::CreateThread(DWORD createFlags, UINT, void*) {
     }
     m_hThread = h;
     m_nThreadID = id;
-    ::ResumeThread(h);
-    // Wait until the thread's queue exists. A thread that is not suspended may have finished and
-    // deleted this object by now, so only the local copy of the event is touched afterwards.
+    // Once resumed, a thread that is not suspended may finish and delete this object at any moment,
+    // so the event is copied first and no member is touched afterwards.
     HANDLE started = m_hStarted;
+    ::ResumeThread(h);
+    // Wait until the thread's queue exists.
     WaitForSingleObject(started, INFINITE);
     CloseHandle(started);
     return TRUE;
