@@ -8,6 +8,7 @@
 
 #include "host/Commands.h"
 #include "platform/OleStorage.h"
+#include "platform/Unicode.h"
 
 namespace tavik::host {
 namespace {
@@ -16,57 +17,33 @@ constexpr DWORD kReadMode = STGM_READ | STGM_SHARE_DENY_NONE | STGM_TRANSACTED;
 constexpr DWORD kElementMode = STGM_READ | STGM_SHARE_EXCLUSIVE;
 
 std::string Show(const OLECHAR* name) {
+    std::u16string_view text(name);
     std::string out;
-    for (const OLECHAR* p = name; *p; ++p) {
-        std::uint32_t c = *p;
-        if (c >= 0xD800 && c < 0xDC00 && p[1] >= 0xDC00 && p[1] < 0xE000) c = 0x10000 + ((c - 0xD800) << 10) + (*++p - 0xDC00);
-        if (c < 0x20) {
-            char esc[8];
-            std::snprintf(esc, sizeof esc, "\\x%02x", static_cast<unsigned>(c));
-            out += esc;
-        } else if (c < 0x80) {
-            out += static_cast<char>(c);
-        } else if (c < 0x800) {
-            out += static_cast<char>(0xC0 | (c >> 6));
-            out += static_cast<char>(0x80 | (c & 0x3F));
-        } else if (c < 0x10000) {
-            out += static_cast<char>(0xE0 | (c >> 12));
-            out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-            out += static_cast<char>(0x80 | (c & 0x3F));
-        } else {
-            out += static_cast<char>(0xF0 | (c >> 18));
-            out += static_cast<char>(0x80 | ((c >> 12) & 0x3F));
-            out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-            out += static_cast<char>(0x80 | (c & 0x3F));
-        }
+    std::size_t run = 0;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        if (text[i] >= 0x20) continue;
+        char esc[8];
+        std::snprintf(esc, sizeof esc, "\\x%02x", static_cast<unsigned>(text[i]));
+        out += ::detail::WideToUtf8(text.substr(run, i - run)) + esc;
+        run = i + 1;
     }
-    return out;
+    return out + ::detail::WideToUtf8(text.substr(run));
 }
 
 // UTF-8 with \xNN escapes -> UTF-16.
 std::u16string Parse(const std::string& s) {
     std::u16string out;
+    std::size_t run = 0;
     for (std::size_t i = 0; i < s.size();) {
-        unsigned char c = static_cast<unsigned char>(s[i]);
-        if (c == '\\' && i + 3 < s.size() && s[i + 1] == 'x') {
+        if (s[i] == '\\' && i + 3 < s.size() && s[i + 1] == 'x') {
+            out += ::detail::Utf8ToWide(std::string_view(s).substr(run, i - run));
             out.push_back(static_cast<char16_t>(std::stoul(s.substr(i + 2, 2), nullptr, 16)));
-            i += 4;
-            continue;
-        }
-        std::uint32_t cp = c;
-        int len = c < 0x80 ? 1 : (c >> 5) == 6 ? 2 : (c >> 4) == 14 ? 3 : 4;
-        if (len > 1) cp = c & (0x7F >> len);
-        for (int k = 1; k < len && i + k < s.size(); ++k) cp = (cp << 6) | (static_cast<unsigned char>(s[i + k]) & 0x3F);
-        i += len;
-        if (cp >= 0x10000) {
-            cp -= 0x10000;
-            out.push_back(static_cast<char16_t>(0xD800 + (cp >> 10)));
-            out.push_back(static_cast<char16_t>(0xDC00 + (cp & 0x3FF)));
+            run = i += 4;
         } else {
-            out.push_back(static_cast<char16_t>(cp));
+            ++i;
         }
     }
-    return out;
+    return out + ::detail::Utf8ToWide(std::string_view(s).substr(run));
 }
 
 int Fail(const std::string& what, HRESULT hr) {

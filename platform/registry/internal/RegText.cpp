@@ -1,9 +1,12 @@
 #include "platform/registry/internal/RegText.h"
 
+#include <algorithm>
 #include <cstdio>
+#include <limits>
 
 #include "platform/CString.h"
 #include "platform/Registry.h"
+#include "platform/Unicode.h"
 #include "platform/registry/internal/StoreDatabase.h"
 
 namespace detail {
@@ -25,39 +28,32 @@ std::u16string_view Trim(std::u16string_view s) {
 
 // Windows-1252 text of s; false when a character has no single-byte form.
 bool ToAnsi(std::u16string_view s, std::string* out) {
-    *out = WideToAnsi(s);
-    return AnsiToWide(*out) == s;
+    out->clear();
+    if (s.empty()) return true;
+    if (s.size() > static_cast<size_t>(std::numeric_limits<int>::max())) return false;
+    out->resize(s.size());
+    BOOL usedDefault = FALSE;
+    int n = WideCharToMultiByte(CP_ACP, 0, s.data(), static_cast<int>(s.size()), out->data(),
+                                static_cast<int>(out->size()), nullptr, &usedDefault);
+    return n == static_cast<int>(s.size()) && !usedDefault;
 }
 
-// Decodes UTF-8; false with the offset of the first bad sequence.
-bool DecodeUtf8(std::string_view in, std::u16string* out, size_t* badAt) {
+// Decodes strict UTF-8 a line at a time (no multi-byte sequence holds a '\n'); false with the number of
+// the first line holding a bad sequence.
+bool DecodeUtf8(std::string_view in, std::u16string* out, int* badLine) {
     out->clear();
-    out->reserve(in.size());
-    for (size_t i = 0; i < in.size();) {
-        unsigned char c = static_cast<unsigned char>(in[i]);
-        char32_t cp;
-        size_t len;
-        if (c < 0x80) { cp = c; len = 1; }
-        else if ((c & 0xE0) == 0xC0) { cp = c & 0x1F; len = 2; }
-        else if ((c & 0xF0) == 0xE0) { cp = c & 0x0F; len = 3; }
-        else if ((c & 0xF8) == 0xF0) { cp = c & 0x07; len = 4; }
-        else { *badAt = i; return false; }
-        if (i + len > in.size()) { *badAt = i; return false; }
-        for (size_t k = 1; k < len; ++k) {
-            unsigned char cc = static_cast<unsigned char>(in[i + k]);
-            if ((cc & 0xC0) != 0x80) { *badAt = i; return false; }
-            cp = (cp << 6) | (cc & 0x3F);
-        }
-        static const char32_t kMin[] = {0, 0, 0x80, 0x800, 0x10000};
-        if (cp < kMin[len] || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) { *badAt = i; return false; }
-        if (cp >= 0x10000) {
-            cp -= 0x10000;
-            out->push_back(static_cast<char16_t>(0xD800 + (cp >> 10)));
-            out->push_back(static_cast<char16_t>(0xDC00 + (cp & 0x3FF)));
-        } else {
-            out->push_back(static_cast<char16_t>(cp));
-        }
-        i += len;
+    int line = 1;
+    for (size_t start = 0; start < in.size(); ++line) {
+        size_t end = std::min(in.find('\n', start), in.size() - 1) + 1;
+        std::string_view chunk = in.substr(start, end - start);
+        start = end;
+        if (chunk.size() > static_cast<size_t>(std::numeric_limits<int>::max())) return *badLine = line, false;
+        int n = static_cast<int>(chunk.size());
+        int needed = MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, chunk.data(), n, nullptr, 0);
+        if (needed == 0) return *badLine = line, false;
+        size_t at = out->size();
+        out->resize(at + static_cast<size_t>(needed));
+        MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, chunk.data(), n, out->data() + at, needed);
     }
     return true;
 }
@@ -200,10 +196,10 @@ bool ParseRegText(std::string_view bytes, std::vector<RegTextKey>* keys, std::st
         text = AnsiToWide(bytes);
         version5 = false;
     } else {
-        size_t badAt = 0;
+        int badLine = 0;
         if (bytes.substr(0, 3) == "\xEF\xBB\xBF") bytes.remove_prefix(3);
-        if (!DecodeUtf8(bytes, &text, &badAt)) {
-            *error = "line " + std::to_string(LineOfOffset(bytes, badAt)) + ": not UTF-8 text";
+        if (!DecodeUtf8(bytes, &text, &badLine)) {
+            *error = "line " + std::to_string(badLine) + ": not UTF-8 text";
             return false;
         }
     }
@@ -316,8 +312,10 @@ bool ParseRegText(std::string_view bytes, std::vector<RegTextKey>* keys, std::st
 }
 
 std::string AnsiToUtf16Bytes(std::string_view ansi) {
-    std::u16string wide = AnsiToWide(ansi);
     std::string out;
+    if (ansi.empty() || ansi.size() > static_cast<size_t>(std::numeric_limits<int>::max())) return out;
+    std::u16string wide(ansi.size(), u'\0');  // 1252 gives one WCHAR per byte
+    MultiByteToWideChar(CP_ACP, 0, ansi.data(), static_cast<int>(ansi.size()), wide.data(), static_cast<int>(wide.size()));
     out.reserve(wide.size() * 2);
     for (char16_t c : wide) {
         out.push_back(static_cast<char>(c & 0xFF));
