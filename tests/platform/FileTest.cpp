@@ -5,7 +5,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <fstream>
 #include <memory>
 #include <string>
 
@@ -16,18 +15,11 @@
 #include "platform/internal/FileSystemHooks.h"
 #include "tests/support/TempDir.h"
 
+using tavik::test::ReadFile;
 using tavik::test::TempDir;
+using tavik::test::WriteFile;
 
 namespace {
-
-std::string slurp(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
-void spit(const std::string& path, const std::string& data) {
-    std::ofstream(path, std::ios::binary) << data;
-}
 
 // Runs f, expects a CFileException* with the cause, and deletes it.
 template <class F>
@@ -137,7 +129,7 @@ TEST(CFileTest, WriteSeekReadAndLength) {
     EXPECT_EQ(f.GetFilePath(), CString(path.c_str()));
     f.Close();
     EXPECT_EQ(f.m_hFile, CFile::hFileNull);
-    EXPECT_EQ(slurp(path), "hello");
+    EXPECT_EQ(ReadFile(path), "hello");
 }
 
 TEST(CFileTest, OpenModesCreateTruncateAndFail) {
@@ -150,14 +142,14 @@ TEST(CFileTest, OpenModesCreateTruncateAndFail) {
     EXPECT_EQ(error.m_strFileName, CString(path.c_str()));
     expectFileException([&] { CFile g(path.c_str(), CFile::modeRead); }, CFileException::fileNotFound, "ctor");
 
-    spit(path, "keep me");
+    WriteFile(path, "keep me");
     {
         CFile g(path.c_str(), CFile::modeCreate | CFile::modeNoTruncate | CFile::modeWrite);
         EXPECT_EQ(g.GetLength(), 7u);
     }
-    EXPECT_EQ(slurp(path), "keep me");
+    EXPECT_EQ(ReadFile(path), "keep me");
     { CFile g(path.c_str(), CFile::modeCreate | CFile::modeWrite); }
-    EXPECT_EQ(slurp(path), "");
+    EXPECT_EQ(ReadFile(path), "");
 
     // A read-only open cannot write; a directory is not a file.
     CFile r(path.c_str(), CFile::modeRead);
@@ -182,7 +174,7 @@ TEST(CFileTest, NewFilesGetOwnerOnlyModeOnRequest) {
 TEST(CFileTest, ShareModesCollide) {
     TempDir dir;
     std::string path = dir.file("locked");
-    spit(path, "data");
+    WriteFile(path, "data");
     CFile first(path.c_str(), CFile::modeReadWrite | CFile::shareExclusive);
     CFile second;
     CFileException error;
@@ -191,7 +183,7 @@ TEST(CFileTest, ShareModesCollide) {
     EXPECT_FALSE(second.Open(path.c_str(), CFile::modeRead | CFile::shareDenyNone, &error));
     // A colliding truncating open must leave the data alone.
     EXPECT_FALSE(second.Open(path.c_str(), CFile::modeCreate | CFile::modeWrite | CFile::shareDenyNone, &error));
-    EXPECT_EQ(slurp(path), "data");
+    EXPECT_EQ(ReadFile(path), "data");
     first.Close();
     EXPECT_TRUE(second.Open(path.c_str(), CFile::modeRead | CFile::shareExclusive, &error));
     second.Close();
@@ -204,8 +196,8 @@ TEST(CFileTest, ShareModesCollide) {
 TEST(CFileTest, StatusRenameAndRemove) {
     TempDir dir;
     std::string a = dir.file("a.txt"), b = dir.file("b.txt");
-    spit(a, "12345");
-    spit(b, "old");
+    WriteFile(a, "12345");
+    WriteFile(b, "old");
     CFileStatus st;
     ASSERT_TRUE(CFile::GetStatus(a.c_str(), st));
     EXPECT_EQ(st.m_size, 5u);
@@ -217,7 +209,7 @@ TEST(CFileTest, StatusRenameAndRemove) {
     EXPECT_FALSE(CFile::GetStatus(dir.file("missing").c_str(), st));
 
     CFile::Rename(a.c_str(), b.c_str());  // replaces the target
-    EXPECT_EQ(slurp(b), "12345");
+    EXPECT_EQ(ReadFile(b), "12345");
     expectFileException([&] { CFile::Rename(a.c_str(), b.c_str()); }, CFileException::fileNotFound, "rename");
     CFile::Remove(b.c_str());
     expectFileException([&] { CFile::Remove(b.c_str()); }, CFileException::fileNotFound, "remove");
@@ -245,7 +237,7 @@ TEST(CFileTest, FileSystemFaultsBecomeExceptions) {
     CFile f(path.c_str(), CFile::modeCreate | CFile::modeReadWrite);
     f.Write("abc", 3);  // 1 byte, EINTR, 1 byte, 1 byte
     EXPECT_EQ(writes, 4);
-    EXPECT_EQ(slurp(path), "abc");
+    EXPECT_EQ(ReadFile(path), "abc");
     f.Write("d", 1);
     try {
         f.Write("ef", 2);
@@ -397,7 +389,7 @@ TEST(CStdioFileTest, ReadStringHandlesLineEnds) {
     TempDir dir;
     std::string path = dir.file("lines.txt");
     std::string longLine(5000, 'L');  // crosses the read-ahead buffer
-    spit(path, "one\r\ntwo\n\nthree\r\n" + longLine + "\r\nlast");
+    WriteFile(path, "one\r\ntwo\n\nthree\r\n" + longLine + "\r\nlast");
     CStdioFile f(path.c_str(), CFile::modeRead | CFile::typeText);
     CString line;
     const char* expected[] = {"one", "two", "", "three"};
@@ -421,7 +413,7 @@ TEST(CStdioFileTest, BufferFormKeepsNewlineAndRespectsLimit) {
     TempDir dir;
     std::string path = dir.file("lines.txt");
     std::string text = std::string(4095, 'a') + "\r\nbcdefgh\n";  // "\r\n" split across read-aheads
-    spit(path, text);
+    WriteFile(path, text);
     CStdioFile f(path.c_str(), CFile::modeRead);
     std::vector<char> buf(5000, '\xbd');
     ASSERT_NE(f.ReadString(buf.data(), 5000), nullptr);
@@ -455,5 +447,5 @@ TEST(CStdioFileTest, MixedReadsWritesAndSeeksStayInStep) {
     EXPECT_EQ(f.Read(buf, 17), 17u);
     EXPECT_STREQ(buf, "alpha\nBETA\ngamma\n");
     f.Close();
-    EXPECT_EQ(slurp(path), "alpha\nBETA\ngamma\n");
+    EXPECT_EQ(ReadFile(path), "alpha\nBETA\ngamma\n");
 }

@@ -20,4 +20,8 @@ private:
     std::filesystem::path m_path;
 };
 
+// Whole-file reads and writes in binary mode; a missing file reads as empty.
+std::string ReadFile(const std::string& path);
+void WriteFile(const std::string& path, const std::string& bytes);
+
 }  // namespace tavik::test

@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
 #include <string>
 #include <vector>
 
@@ -12,7 +11,9 @@
 #include "tests/support/TempDir.h"
 #include "util/CMemoryMappedFile.h"
 
+using tavik::test::ReadFile;
 using tavik::test::TempDir;
+using tavik::test::WriteFile;
 
 namespace {
 
@@ -32,18 +33,13 @@ protected:
     TempDir m_dir;
 };
 
-std::string readFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
 }  // namespace
 
 TEST_F(MemoryMappedFileTest, ReadsAndWritesAFileThroughTheView) {
     std::string path = m_dir.file("shared.bin");
     std::string content(8192, 'a');
     content.replace(4096, 5, "hello");
-    std::ofstream(path, std::ios::binary) << content;
+    WriteFile(path, content);
 
     CFile file(path.c_str(), CFile::modeReadWrite);
     {
@@ -60,7 +56,7 @@ TEST_F(MemoryMappedFileTest, ReadsAndWritesAFileThroughTheView) {
         mapped.SeekToBegin();
         mapped.WriteFile("WORLD", 5);
         mapped.Flush(0, 5);
-        EXPECT_EQ(readFile(path).substr(0, 5), "WORLD");
+        EXPECT_EQ(ReadFile(path).substr(0, 5), "WORLD");
 
         // The file cannot grow past its view: the write fails whole and the file keeps its size.
         mapped.Seek(8190, CFile::begin);
@@ -80,8 +76,8 @@ TEST_F(MemoryMappedFileTest, ReadsAndWritesAFileThroughTheView) {
         EXPECT_EQ(mapped.GetBufferPtr(CFile::bufferCheck, 0, &start), 0u);
     }
     file.Close();
-    EXPECT_EQ(readFile(path).size(), 8192u);
-    EXPECT_EQ(readFile(path).substr(4096, 5), "hello");
+    EXPECT_EQ(ReadFile(path).size(), 8192u);
+    EXPECT_EQ(ReadFile(path).substr(4096, 5), "hello");
     EXPECT_TRUE(g_boxes.empty());
 }
 
@@ -127,7 +123,7 @@ TEST_F(MemoryMappedFileTest, FailuresReportByResultAndMessageBox) {
 
     // Write access to a read-only file is refused.
     std::string path = m_dir.file("ro.bin");
-    std::ofstream(path, std::ios::binary) << std::string(4096, 'r');
+    WriteFile(path, std::string(4096, 'r'));
     CFile file(path.c_str(), CFile::modeRead);
     CMemoryMappedFile readOnly;
     EXPECT_FALSE(readOnly.Open(nullptr, file.m_hFile, PAGE_READWRITE, 0, 4096, 0, FILE_MAP_ALL_ACCESS, 0, 0));
