@@ -50,22 +50,16 @@ protected:
         buffer[size] = '\0';
         return buffer;
     }
-    static std::vector<std::string> ValueNames(HKEY key) {
+    static std::vector<std::string> ValueNames(HKEY key) { return Names(key, false); }
+    static std::vector<std::string> SubKeys(HKEY key) { return Names(key, true); }
+    static std::vector<std::string> Names(HKEY key, bool subKeys) {
         std::vector<std::string> names;
         char name[1001];
         for (DWORD i = 0;; ++i) {
             DWORD chars = sizeof name;
-            if (RegEnumValue(key, i, name, &chars, nullptr, nullptr, nullptr, nullptr) != ERROR_SUCCESS) break;
-            names.emplace_back(name, chars);
-        }
-        return names;
-    }
-    static std::vector<std::string> SubKeys(HKEY key) {
-        std::vector<std::string> names;
-        char name[1001];
-        for (DWORD i = 0;; ++i) {
-            DWORD chars = sizeof name;
-            if (RegEnumKeyEx(key, i, name, &chars, nullptr, nullptr, nullptr, nullptr) != ERROR_SUCCESS) break;
+            LONG rc = subKeys ? RegEnumKeyEx(key, i, name, &chars, nullptr, nullptr, nullptr, nullptr)
+                              : RegEnumValue(key, i, name, &chars, nullptr, nullptr, nullptr, nullptr);
+            if (rc != ERROR_SUCCESS) break;
             names.emplace_back(name, chars);
         }
         return names;

@@ -8,7 +8,6 @@
 
 #include <chrono>
 #include <cstdlib>
-#include <fstream>
 #include <iterator>
 #include <thread>
 
@@ -18,15 +17,6 @@ namespace tavik::test {
 namespace {
 
 using RegistryStore = RegistryTest;
-
-std::string ReadFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-void WriteFile(const std::string& path, const std::string& bytes) {
-    std::ofstream(path, std::ios::binary) << bytes;
-}
 
 // Another process running the helper; its standard output can be read line by line.
 class Child {

@@ -49,11 +49,6 @@ void Set(HKEY key, const std::string& name, DWORD type, const std::string& data)
               ERROR_SUCCESS);
 }
 
-std::string ReadFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
 // The UTF-16LE file as text; fails on characters outside ASCII, which these tests do not export.
 std::string Narrow(const std::string& utf16) {
     EXPECT_EQ(utf16.substr(0, 2), "\xFF\xFE");
@@ -166,7 +161,7 @@ TEST_F(RegistryText, MalformedImportsNameTheLineAndChangeNothing) {
     };
     for (const auto& c : cases) {
         std::string file = m_dir.file("bad.reg");
-        std::ofstream(file, std::ios::binary) << c.text;
+        WriteFile(file, c.text);
         EXPECT_EQ(RegImportFile(file.c_str()), ERROR_INVALID_DATA) << c.text;
         EXPECT_NE(RegGetLastMessage().find("line " + std::to_string(c.line) + ":"), std::string::npos)
             << c.text << " -> " << RegGetLastMessage();
