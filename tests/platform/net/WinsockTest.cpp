@@ -26,12 +26,12 @@ protected:
     }
 
     // A listening socket on 127.0.0.1 with a port chosen by the system.
-    static SOCKET listener(USHORT& port) {
+    static SOCKET listener(USHORT& port, int backlog = 5) {
         SOCKET s = socket(AF_INET, SOCK_STREAM, 0);
         EXPECT_NE(s, INVALID_SOCKET);
         sockaddr_in sa = loopback(0);
         EXPECT_EQ(bind(s, reinterpret_cast<sockaddr*>(&sa), sizeof sa), 0);
-        EXPECT_EQ(listen(s, 5), 0);
+        EXPECT_EQ(listen(s, backlog), 0);
         int len = sizeof sa;
         EXPECT_EQ(getsockname(s, reinterpret_cast<sockaddr*>(&sa), &len), 0);
         port = ntohs(sa.sin_port);
@@ -211,13 +211,7 @@ TEST_F(Started, FailuresCarryWindowsCodes) {
 // must end at the connect limit.
 TEST_F(Started, UnansweredConnectTimesOut) {
     USHORT port = 0;
-    SOCKET l = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in sa = loopback(0);
-    ASSERT_EQ(bind(l, reinterpret_cast<sockaddr*>(&sa), sizeof sa), 0);
-    ASSERT_EQ(listen(l, 0), 0);
-    int len = sizeof sa;
-    ASSERT_EQ(getsockname(l, reinterpret_cast<sockaddr*>(&sa), &len), 0);
-    port = ntohs(sa.sin_port);
+    SOCKET l = listener(port, 0);
     detail::net::SetConnectLimit(300);
     std::vector<SOCKET> queued;
     int result = 0;
