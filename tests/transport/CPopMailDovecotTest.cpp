@@ -6,7 +6,6 @@
 #include "messages/CMessageList.h"
 #include "tests/support/DovecotServer.h"
 #include "tests/transport/Pop3TestSupport.h"
-#include "transport/CRC32i.h"
 
 using namespace tavik::test;
 
@@ -26,13 +25,6 @@ std::string OnTheWire(const GeneratedMessage& m) {
         lineStart = c == '\n';
     }
     return out;
-}
-
-unsigned long Crc(const CString& text) {
-    CRC32i crc;
-    crc.Update(reinterpret_cast<unsigned char*>(const_cast<char*>(text.GetString())),
-               static_cast<ULONG>(text.GetLength()));
-    return crc.Final();
 }
 
 class Pop3Dovecot : public ::testing::Test {
@@ -90,7 +82,7 @@ TEST_F(Pop3Dovecot, LogsInReadsStatsAndScansEveryHeader) {
         CString uid;
         ASSERT_TRUE(pop->GetIDString(n, uid));
         EXPECT_EQ(uid.GetLength(), 16) << "Dovecot's %08Xu%08Xv: " << uid.GetString();
-        EXPECT_EQ(record.GetID(), Crc(uid)) << n;
+        EXPECT_EQ(record.GetID(), Crc(uid.GetString())) << n;
         total += static_cast<long>(record.GetMsgSize());
     }
     EXPECT_EQ(size, total);

@@ -14,7 +14,6 @@
 #include "platform/Kernel.h"
 #include "tests/support/ScriptedServer.h"
 #include "tests/transport/Pop3TestSupport.h"
-#include "transport/CRC32i.h"
 
 using namespace tavik::test;
 
@@ -27,12 +26,6 @@ const std::string kHeader =
     "Subject: Quarterly figures\r\n"
     "Date: Mon, 02 Nov 2026 10:00:00 +0000\r\n";
 const std::string kBody = "Subject: s\r\n\r\nbody\r\n..\r\n...x\r\n";  // as sent, dot-stuffed
-
-unsigned long Crc(const std::string& text) {
-    CRC32i crc;
-    crc.Update(reinterpret_cast<unsigned char*>(const_cast<char*>(text.data())), static_cast<ULONG>(text.size()));
-    return crc.Final();
-}
 
 class Pop3Client : public ::testing::Test {
 protected:

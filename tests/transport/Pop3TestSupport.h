@@ -3,11 +3,13 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "platform/WindowMessages.h"
 #include "platform/Winsock.h"
 #include "transport/CPopMail.h"
+#include "transport/CRC32i.h"
 
 namespace tavik::test {
 
@@ -50,6 +52,13 @@ std::string PopError(F&& f) {
         return text;
     }
     return "<no exception>";
+}
+
+// The id a message record takes from its UIDL reply or header: the CRC-32 of the text.
+inline unsigned long Crc(std::string_view text) {
+    CRC32i crc;
+    crc.Update(reinterpret_cast<unsigned char*>(const_cast<char*>(text.data())), static_cast<ULONG>(text.size()));
+    return crc.Final();
 }
 
 // Windows Sockets started for the lifetime of the object, as the host does before using the clients.
