@@ -53,8 +53,8 @@ ScriptedServer& ScriptedServer::Expect(std::string line) {
     m_steps.push_back({Step::kExpect, std::move(line)});
     return *this;
 }
-ScriptedServer& ScriptedServer::Send(std::string bytes, size_t chunk, int pauseMs) {
-    m_steps.push_back({Step::kSend, std::move(bytes), chunk, pauseMs});
+ScriptedServer& ScriptedServer::Send(std::string bytes, size_t chunk) {
+    m_steps.push_back({Step::kSend, std::move(bytes), chunk});
     return *this;
 }
 ScriptedServer& ScriptedServer::Delay(int ms) {
@@ -75,10 +75,6 @@ ScriptedServer& ScriptedServer::Mark(std::string name) {
 }
 ScriptedServer& ScriptedServer::Gate(std::string name) {
     m_steps.push_back({Step::kGate, std::move(name)});
-    return *this;
-}
-ScriptedServer& ScriptedServer::Accept() {
-    m_steps.push_back({Step::kAccept, {}});
     return *this;
 }
 
@@ -134,22 +130,9 @@ std::string ScriptedServer::Received() const {
     return m_received;
 }
 
-std::string ScriptedServer::Transcript() const {
-    std::lock_guard lock(m_mutex);
-    return m_transcript;
-}
-
 void ScriptedServer::Error(const std::string& text) {
     std::lock_guard lock(m_mutex);
     m_errors.push_back(text);
-}
-
-void ScriptedServer::Note(const char* who, const std::string& text) {
-    std::lock_guard lock(m_mutex);
-    m_transcript += who;
-    m_transcript += ": ";
-    m_transcript += Visible(text);
-    m_transcript += "\n";
 }
 
 bool ScriptedServer::Pause(int ms) {
@@ -245,11 +228,9 @@ void ScriptedServer::RunSteps() {
         case Step::kExpect: {
             std::string line;
             if (!ReadLine(line)) {
-                if (!m_inbuf.empty()) Note("C", m_inbuf);
                 Error(where + "connection ended while expecting " + Visible(s.text));
                 return;
             }
-            Note("C", line);
             if (line != s.text) {
                 Error(where + "expected " + Visible(s.text) + ", got " + Visible(line));
                 CloseConnection();
@@ -260,11 +241,8 @@ void ScriptedServer::RunSteps() {
         case Step::kSend: {
             size_t chunk = s.chunk ? s.chunk : s.text.size();
             bool ok = true;
-            for (size_t at = 0; ok && at < s.text.size(); at += chunk) {
-                if (at > 0 && s.ms > 0 && !Pause(s.ms)) ok = false;
-                if (ok) ok = WriteAll(s.text.data() + at, std::min(chunk, s.text.size() - at));
-            }
-            Note("S", s.text);
+            for (size_t at = 0; ok && at < s.text.size(); at += chunk)
+                ok = WriteAll(s.text.data() + at, std::min(chunk, s.text.size() - at));
             if (!ok) {
                 Error(where + "could not send " + Visible(s.text.substr(0, 60)));
                 return;
@@ -294,13 +272,6 @@ void ScriptedServer::RunSteps() {
             if (m_stopping) return;
             break;
         }
-        case Step::kAccept:
-            CloseConnection();
-            if (!AcceptOne()) {
-                Error(where + "no further client connected");
-                return;
-            }
-            break;
         }
     }
     {
@@ -311,10 +282,7 @@ void ScriptedServer::RunSteps() {
     // Past the script: anything further from the client is a fault of the client.
     while (ReadMore(m_conn, m_wake[0], m_inbuf, m_mutex, m_received)) {
     }
-    if (!m_inbuf.empty()) {
-        Note("C", m_inbuf);
-        Error("unexpected data after the script: " + Visible(m_inbuf));
-    }
+    if (!m_inbuf.empty()) Error("unexpected data after the script: " + Visible(m_inbuf));
 }
 
 }  // namespace tavik::test

@@ -2,9 +2,9 @@
 // expected client lines and the bytes to answer, with knobs for delays, dribbled or chunked writes,
 // closing, and never answering. It knows no protocol; POP3 and SMTP tests both use it.
 //
-// The script runs on a thread of its own over one accepted connection (Accept() starts another). At the
-// first line that differs from the script it records an error and closes the connection. Tests compare
-// the whole transcript (Received() or Transcript()) and expect Finish() to return no errors.
+// The script runs on a thread of its own over one accepted connection. At the first line that differs
+// from the script it records an error and closes the connection. Tests compare everything the client
+// sent (Received()) and expect Finish() to return no errors.
 //
 // Synchronisation is by events, never by sleeping in the test: Mark() lets the test wait until the
 // script got somewhere, Gate() holds the script until the test opens it.
@@ -34,7 +34,7 @@ public:
     ScriptedServer& Expect(std::string line);
     // Writes bytes. chunk > 0 writes them in pieces of that many bytes with pauseMs between pieces
     // (chunk 1 dribbles byte by byte).
-    ScriptedServer& Send(std::string bytes, size_t chunk = 0, int pauseMs = 0);
+    ScriptedServer& Send(std::string bytes, size_t chunk = 0);
     ScriptedServer& Delay(int ms);
     // Closes the connection (the client sees end of stream).
     ScriptedServer& Close();
@@ -44,8 +44,6 @@ public:
     ScriptedServer& Mark(std::string name);
     // Waits here until the test calls Open(name) (or the server stops).
     ScriptedServer& Gate(std::string name);
-    // Waits for the next connection (the previous one, if still open, is closed first).
-    ScriptedServer& Accept();
 
     // Runs the script on its own thread; the first connection is accepted implicitly.
     void Start();
@@ -59,12 +57,10 @@ public:
 
     // Everything the client sent, in order.
     std::string Received() const;
-    // Both directions as "C: " / "S: " entries, one per line read or write step.
-    std::string Transcript() const;
 
 private:
     struct Step {
-        enum Kind { kExpect, kSend, kDelay, kClose, kHold, kMark, kGate, kAccept } kind;
+        enum Kind { kExpect, kSend, kDelay, kClose, kHold, kMark, kGate } kind;
         std::string text;
         size_t chunk = 0;
         int ms = 0;
@@ -79,7 +75,6 @@ private:
     bool Pause(int ms);  // false when stopping
     void CloseConnection();
     void Error(const std::string& text);
-    void Note(const char* who, const std::string& text);
 
     std::vector<Step> m_steps;
     int m_listen = -1;
@@ -97,7 +92,6 @@ private:
     std::set<std::string> m_marks;
     std::set<std::string> m_open;
     std::string m_received;
-    std::string m_transcript;
     std::vector<std::string> m_errors;
 };
 
