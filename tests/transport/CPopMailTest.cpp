@@ -74,15 +74,17 @@ void ScriptWholeSession(ScriptedServer& s, size_t chunk, const char* ok = "+OK")
 }  // namespace
 
 TEST_F(Pop3Client, WholeSessionHasTheWireOrderAndStatusLinesOfTheDesign) {
-    // Whole replies, replies dribbled byte by byte, and replies in 3-byte pieces (end marks cut apart).
-    for (size_t chunk : {size_t(0), size_t(1), size_t(3)}) {
-        SCOPED_TRACE("chunk " + std::to_string(chunk));
+    // Whole replies, replies dribbled byte by byte, and replies in 3-byte pieces (end marks cut apart);
+    // last, lower-case positive replies to a client without a status window.
+    struct Row { size_t chunk; const char* ok; bool window; };
+    for (const Row& row : {Row{0, "+OK", true}, Row{1, "+OK", true}, Row{3, "+OK", true}, Row{0, "+ok", false}}) {
+        SCOPED_TRACE("chunk " + std::to_string(row.chunk) + " " + row.ok);
         ScriptedServer s;
-        ScriptWholeSession(s, chunk);
+        ScriptWholeSession(s, row.chunk, row.ok);
         s.Start();
         StatusWindow w;
         std::string failure = PopError([&] {
-            CPopMail pop(nullptr, w.hwnd(), 5);
+            CPopMail pop(nullptr, row.window ? w.hwnd() : nullptr, 5);
             ASSERT_TRUE(pop.Connect("127.0.0.1", s.Port()));
             ASSERT_TRUE(pop.Login("bob", "p@ss word"));
             int count = -1, size = -1;
@@ -105,11 +107,12 @@ TEST_F(Pop3Client, WholeSessionHasTheWireOrderAndStatusLinesOfTheDesign) {
             EXPECT_EQ(w.finished, 0);
         });
         EXPECT_EQ(failure, "<no exception>");
-        EXPECT_EQ(w.finished, 1) << "destruction says the session is over";
         EXPECT_EQ(s.Finish(), "");
         EXPECT_EQ(s.Received(),
                   "USER bob\r\nPASS p@ss word\r\nSTAT\r\nLIST 1\r\nTOP 1 0\r\nUIDL 1\r\nRETR 2\r\nDELE 2\r\n"
                   "RSET\r\nNOOP\r\nQUIT\r\n");
+        if (!row.window) continue;
+        EXPECT_EQ(w.finished, 1) << "destruction says the session is over";
         EXPECT_EQ(w.All(),
                   "\r\n01:46:40 Sunday, September 09, 2001 - Connected to 127.0.0.1\r\n"
                   "[01:46:40] Looking up 127.0.0.1..\r\n"
@@ -129,28 +132,6 @@ TEST_F(Pop3Client, WholeSessionHasTheWireOrderAndStatusLinesOfTheDesign) {
                   "[01:46:40] +OK bye\r\n");
         EXPECT_EQ(w.All().find("p@ss"), std::string::npos);
     }
-}
-
-TEST_F(Pop3Client, LowerCasePositiveRepliesAndNoStatusWindow) {
-    ScriptWholeSession(server, 0, "+ok");
-    server.Start();
-    {
-        CPopMail pop(nullptr, nullptr, 5);  // no window: nothing is shown, nothing fails
-        ASSERT_TRUE(pop.Connect("127.0.0.1", server.Port()));
-        ASSERT_TRUE(pop.Login("bob", "p@ss word"));
-        int count = 0, size = 0;
-        ASSERT_TRUE(pop.MailBoxStats(&count, &size));
-        CMessageList record;
-        ASSERT_TRUE(pop.GetHeader(1, record));
-        EXPECT_EQ(record.GetID(), Crc("uid-one"));
-        CString message;
-        ASSERT_TRUE(pop.Retrieve(2, message));
-        EXPECT_TRUE(pop.DeleteMsg(2));
-        EXPECT_TRUE(pop.ResetMailbox());
-        EXPECT_TRUE(pop.KeepAlive());
-        EXPECT_TRUE(pop.Quit());
-    }
-    EXPECT_EQ(server.Finish(), "");
 }
 
 TEST_F(Pop3Client, GreetingDecidesConnect) {
@@ -315,20 +296,13 @@ TEST_F(Pop3Client, EventSignalledFromAnotherThreadStopsALongRetrieve) {
     CloseHandle(event);
 }
 
+// The reply grammar itself is walked in Pop3WireTest; this checks the CString wrapper hands both parts back.
 TEST_F(Pop3Client, StripResponseSplitsStatusAndCutsTheEndMark) {
     OpenPopMail pop(nullptr, nullptr, 5);
     CString reply = "+OK 12 octets\r\nline\r\n..\r\n.\r\n", status;
     EXPECT_TRUE(pop.StripResponse(reply, status));
     EXPECT_EQ(std::string(status), "+OK 12 octets");
     EXPECT_EQ(std::string(reply), "line\r\n..");
-
-    CString listing = "1 100\r\n2 200\r\n.\r\n";
-    pop.StripResponse(listing);
-    EXPECT_EQ(std::string(listing), "1 100\r\n2 200");
-
-    CString bare = "+OK\r\n.\r\n";  // an empty listing keeps its dot line
-    EXPECT_TRUE(pop.StripResponse(bare, status));
-    EXPECT_EQ(std::string(bare), ".\r\n");
 }
 
 TEST_F(Pop3Client, EndlessReplyAndRefusedConnectionBecomeExceptions) {

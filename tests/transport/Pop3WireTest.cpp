@@ -93,24 +93,22 @@ TEST(EndMarkScanner, ExaminesEachByteAFewTimesAtMost) {
 }
 
 TEST(ReplyParts, SplitsTheStatusLineOnlyWhenItHasText) {
-    std::string reply = "+OK 5 octets\r\nhello\r\n.\r\n", status = "unchanged";
-    EXPECT_TRUE(detail::StripReply(reply, &status));
-    EXPECT_EQ(status, "+OK 5 octets");
-    EXPECT_EQ(reply, "hello");
-
-    reply = "\r\n+OK\r\n";  // a line end at position 0 is not a status line
-    status = "unchanged";
-    EXPECT_FALSE(detail::StripReply(reply, &status));
-    EXPECT_EQ(reply, "\r\n+OK\r\n");
-    EXPECT_EQ(status, "unchanged");
-
-    reply = "+OK but no line end";
-    EXPECT_FALSE(detail::StripReply(reply, &status));
-    EXPECT_EQ(reply, "+OK but no line end");
-
-    reply = "+OK\r\n.\r\n";  // an empty listing keeps its dot line: the mark would start at 0
-    EXPECT_TRUE(detail::StripReply(reply, &status));
-    EXPECT_EQ(reply, ".\r\n");
+    struct Case {
+        std::string in;
+        bool split;
+        std::string status, out;
+    } cases[] = {
+        {"+OK 5 octets\r\nhello\r\n.\r\n", true, "+OK 5 octets", "hello"},
+        {"\r\n+OK\r\n", false, "unchanged", "\r\n+OK\r\n"},  // a line end at 0 is not a status line
+        {"+OK but no line end", false, "unchanged", "+OK but no line end"},
+        {"+OK\r\n.\r\n", true, "+OK", ".\r\n"},  // an empty listing keeps its dot line: the mark would start at 0
+    };
+    for (auto& c : cases) {
+        std::string reply = c.in, status = "unchanged";
+        EXPECT_EQ(detail::StripReply(reply, &status), c.split) << c.in;
+        EXPECT_EQ(status, c.status) << c.in;
+        EXPECT_EQ(reply, c.out) << c.in;
+    }
 }
 
 TEST(ReplyParts, GivesBackSpareRoomOnlyWhenItMatters) {
