@@ -162,7 +162,8 @@ int WideCharToMultiByte(UINT CodePage, DWORD dwFlags, LPCWSTR lpWideCharStr, int
         SetLastError(ERROR_INVALID_PARAMETER);
         return 0;
     }
-    if ((dwFlags & ~WC_ERR_INVALID_CHARS) != 0 || (IsAnsi(CodePage) && dwFlags != 0)) {
+    const DWORD allowed = IsAnsi(CodePage) ? WC_NO_BEST_FIT_CHARS : WC_ERR_INVALID_CHARS;
+    if ((dwFlags & ~allowed) != 0) {
         SetLastError(ERROR_INVALID_FLAGS);
         return 0;
     }

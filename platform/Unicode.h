@@ -13,6 +13,7 @@ constexpr UINT CP_UTF8 = 65001;
 
 constexpr DWORD MB_ERR_INVALID_CHARS = 0x08;
 constexpr DWORD WC_ERR_INVALID_CHARS = 0x80;
+constexpr DWORD WC_NO_BEST_FIT_CHARS = 0x400;  // accepted for CP_ACP; best fit is never done anyway
 
 constexpr LONG ERROR_INVALID_FLAGS = 1004;
 constexpr LONG ERROR_NO_UNICODE_TRANSLATION = 1113;

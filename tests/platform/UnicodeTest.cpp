@@ -119,6 +119,9 @@ TEST(Unicode, LengthsSizeQueriesAndShortBuffersFollowWindows) {
         {"unknown flag", [&] { return MultiByteToWideChar(CP_UTF8, 0x4, "a", 1, wide, 8); }, ERROR_INVALID_FLAGS},
         {"UTF-8 with used-default",
          [&] { return WideCharToMultiByte(CP_UTF8, 0, u"a", 1, bytes, 4, nullptr, &used); }, ERROR_INVALID_PARAMETER},
+        {"UTF-8-only flag on 1252",
+         [&] { return WideCharToMultiByte(CP_ACP, WC_ERR_INVALID_CHARS, u"a", 1, bytes, 4, nullptr, nullptr); },
+         ERROR_INVALID_FLAGS},
         {"negative output size",
          [&] { return WideCharToMultiByte(CP_UTF8, 0, u"a", 1, bytes, -1, nullptr, nullptr); }, ERROR_INVALID_PARAMETER},
     };
