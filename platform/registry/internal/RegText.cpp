@@ -345,7 +345,11 @@ void RegTextWriter::Line(const std::u16string& text) {
 void RegTextWriter::Key(const std::string& fullPath) {
     if (HasLineBreak(fullPath)) m_error = "the key name \"" + fullPath + "\" holds a line break";
     Line(u"");
-    Line(u"[" + AnsiToWide(fullPath) + u"]");
+    // Appended piece by piece: g++ 12 warns falsely (-Wrestrict) on a literal + u16string + literal.
+    std::u16string line = u"[";
+    line += AnsiToWide(fullPath);
+    line += u']';
+    Line(line);
 }
 
 void RegTextWriter::Value(const std::string& name, DWORD type, const std::string& data) {
