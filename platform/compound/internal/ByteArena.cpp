@@ -7,9 +7,12 @@
 
 #include <sys/mman.h>
 
+#include <algorithm>
 #include <cstdint>
+#include <cstring>
 #include <mutex>
 #include <new>
+#include <vector>
 
 #if defined(__SANITIZE_ADDRESS__)
 #define TAVIK_ASAN 1
@@ -34,6 +37,7 @@ constexpr std::size_t kSlab = 2u << 20;
 constexpr std::size_t kAlign = 16;
 constexpr std::size_t kHeader = 64;
 constexpr int kHugeAfter = 1;  // slabs on ordinary pages before huge pages are asked for
+constexpr std::size_t kRetainSlabs = 128;  // 256 MB of emptied slabs kept for reuse at most
 
 struct Slab {
     std::size_t live = 0;  // buffers not yet freed
@@ -41,6 +45,8 @@ struct Slab {
 
 class Arena {
 public:
+    Arena() { m_retired.reserve(kRetainSlabs); }  // so that a free never allocates
+
     void* Allocate(std::size_t bytes) {
         bytes = (bytes + kAlign - 1) & ~(kAlign - 1);
         std::lock_guard<std::mutex> hold(m_mutex);
@@ -65,18 +71,28 @@ public:
             return;
         }
         --m_slabs;
-        if (!m_spare) {
-            m_spare = slab;
-            return;
-        }
-        ::munmap(slab, kSlab);
+        Retire(slab);
     }
 
 private:
+    // An emptied slab is kept for the next commit's streams rather than unmapped: fresh pages cost a fault
+    // and a zero fill each, which made a store's second commit as slow as its first. The kernel may take
+    // the retired pages back whenever memory is short (MADV_FREE); until then reuse costs nothing.
+    void Retire(Slab* slab) {
+        if (m_retired.size() >= kRetainSlabs) {
+            ::munmap(slab, kSlab);
+            return;
+        }
+        ::madvise(slab, kSlab, MADV_FREE);
+        m_retired.push_back(slab);
+    }
+
     bool NewSlab() {
-        Slab* slab = m_spare;
-        m_spare = nullptr;
-        if (!slab) {
+        Slab* slab = nullptr;
+        if (!m_retired.empty()) {
+            slab = m_retired.back();
+            m_retired.pop_back();
+        } else {
             // Twice the size, then trimmed to an aligned slab, so that the owner of any buffer is found
             // by masking its address.
             void* raw = ::mmap(nullptr, 2 * kSlab, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
@@ -93,7 +109,7 @@ private:
         // The slab being left keeps living until its last buffer goes; an empty one is released now.
         if (m_current && m_current->live == 0) {
             --m_slabs;
-            ::munmap(m_current, kSlab);
+            Retire(m_current);
         }
         m_current = slab;
         m_used = kHeader;
@@ -103,7 +119,7 @@ private:
 
     std::mutex m_mutex;
     Slab* m_current = nullptr;
-    Slab* m_spare = nullptr;
+    std::vector<Slab*> m_retired;
     std::size_t m_used = 0;
     int m_slabs = 0;  // slabs holding live buffers, counting the current one
 };
@@ -216,6 +232,30 @@ void LargeFree(void* p, std::size_t bytes) {
         return;
     }
     ::munmap(p, bytes);
+}
+
+void ByteBuffer::Reserve(std::size_t n) {
+    if (n <= m_capacity) return;
+    // Streams are mostly written once in one piece: the first allocation is exact, later ones double.
+    std::size_t capacity = m_capacity == 0 ? n : std::max(n, m_capacity * 2);
+    auto* bigger = static_cast<unsigned char*>(ArenaAllocate(capacity));
+    if (m_size) std::memcpy(bigger, m_data, m_size);
+    ArenaFree(m_data, m_capacity);
+    m_data = bigger;
+    m_capacity = capacity;
+}
+
+void ByteBuffer::resize(std::size_t n) {
+    Reserve(n);
+    if (n > m_size) std::memset(m_data + m_size, 0, n - m_size);
+    m_size = n;
+}
+
+void ByteBuffer::Append(const void* bytes, std::size_t n) {
+    if (n == 0) return;
+    Reserve(m_size + n);
+    std::memcpy(m_data + m_size, bytes, n);
+    m_size += n;
 }
 
 void ArenaFree(void* p, std::size_t bytes) {

@@ -96,7 +96,7 @@ HRESULT StreamImpl::Write(const void* pv, ULONG cb, ULONG* pcbWritten) {
     std::size_t end = static_cast<std::size_t>(m_position + cb);
     const auto* bytes = static_cast<const unsigned char*>(pv);
     if (m_position == c->data.size()) {
-        c->data.insert(c->data.end(), bytes, bytes + cb);  // appending: no zero fill first
+        c->data.Append(bytes, cb);  // appending: no zero fill first
     } else {
         if (end > c->data.size()) c->data.resize(end);
         std::memcpy(c->data.data() + m_position, pv, cb);
