@@ -73,7 +73,7 @@ private:
     ~StorageImpl() override;
     bool Alive() const { return !m_node->dead && !(m_base && m_base->dead); }
     bool Writable() const { return (m_mode & 3) != STGM_READ; }
-    HRESULT CheckChild(const OLECHAR* name, DWORD mode, bool stream, std::u16string& key);
+    HRESULT CheckChild(const OLECHAR* name, DWORD mode, bool stream, std::u16string_view& key);
     HRESULT Create(const OLECHAR* name, DWORD mode, bool stream, NodePtr& node);
     IStorage* MakeChild(const NodePtr& node, DWORD mode);
     void Touch() { *m_dirty = true; }

@@ -10,10 +10,13 @@ namespace {
 constexpr DWORD kShareMask = 0x70;
 constexpr DWORD kAccessMask = 0x3;
 
-HRESULT CheckName(const OLECHAR* name, std::u16string& out) {
+// out views the caller's name: it lives as long as the call.
+HRESULT CheckName(const OLECHAR* name, std::u16string_view& out) {
     if (!name) return STG_E_INVALIDNAME;
-    out.assign(name);
-    if (out.empty() || out.size() > cfb::kMaxNameUnits) return STG_E_INVALIDNAME;
+    std::size_t n = 0;
+    while (n <= cfb::kMaxNameUnits && name[n]) ++n;
+    if (n == 0 || n > cfb::kMaxNameUnits) return STG_E_INVALIDNAME;
+    out = std::u16string_view(name, n);
     for (char16_t c : out)
         if (c == u'/' || c == u'\\' || c == u':' || c == u'!') return STG_E_INVALIDNAME;
     return S_OK;
@@ -93,7 +96,7 @@ ULONG StorageImpl::Release() {
     return left;
 }
 
-HRESULT StorageImpl::CheckChild(const OLECHAR* name, DWORD mode, bool stream, std::u16string& key) {
+HRESULT StorageImpl::CheckChild(const OLECHAR* name, DWORD mode, bool stream, std::u16string_view& key) {
     if (!Alive()) return STG_E_REVERTED;
     HRESULT hr = CheckName(name, key);
     if (FAILED(hr)) return hr;
@@ -112,7 +115,7 @@ IStorage* StorageImpl::MakeChild(const NodePtr& node, DWORD mode) {
 }
 
 HRESULT StorageImpl::Create(const OLECHAR* name, DWORD mode, bool stream, NodePtr& node) {
-    std::u16string key;
+    std::u16string_view key;
     HRESULT hr = CheckChild(name, mode, stream, key);
     if (FAILED(hr)) return hr;
     if (!Writable()) return STG_E_ACCESSDENIED;
@@ -152,7 +155,7 @@ HRESULT StorageImpl::CreateStream(const OLECHAR* name, DWORD mode, DWORD, DWORD,
 HRESULT StorageImpl::OpenStream(const OLECHAR* name, void*, DWORD mode, DWORD, IStream** ppstm) {
     if (!ppstm) return STG_E_INVALIDPOINTER;
     *ppstm = nullptr;
-    std::u16string key;
+    std::u16string_view key;
     HRESULT hr = CheckChild(name, mode, true, key);
     if (FAILED(hr)) return hr;
     if (mode & STGM_CREATE) return STG_E_INVALIDFLAG;
@@ -180,7 +183,7 @@ HRESULT StorageImpl::OpenStorage(const OLECHAR* name, IStorage* priority, DWORD 
     *ppstg = nullptr;
     if (priority) return STG_E_INVALIDFUNCTION;
     if (exclude) return STG_E_INVALIDPARAMETER;
-    std::u16string key;
+    std::u16string_view key;
     HRESULT hr = CheckChild(name, mode, false, key);
     if (FAILED(hr)) return hr;
     if (mode & STGM_CREATE) return STG_E_INVALIDFLAG;
@@ -253,7 +256,7 @@ HRESULT StorageImpl::EnumElements(DWORD, void*, DWORD, IEnumSTATSTG** ppenum) {
 
 HRESULT StorageImpl::DestroyElement(const OLECHAR* name) {
     if (!Alive()) return STG_E_REVERTED;
-    std::u16string key;
+    std::u16string_view key;
     HRESULT hr = CheckName(name, key);
     if (FAILED(hr)) return hr;
     if (!Writable()) return STG_E_ACCESSDENIED;
@@ -268,7 +271,7 @@ HRESULT StorageImpl::DestroyElement(const OLECHAR* name) {
 
 HRESULT StorageImpl::RenameElement(const OLECHAR* oldName, const OLECHAR* newName) {
     if (!Alive()) return STG_E_REVERTED;
-    std::u16string from, to;
+    std::u16string_view from, to;
     HRESULT hr = CheckName(oldName, from);
     if (SUCCEEDED(hr)) hr = CheckName(newName, to);
     if (FAILED(hr)) return hr;
@@ -292,7 +295,7 @@ HRESULT StorageImpl::SetElementTimes(const OLECHAR* name, const FILETIME* pctime
     if (!Writable()) return STG_E_ACCESSDENIED;
     Node* node = m_node.get();
     if (name) {
-        std::u16string key;
+        std::u16string_view key;
         HRESULT hr = CheckName(name, key);
         if (FAILED(hr)) return hr;
         auto it = m_node->children.find(key);
