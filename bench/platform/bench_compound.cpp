@@ -1,9 +1,10 @@
 // Compound files at mail-store scale: 10,000 sub-storages of five streams (about 100 MB), written and
-// committed, then opened, enumerated and read whole; compared with plain stdio file I/O of the same fields
-// and with python3-olefile reading the same file, all in this run.
+// committed, then opened, enumerated and read whole; compared, in the same run, with plain file I/O of
+// the same number of bytes and with python3-olefile reading the same file.
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -96,10 +97,33 @@ std::uint64_t ReadStore(const std::string& path) {
     return total;
 }
 
-// The reference is what a program without compound files would do with the same data: the same fields
-// of the same messages written one by one through stdio (which hands the kernel 4 KB pieces) into one
-// flat file, flushed and fsynced once; and read back field by field the same way.
-void PlainWrite(const std::string& path, const std::vector<unsigned char>& bytes) {
+// The references: the same number of bytes written to a plain file sequentially in 1 MB pieces and
+// fsynced once, and read back in 64 KB pieces. For scale, also what a program without compound files
+// would do with the same fields: each written and read through stdio, one by one.
+void PlainWrite(const std::string& path, const std::vector<unsigned char>& bytes, std::uint64_t total) {
+    int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    if (fd < 0) std::exit(1);
+    for (std::uint64_t done = 0; done < total;) {
+        std::size_t n = static_cast<std::size_t>(std::min<std::uint64_t>(bytes.size(), total - done));
+        if (::write(fd, bytes.data(), n) != static_cast<ssize_t>(n)) std::exit(1);
+        done += n;
+    }
+    ::fsync(fd);
+    ::close(fd);
+}
+
+std::uint64_t PlainRead(const std::string& path) {
+    int fd = ::open(path.c_str(), O_RDONLY);
+    if (fd < 0) std::exit(1);
+    std::vector<unsigned char> buf(1 << 16);
+    std::uint64_t total = 0;
+    ssize_t n;
+    while ((n = ::read(fd, buf.data(), buf.size())) > 0) total += static_cast<std::uint64_t>(n);
+    ::close(fd);
+    return total;
+}
+
+void FieldsWrite(const std::string& path, const std::vector<unsigned char>& bytes) {
     FILE* f = std::fopen(path.c_str(), "wb");
     if (!f) std::exit(1);
     for (int i = 0; i < kStorages; ++i) {
@@ -111,7 +135,7 @@ void PlainWrite(const std::string& path, const std::vector<unsigned char>& bytes
     std::fclose(f);
 }
 
-std::uint64_t PlainRead(const std::string& path) {
+std::uint64_t FieldsRead(const std::string& path) {
     FILE* f = std::fopen(path.c_str(), "rb");
     if (!f) std::exit(1);
     std::vector<unsigned char> buf(1 << 16);
@@ -123,26 +147,17 @@ std::uint64_t PlainRead(const std::string& path) {
     return total;
 }
 
-// For scale, the floor under any format: the same number of bytes in 1 MB writes and 64 KB reads.
-void BulkWrite(const std::string& path, const std::vector<unsigned char>& bytes, std::uint64_t total) {
-    int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    for (std::uint64_t done = 0; done < total;) {
-        std::size_t n = static_cast<std::size_t>(std::min<std::uint64_t>(bytes.size(), total - done));
-        if (::write(fd, bytes.data(), n) != static_cast<ssize_t>(n)) std::exit(1);
-        done += n;
-    }
-    ::fsync(fd);
-    ::close(fd);
-}
+struct Figures {
+    double commit = 1e9, read = 1e9, plainWrite = 1e9, plainRead = 1e9, fieldsWrite = 1e9, fieldsRead = 1e9;
+};
 
-std::uint64_t BulkRead(const std::string& path) {
-    int fd = ::open(path.c_str(), O_RDONLY);
-    std::vector<unsigned char> buf(1 << 16);
-    std::uint64_t total = 0;
-    ssize_t n;
-    while ((n = ::read(fd, buf.data(), buf.size())) > 0) total += static_cast<std::uint64_t>(n);
-    ::close(fd);
-    return total;
+template <class F>
+double Time(double& best, F&& f) {
+    auto t = std::chrono::steady_clock::now();
+    f();
+    double s = Seconds(t);
+    best = std::min(best, s);
+    return s;
 }
 
 }  // namespace
@@ -150,52 +165,53 @@ std::uint64_t BulkRead(const std::string& path) {
 int main() {
     auto dir = std::filesystem::temp_directory_path() / ("bench_compound." + std::to_string(::getpid()));
     std::filesystem::create_directories(dir);
-    std::string store = (dir / "store.ole").string(), plain = (dir / "plain.bin").string();
+    std::string store = (dir / "store.ole").string(), plain = (dir / "plain.bin").string(),
+                fields = (dir / "fields.bin").string();
     std::vector<unsigned char> bytes(1 << 20);
     for (std::size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<unsigned char>(i * 131 + (i >> 9));
 
-    auto t = std::chrono::steady_clock::now();
-    std::uint64_t total = WriteStore(store, bytes);
-    double commit = Seconds(t);
-    t = std::chrono::steady_clock::now();
-    PlainWrite(plain, bytes);
-    double plainWrite = Seconds(t);
-
-    // Both files were just written, so both reads come from the page cache.
-    t = std::chrono::steady_clock::now();
-    std::uint64_t read = ReadStore(store);
-    double readAll = Seconds(t);
-    t = std::chrono::steady_clock::now();
-    std::uint64_t plainBytes = PlainRead(plain);
-    double plainRead = Seconds(t);
-    std::string bulk = (dir / "bulk.bin").string();
-    t = std::chrono::steady_clock::now();
-    BulkWrite(bulk, bytes, total);
-    double bulkWrite = Seconds(t);
-    t = std::chrono::steady_clock::now();
-    BulkRead(bulk);
-    double bulkRead = Seconds(t);
-    if (read != total || plainBytes != total) {
-        std::fprintf(stderr, "bench_compound: read %llu of %llu bytes\n", static_cast<unsigned long long>(read),
-                     static_cast<unsigned long long>(total));
-        return 1;
+    // Each figure is the best of a few rounds, ours and the references alike; the first commit of the
+    // process, which also pays for fresh memory, is reported on its own.
+    constexpr int kRounds = 3;
+    Figures best;
+    double firstCommit = 0;
+    std::uint64_t total = 0;
+    for (int round = 0; round < kRounds; ++round) {
+        std::filesystem::remove(store);
+        std::filesystem::remove(plain);
+        std::filesystem::remove(fields);
+        double c = Time(best.commit, [&] { total = WriteStore(store, bytes); });
+        if (round == 0) firstCommit = c;
+        Time(best.plainWrite, [&] { PlainWrite(plain, bytes, total); });
+        Time(best.fieldsWrite, [&] { FieldsWrite(fields, bytes); });
+        // All three files were just written, so every read comes from the page cache.
+        std::uint64_t read = 0, plainBytes = 0, fieldBytes = 0;
+        Time(best.read, [&] { read = ReadStore(store); });
+        Time(best.plainRead, [&] { plainBytes = PlainRead(plain); });
+        Time(best.fieldsRead, [&] { fieldBytes = FieldsRead(fields); });
+        if (read != total || plainBytes != total || fieldBytes != total) {
+            std::fprintf(stderr, "bench_compound: read %llu of %llu bytes\n", static_cast<unsigned long long>(read),
+                         static_cast<unsigned long long>(total));
+            return 1;
+        }
     }
 
     std::printf("bench compound_payload %.1f MB\n", total / 1e6);
     std::printf("bench compound_file_size %.1f MB\n", std::filesystem::file_size(store) / 1e6);
-    std::printf("bench compound_create_commit %.3f s\n", commit);
-    std::printf("bench compound_plain_write %.3f s\n", plainWrite);
-    // Lower is better: our create + commit over stdio writes (and fsync) of the same fields; target <= 3.
-    std::printf("bench compound_commit_vs_plain_write ratio %.2f\n", commit / plainWrite);
-    std::printf("bench compound_open_enum_read %.3f s\n", readAll);
-    std::printf("bench compound_plain_read %.3f s\n", plainRead);
-    // Lower is better: open + enumerate + read everything over stdio reads of the same fields; target <= 3.
-    std::printf("bench compound_read_vs_plain_read ratio %.2f\n", readAll / plainRead);
-    std::printf("bench compound_bulk_write %.3f s\n", bulkWrite);
-    std::printf("bench compound_bulk_read %.3f s\n", bulkRead);
-    // Lower is better; no target: how far we are from moving the bytes in the largest pieces possible.
-    std::printf("bench compound_commit_vs_bulk_write ratio %.2f\n", commit / bulkWrite);
-    std::printf("bench compound_read_vs_bulk_read ratio %.2f\n", readAll / bulkRead);
+    std::printf("bench compound_create_commit %.3f s\n", best.commit);
+    std::printf("bench compound_create_commit_first %.3f s\n", firstCommit);
+    std::printf("bench compound_plain_write %.3f s\n", best.plainWrite);
+    // Lower is better: create + commit over a plain sequential write of the same bytes; target <= 3.
+    std::printf("bench compound_commit_vs_plain_write ratio %.2f\n", best.commit / best.plainWrite);
+    std::printf("bench compound_open_enum_read %.3f s\n", best.read);
+    std::printf("bench compound_plain_read %.3f s\n", best.plainRead);
+    // Lower is better: open + enumerate + read everything over a plain sequential read; target <= 3.
+    std::printf("bench compound_read_vs_plain_read ratio %.2f\n", best.read / best.plainRead);
+    std::printf("bench compound_fields_write %.3f s\n", best.fieldsWrite);
+    std::printf("bench compound_fields_read %.3f s\n", best.fieldsRead);
+    // Lower is better; no target: against the same fields one by one through stdio.
+    std::printf("bench compound_commit_vs_fields_write ratio %.2f\n", best.commit / best.fieldsWrite);
+    std::printf("bench compound_read_vs_fields_read ratio %.2f\n", best.read / best.fieldsRead);
 
     if (std::getenv("TAVIK_BENCH_NO_OLEFILE")) { std::filesystem::remove_all(dir); return 0; }
     std::string cmd = "/usr/bin/python3 " + std::string(TAVIK_BENCH_DIR) + "/olefile_read.py " + store;
@@ -205,7 +221,7 @@ int main() {
         if (std::fscanf(p, "%lf %llu", &secs, &bytesRead) == 2 && bytesRead == total) {
             std::printf("bench olefile_open_enum_read %.3f s\n", secs);
             // Lower is better: our open + enumerate + read over olefile's on the same file; target < 1.
-            std::printf("bench compound_read_vs_olefile ratio %.3f\n", readAll / secs);
+            std::printf("bench compound_read_vs_olefile ratio %.3f\n", best.read / secs);
         } else {
             std::printf("bench olefile_open_enum_read unavailable 0\n");
         }
