@@ -8,10 +8,12 @@
 #include <sys/mman.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdint>
 #include <cstring>
 #include <mutex>
 #include <new>
+#include <thread>
 #include <vector>
 
 #if defined(__SANITIZE_ADDRESS__)
@@ -124,18 +126,34 @@ private:
     int m_slabs = 0;  // slabs holding live buffers, counting the current one
 };
 
+// The pool's critical sections are a few instructions long; a spin lock costs half a mutex there,
+// which shows with 60,000 records made and freed per large store opened.
+class SpinLock {
+public:
+    void lock() {
+        while (m_flag.test_and_set(std::memory_order_acquire))
+            while (m_flag.test(std::memory_order_relaxed)) std::this_thread::yield();
+    }
+    void unlock() { m_flag.clear(std::memory_order_release); }
+
+private:
+    std::atomic_flag m_flag;
+};
+
 // Records of the tree: one free list per 16-byte size class.
 class Pool {
 public:
     void* Allocate(std::size_t bytes) {
         bytes = (bytes + kAlign - 1) & ~(kAlign - 1);
-        std::lock_guard<std::mutex> hold(m_mutex);
+        std::lock_guard<SpinLock> hold(m_lock);
         Slot*& head = m_free[bytes / kAlign];
         unsigned char* p;
         if (head) {
             p = reinterpret_cast<unsigned char*>(head);
             TAVIK_UNPOISON(p, sizeof(Slot));
             head = head->next;
+            // Free slots are scattered after a large tree is dropped; fetch the next one ahead.
+            if (head) __builtin_prefetch(head, 1);
         } else {
             if (m_left < bytes) {
                 void* raw = ::mmap(nullptr, 2 * kSlab, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
@@ -160,7 +178,7 @@ public:
 
     void Free(void* p, std::size_t bytes) {
         bytes = (bytes + kAlign - 1) & ~(kAlign - 1);
-        std::lock_guard<std::mutex> hold(m_mutex);
+        std::lock_guard<SpinLock> hold(m_lock);
         TAVIK_POISON(p, bytes);
         TAVIK_UNPOISON(p, sizeof(Slot));
         auto* slot = static_cast<Slot*>(p);
@@ -174,7 +192,7 @@ private:
     struct Slot {
         Slot* next;
     };
-    std::mutex m_mutex;
+    SpinLock m_lock;
     Slot* m_free[kPoolMax / kAlign + 1] = {};
     unsigned char* m_next = nullptr;
     std::size_t m_left = 0;
