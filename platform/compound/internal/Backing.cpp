@@ -297,8 +297,7 @@ NodePtr CloneTree(const Node& node, bool separateContents) {
         if (node.content->backing) node.content->Resolve();
         copy->content = MakeContent(*node.content);
     }
-    for (const auto& [name, child] : node.children)
-        copy->children.emplace_hint(copy->children.end(), name, CloneTree(*child, separateContents));
+    for (const auto& [name, child] : node.children) copy->children.InsertLast(CloneTree(*child, separateContents));
     return copy;
 }
 

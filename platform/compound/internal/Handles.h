@@ -139,6 +139,8 @@ private:
     std::shared_ptr<RootFile> m_file;
     NodePtr m_storage;
     std::u16string m_last;
+    Children::const_iterator m_at;  // where m_last is, while the storage's version is m_version
+    std::uint64_t m_version = 0;
     bool m_started = false;
 };
 

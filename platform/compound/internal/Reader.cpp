@@ -196,7 +196,7 @@ HRESULT ReadCompoundFile(std::unique_ptr<ByteStore> store, std::shared_ptr<Backi
             }
             // A duplicate name (case-blind) in a damaged file: the first one found wins.
             Node* raw = node.get();
-            if (p.storage->children.emplace(node->name, std::move(node)).second && e.type == kTypeStorage)
+            if (p.storage->children.Insert(std::move(node)) && e.type == kTypeStorage)
                 storages.push_back({raw, e.child, p.depth + 1});
         }
     }

@@ -49,7 +49,7 @@ HRESULT MergeInto(const Node& src, Node& dest, bool skipStorages, bool skipStrea
             HRESULT hr = MergeInto(*child, *copy, skipStorages, skipStreams, nullptr);
             if (FAILED(hr)) return hr;
         }
-        dest.children.emplace(name, std::move(copy));
+        dest.children.Insert(std::move(copy));
     }
     return S_OK;
 }
@@ -66,8 +66,11 @@ StorageImpl::~StorageImpl() {
         // A direct root publishes at its last release, as Windows flushes a direct docfile; the error
         // has nowhere to go.
         if (!(m_mode & STGM_TRANSACTED) && Writable() && *m_dirty && !m_node->dead) m_file->Commit(*m_node);
-        KillTree(*m_node);
-        if (m_base) KillTree(*m_base);
+        // Marking the tree only matters to handles still open on it; with none, skip the walk.
+        if (m_file.use_count() > 1) {
+            KillTree(*m_node);
+            if (m_base) KillTree(*m_base);
+        }
     } else if (m_base) {
         // Uncommitted changes of a transacted storage vanish with it.
         KillTree(*m_node);
@@ -136,7 +139,7 @@ HRESULT StorageImpl::Create(const OLECHAR* name, DWORD mode, bool stream, NodePt
         node->type = cfb::kTypeStorage;
         node->ctime = node->mtime = NowFileTime();
     }
-    m_node->children.emplace(key, node);
+    m_node->children.Insert(node);
     Touch();
     return S_OK;
 }
@@ -284,7 +287,7 @@ HRESULT StorageImpl::RenameElement(const OLECHAR* oldName, const OLECHAR* newNam
     NodePtr node = it->second;
     m_node->children.erase(it);
     node->name = to;
-    m_node->children.emplace(to, std::move(node));
+    m_node->children.Insert(std::move(node));
     Touch();
     return S_OK;
 }

@@ -201,10 +201,18 @@ ULONG EnumImpl::Release() {
 // The next element after the last one returned, so that elements destroyed or added meanwhile do not
 // upset the walk.
 const Node* EnumImpl::Advance() {
-    auto& children = m_storage->children;
-    auto it = m_started ? children.upper_bound(m_last) : children.begin();
+    const Children& children = m_storage->children;
+    Children::const_iterator it;
+    if (!m_started)
+        it = children.begin();
+    else if (m_version == children.Version())
+        it = std::next(m_at);  // nothing came or went: the remembered place is still valid
+    else
+        it = children.upper_bound(m_last);
     if (it == children.end()) return nullptr;
     m_started = true;
+    m_at = it;
+    m_version = children.Version();
     m_last = it->first;
     return it->second.get();
 }
@@ -246,6 +254,8 @@ HRESULT EnumImpl::Clone(IEnumSTATSTG** ppenum) {
     auto* copy = new EnumImpl(m_file, m_storage);
     copy->m_last = m_last;
     copy->m_started = m_started;
+    copy->m_at = m_at;
+    copy->m_version = m_version;
     *ppenum = copy;
     return S_OK;
 }

@@ -7,6 +7,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "platform/OleStorage.h"
@@ -105,6 +106,58 @@ struct StreamContent {
 struct Node;
 using NodePtr = std::shared_ptr<Node>;
 
+// A storage's elements in name order. The keys view each node's own name, so a large store keeps one
+// copy of every name; elements go in only through Insert, which takes the key from the node, and a node
+// is renamed only while it is out. Version() changes whenever an element comes or goes, so that an
+// enumerator can tell whether the place it remembers is still there.
+class Children {
+    using Map = std::map<std::u16string_view, NodePtr, cfb::NameLess,
+                         PoolAllocator<std::pair<const std::u16string_view, NodePtr>>>;
+
+public:
+    using iterator = Map::iterator;
+    using const_iterator = Map::const_iterator;
+
+    Children() = default;
+    Children(const Children&) = delete;
+    Children& operator=(const Children&) = delete;
+    Children& operator=(Children&& other) noexcept {
+        m_map = std::move(other.m_map);
+        other.m_map.clear();
+        ++m_version;
+        ++other.m_version;
+        return *this;
+    }
+
+    iterator begin() { return m_map.begin(); }
+    iterator end() { return m_map.end(); }
+    const_iterator begin() const { return m_map.begin(); }
+    const_iterator end() const { return m_map.end(); }
+    bool empty() const { return m_map.empty(); }
+    std::size_t size() const { return m_map.size(); }
+    iterator find(std::u16string_view name) { return m_map.find(name); }
+    const_iterator find(std::u16string_view name) const { return m_map.find(name); }
+    const_iterator upper_bound(std::u16string_view name) const { return m_map.upper_bound(name); }
+    std::uint64_t Version() const { return m_version; }
+
+    // False (and the node not taken) when an element of that name is already there.
+    bool Insert(NodePtr node);
+    // For elements arriving in name order.
+    void InsertLast(NodePtr node);
+    iterator erase(iterator it) {
+        ++m_version;
+        return m_map.erase(it);
+    }
+    void clear() {
+        ++m_version;
+        m_map.clear();
+    }
+
+private:
+    Map m_map;
+    std::uint64_t m_version = 0;
+};
+
 struct Node {
     std::u16string name;
     std::uint8_t type = cfb::kTypeStream;  // kTypeStorage, kTypeStream or kTypeRoot
@@ -113,14 +166,26 @@ struct Node {
     std::uint64_t ctime = 0;
     std::uint64_t mtime = 0;
     std::shared_ptr<StreamContent> content;          // streams
-    std::map<std::u16string, NodePtr, cfb::NameLess, PoolAllocator<std::pair<const std::u16string, NodePtr>>>
-        children;  // storages
+    Children children;  // storages
     bool open = false;  // a handle is open on it (share mode exclusive)
     bool dead = false;  // removed from its tree: handles on it are reverted
 
     bool IsStorage() const { return type != cfb::kTypeStream; }
     std::uint64_t Size() const { return content ? content->size : 0; }
 };
+
+inline bool Children::Insert(NodePtr node) {
+    std::u16string_view key = node->name;
+    if (!m_map.emplace(key, std::move(node)).second) return false;
+    ++m_version;
+    return true;
+}
+
+inline void Children::InsertLast(NodePtr node) {
+    std::u16string_view key = node->name;
+    m_map.emplace_hint(m_map.end(), key, std::move(node));
+    ++m_version;
+}
 
 inline NodePtr MakeNode() { return std::allocate_shared<Node>(PoolAllocator<Node>()); }
 template <class... Args>

@@ -348,6 +348,38 @@ TEST_F(CompoundSemantics, ManySiblingsStayBalancedThroughDeletes) {
     EXPECT_EQ(Names(r.get()).size(), 1000u);
 }
 
+// An enumerator goes on after the last element it returned, whatever came or went meanwhile.
+TEST_F(CompoundSemantics, EnumerationSurvivesChangesUnderway) {
+    for (const char* n : {"a", "b", "c", "d", "e"}) ASSERT_EQ(PutStream(m_root.get(), n, {}), S_OK);
+    Com<IEnumSTATSTG> en;
+    ASSERT_EQ(m_root->EnumElements(0, nullptr, 0, en.out()), S_OK);
+    auto next = [](IEnumSTATSTG* e) {
+        STATSTG st;
+        ULONG got = 0;
+        if (e->Next(1, &st, &got) != S_OK) return std::string("(end)");
+        std::string name = WideToAnsi(st.pwcsName);
+        CoTaskMemFree(st.pwcsName);
+        return name;
+    };
+    EXPECT_EQ(next(en.get()), "a");
+    ASSERT_EQ(m_root->DestroyElement("a"), S_OK);  // the element just returned
+    EXPECT_EQ(next(en.get()), "b");
+    ASSERT_EQ(PutStream(m_root.get(), "aa", {}), S_OK);  // longer names sort after every short one
+    Com<IEnumSTATSTG> copy;
+    ASSERT_EQ(en->Clone(copy.out()), S_OK);
+    EXPECT_EQ(next(en.get()), "c");
+    ASSERT_EQ(m_root->RenameElement("d", "dd"), S_OK);
+    EXPECT_EQ(next(en.get()), "e");
+    EXPECT_EQ(next(en.get()), "aa");
+    EXPECT_EQ(next(en.get()), "dd");
+    EXPECT_EQ(next(en.get()), "(end)");
+    EXPECT_EQ(next(copy.get()), "c");
+    ASSERT_EQ(copy->Skip(2), S_OK);
+    EXPECT_EQ(next(copy.get()), "dd");
+    ASSERT_EQ(en->Reset(), S_OK);
+    EXPECT_EQ(next(en.get()), "b");
+}
+
 TEST_F(CompoundSemantics, CopyToCopiesTheWholeTree) {
     CLSID clsid = {0x12345678, 1, 2, {3, 4, 5, 6, 7, 8, 9, 10}};
     ASSERT_EQ(m_root->SetClass(clsid), S_OK);
