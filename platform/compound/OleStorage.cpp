@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "platform/CString.h"
+#include "platform/Unicode.h"
 #include "platform/compound/internal/Handles.h"
 
 using namespace detail;
@@ -97,7 +98,7 @@ HRESULT StgCreateDocfile(const OLECHAR* pwcsName, DWORD grfMode, DWORD reserved,
         if (ppstgOpen) *ppstgOpen = nullptr;
         return STG_E_INVALIDPARAMETER;
     }
-    return StgCreateDocfile(Utf16ToUtf8(pwcsName).c_str(), grfMode, reserved, ppstgOpen);
+    return StgCreateDocfile(WideToUtf8(pwcsName).c_str(), grfMode, reserved, ppstgOpen);
 }
 
 HRESULT StgOpenStorage(const char* path, IStorage* pstgPriority, DWORD grfMode, SNB snbExclude, DWORD reserved,
@@ -131,7 +132,7 @@ HRESULT StgOpenStorage(const OLECHAR* pwcsName, IStorage* pstgPriority, DWORD gr
         if (ppstgOpen) *ppstgOpen = nullptr;
         return STG_E_INVALIDNAME;
     }
-    return StgOpenStorage(Utf16ToUtf8(pwcsName).c_str(), pstgPriority, grfMode, snbExclude, reserved, ppstgOpen);
+    return StgOpenStorage(WideToUtf8(pwcsName).c_str(), pstgPriority, grfMode, snbExclude, reserved, ppstgOpen);
 }
 
 HRESULT StgOpenStorageOnMemory(const void* data, size_t size, IStorage** ppstgOpen) {
@@ -160,7 +161,7 @@ HRESULT StgIsStorageFile(const char* path) {
 
 HRESULT StgIsStorageFile(const OLECHAR* pwcsName) {
     if (!pwcsName) return STG_E_INVALIDNAME;
-    return StgIsStorageFile(Utf16ToUtf8(pwcsName).c_str());
+    return StgIsStorageFile(WideToUtf8(pwcsName).c_str());
 }
 
 HRESULT IStorage::CreateStream(const char* name, DWORD grfMode, DWORD r1, DWORD r2, IStream** ppstm) {

@@ -30,8 +30,6 @@ HRESULT CreateRootFile(const std::string& path, bool replace, std::shared_ptr<Ro
 
 std::uint64_t NowFileTime();
 LPOLESTR CopyName(std::u16string_view name);  // CoTaskMemAlloc'd, null on no memory
-std::u16string Utf8ToUtf16(std::string_view text);
-std::string Utf16ToUtf8(std::u16string_view text);
 
 class StorageImpl final : public IStorage {
 public:
