@@ -106,7 +106,47 @@ private:
     Block m_blocks[kBlocks];
 };
 
+// Written in pieces while it is read, so nothing is cached.
+class ScratchStore final : public ByteStore {
+public:
+    explicit ScratchStore(int fd) : m_fd(fd) {}
+    ~ScratchStore() override { ::close(m_fd); }
+    long long ReadAt(std::uint64_t offset, void* buffer, std::size_t count) override {
+        if (offset >= m_size) return 0;
+        count = static_cast<std::size_t>(std::min<std::uint64_t>(count, m_size - offset));
+        auto* out = static_cast<unsigned char*>(buffer);
+        std::size_t done = 0;
+        while (done < count) {
+            ssize_t n = ::pread(m_fd, out + done, count - done, static_cast<off_t>(offset + done));
+            if (n < 0 && errno == EINTR) continue;
+            if (n < 0) return -1;
+            if (n == 0) break;
+            done += static_cast<std::size_t>(n);
+        }
+        return static_cast<long long>(done);
+    }
+    std::uint64_t Size() const override { return m_size; }
+    bool WriteAt(std::uint64_t offset, const void* data, std::size_t count) override {
+        const auto* in = static_cast<const unsigned char*>(data);
+        std::size_t done = 0;
+        while (done < count) {
+            ssize_t n = ::pwrite(m_fd, in + done, count - done, static_cast<off_t>(offset + done));
+            if (n < 0 && errno == EINTR) continue;
+            if (n <= 0) return false;
+            done += static_cast<std::size_t>(n);
+        }
+        m_size = std::max(m_size, offset + count);
+        return true;
+    }
+
+private:
+    int m_fd;
+    std::uint64_t m_size = 0;
+};
+
 }  // namespace
+
+std::unique_ptr<ByteStore> MakeScratchStore(int fd) { return std::make_unique<ScratchStore>(fd); }
 
 std::unique_ptr<ByteStore> MakeMemoryStore(std::vector<unsigned char> bytes) {
     return std::make_unique<MemoryStore>(std::move(bytes));

@@ -21,7 +21,22 @@ public:
     // Writes `tree` as the file's new version: a complete file beside the old one, flushed, then renamed
     // over it. On failure the old file and this object are unchanged and no temporary file remains.
     HRESULT Commit(const Node& tree);
+
+    // Called when nobody is writing a large stream any more. Once the streams waiting for a commit hold
+    // more than SpillThreshold() bytes of memory, moves this one's bytes into an unnamed scratch file in
+    // the same directory, from where the next commit copies them. Leaves them in memory when there is
+    // no such file to be had (no path, no room, a file system without unnamed files).
+    void Spill(StreamContent& content);
+
+private:
+    std::shared_ptr<Backing> m_scratch;  // the current scratch file; older ones live while streams use them
+    std::uint64_t m_scratchSectors = 0;
+    std::uint64_t m_held = 0;  // bytes of released large streams kept in memory since the last commit
+    bool m_noScratch = false;
 };
+
+// 256 MB unless a test lowers it.
+std::uint64_t& SpillThreshold();
 
 // Opens or creates the file behind a root storage. `lock` is 0 (none), 1 (shared) or 2 (exclusive).
 HRESULT OpenRootFile(const std::string& path, int lock, bool writable, std::shared_ptr<RootFile>& file,

@@ -131,7 +131,52 @@ HRESULT RootFile::Commit(const Node& tree) {
     }
     RebindWritten(written, MakeFileStore(fd));
     m_backing = written.backing;
+    // What was spilled so far is in the new file now (or belongs to changes not yet committed, which
+    // keep the old scratch file alive): start the next one afresh.
+    m_scratch.reset();
+    m_scratchSectors = 0;
+    m_held = 0;
     return S_OK;
+}
+
+std::uint64_t& SpillThreshold() {
+    // Below this, memory is the faster place: a scratch file makes the bytes cross the page cache twice.
+    static std::uint64_t bytes = 256ull << 20;
+    return bytes;
+}
+
+void RootFile::Spill(StreamContent& c) {
+    if (m_path.empty() || !m_writable || m_noScratch || c.backing || c.size != c.data.size()) return;
+    if (m_held + c.size <= SpillThreshold()) {
+        m_held += c.size;
+        return;
+    }
+    if (!m_scratch) {
+        int fd = ::open(DirectoryOf(m_path).c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
+        if (fd < 0) {
+            // Unnamed files are not to be had here; memory it is, and no more tries.
+            if (errno == EOPNOTSUPP || errno == EISDIR || errno == EINVAL) m_noScratch = true;
+            return;
+        }
+        m_scratch = std::make_shared<Backing>();
+        m_scratch->store = MakeScratchStore(fd);
+        m_scratchSectors = 0;
+    }
+    const std::uint64_t sectors = (c.size + 511) / 512;
+    if (sectors == 0 || m_scratchSectors + sectors >= cfb::MAXREGSECT) return;
+    // Sector n lives at (n + 1) * 512, as in a compound file, so the usual chain reading applies.
+    if (!m_scratch->store->WriteAt((m_scratchSectors + 1) << 9, c.data.data(), c.data.size())) return;
+    c.backing = m_scratch;
+    c.start = static_cast<std::uint32_t>(m_scratchSectors);
+    c.mini = false;
+    c.owner = 0;
+    c.chain = Backing::Chain{};
+    c.chain.first = c.start;
+    c.chain.count = sectors;
+    c.resolved = true;
+    c.resolveHr = S_OK;
+    ByteBuffer().swap(c.data);
+    m_scratchSectors += sectors;
 }
 
 HRESULT OpenRootFile(const std::string& path, int lock, bool writable, std::shared_ptr<RootFile>& file,

@@ -30,7 +30,13 @@ HRESULT FillStat(const Node& node, STATSTG* stat, DWORD flags, DWORD mode, std::
 StreamImpl::StreamImpl(std::shared_ptr<RootFile> file, NodePtr node, DWORD mode, std::shared_ptr<bool> dirty)
     : m_file(std::move(file)), m_node(std::move(node)), m_mode(mode), m_dirty(std::move(dirty)) {}
 
-StreamImpl::~StreamImpl() { m_node->open = false; }
+StreamImpl::~StreamImpl() {
+    m_node->open = false;
+    // A large stream's bytes wait for the commit on disk rather than in memory. Small ones go into the
+    // mini stream at the commit, a few bytes at a time: they stay.
+    StreamContent& c = *m_node->content;
+    if (!m_node->dead && !c.backing && c.size >= cfb::kMiniCutoff) m_file->Spill(c);
+}
 
 HRESULT StreamImpl::QueryInterface(REFIID riid, void** ppv) {
     if (!ppv) return E_POINTER;

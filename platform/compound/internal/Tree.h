@@ -23,11 +23,15 @@ public:
     // Bytes read (fewer only at the end of the store), or -1 on an I/O error.
     virtual long long ReadAt(std::uint64_t offset, void* buffer, std::size_t count) = 0;
     virtual std::uint64_t Size() const = 0;
+    // Only a scratch store takes writes; the others are file versions that never change.
+    virtual bool WriteAt(std::uint64_t, const void*, std::size_t) { return false; }
 };
 
 std::unique_ptr<ByteStore> MakeMemoryStore(std::vector<unsigned char> bytes);
 // Takes ownership of fd (and with it any lock held through it).
 std::unique_ptr<ByteStore> MakeFileStore(int fd);
+// A file that grows while it is read, for bytes waiting for a commit; takes ownership of fd.
+std::unique_ptr<ByteStore> MakeScratchStore(int fd);
 
 // The allocation tables of one file version, and the byte store they describe.
 class Backing {

@@ -12,6 +12,7 @@
 
 #include "platform/CString.h"
 #include "platform/compound/internal/Format.h"
+#include "platform/compound/internal/Handles.h"
 #include "tests/platform/compound/CompoundTestSupport.h"
 #include "tests/support/TempDir.h"
 
@@ -409,6 +410,58 @@ TEST_F(CompoundSemantics, CopyToCopiesTheWholeTree) {
     EXPECT_TRUE(st.clsid == clsid);
     EXPECT_EQ(WideToAnsi(st.pwcsName), copy);
     CoTaskMemFree(st.pwcsName);
+}
+
+// Large streams waiting for a commit may move to a scratch file; nothing about them may change for it.
+TEST_F(CompoundSemantics, SpilledStreamsBehaveLikeHeldOnes) {
+    struct Restore {
+        std::uint64_t old = detail::SpillThreshold();
+        ~Restore() { detail::SpillThreshold() = old; }
+    } restore;
+    detail::SpillThreshold() = 0;
+    ASSERT_EQ(PutStream(m_root.get(), "a", Pattern(5000, 1)), S_OK);
+    ASSERT_EQ(PutStream(m_root.get(), "small", Pattern(100, 2)), S_OK);
+    EXPECT_EQ(GetStream(m_root.get(), "a"), Pattern(5000, 1));
+    std::vector<unsigned char> a = Pattern(5000, 1);
+    {
+        Com<IStream> s;
+        ASSERT_EQ(m_root->OpenStream("a", nullptr, kRW, 0, s.out()), S_OK);
+        LARGE_INTEGER at;
+        at.QuadPart = 4000;
+        ASSERT_EQ(s->Seek(at, STREAM_SEEK_SET, nullptr), S_OK);
+        auto tail = Pattern(3000, 3);
+        ASSERT_EQ(s->Write(tail.data(), static_cast<ULONG>(tail.size()), nullptr), S_OK);
+        a.resize(4000);
+        a.insert(a.end(), tail.begin(), tail.end());
+    }
+    {
+        Com<IStorage> t;
+        ASSERT_EQ(m_root->CreateStorage("t", kRW | STGM_TRANSACTED, 0, 0, t.out()), S_OK);
+        ASSERT_EQ(PutStream(t.get(), "kept", Pattern(6000, 4)), S_OK);
+        ASSERT_EQ(t->Commit(STGC_DEFAULT), S_OK);
+        ASSERT_EQ(PutStream(t.get(), "dropped", Pattern(7000, 5)), S_OK);
+    }
+    ASSERT_EQ(m_root->Commit(STGC_DEFAULT), S_OK);
+    // After a commit the next streams go to a new scratch file; the committed ones read from the file.
+    ASSERT_EQ(PutStream(m_root.get(), "b", Pattern(9000, 6)), S_OK);
+    EXPECT_EQ(GetStream(m_root.get(), "a"), a);
+    ASSERT_EQ(m_root->Commit(STGC_DEFAULT), S_OK);
+    m_root.reset();
+
+    Com<IStorage> r;
+    ASSERT_EQ(StgOpenStorage(m_file.c_str(), nullptr, kRO, nullptr, 0, r.out()), S_OK);
+    EXPECT_EQ(GetStream(r.get(), "a"), a);
+    EXPECT_EQ(GetStream(r.get(), "b"), Pattern(9000, 6));
+    EXPECT_EQ(GetStream(r.get(), "small"), Pattern(100, 2));
+    Com<IStorage> t = OpenPath(r.get(), "t", kRO);
+    ASSERT_TRUE(t.get());
+    EXPECT_EQ(GetStream(t.get(), "kept"), Pattern(6000, 4));
+    HRESULT hr = S_OK;
+    GetStream(t.get(), "dropped", &hr);
+    EXPECT_EQ(hr, STG_E_FILENOTFOUND);
+    // Scratch files have no names: nothing is left beside the store.
+    auto entries = std::distance(std::filesystem::directory_iterator(m_dir.path()), {});
+    EXPECT_EQ(entries, 1);
 }
 
 // Streams written in interleaved pieces move and grow inside the engine's buffers, across many of its
