@@ -9,23 +9,11 @@
 namespace detail {
 
 // Buffers up to kArenaMax bytes are carved from 2 MB slabs that the kernel may back with one huge page
-// each; larger ones come from operator new. A slab goes back to the system once every buffer in it is
-// freed, which a commit does for all the bytes it writes.
+// each; larger ones come from operator new. A slab is emptied once every buffer in it is freed, which a
+// commit does for all the bytes it writes, and kept for the next commit's streams.
 void* ArenaAllocate(std::size_t bytes);
 void ArenaFree(void* p, std::size_t bytes);
 constexpr std::size_t kArenaMax = 64 * 1024;
-
-template <class T>
-struct ArenaAllocator {
-    using value_type = T;
-    ArenaAllocator() = default;
-    template <class U>
-    ArenaAllocator(const ArenaAllocator<U>&) {}
-    T* allocate(std::size_t n) { return static_cast<T*>(ArenaAllocate(n * sizeof(T))); }
-    void deallocate(T* p, std::size_t n) { ArenaFree(p, n * sizeof(T)); }
-    template <class U>
-    bool operator==(const ArenaAllocator<U>&) const { return true; }
-};
 
 // Stream bytes in memory. Not a std::vector: with an allocator of its own, vector copies and fills
 // byte by byte, which was a quarter of a large create + commit.
