@@ -45,4 +45,8 @@ public:
 
 protected:
     IStream* m_lpStream;
+
+private:
+    // The end of OpenStream and CreateStream: the stream attached, or the failure reported.
+    BOOL Adopt(HRESULT hr, IStream* s, LPCTSTR name, CFileException* pError);
 };

@@ -55,22 +55,16 @@ BOOL COleStreamFile::OpenStream(IStorage* lpStorage, LPCTSTR name, DWORD flags, 
     IStream* s = nullptr;
     HRESULT hr = lpStorage ? lpStorage->OpenStream(name, nullptr, flags & kStgmBits & ~STGM_CREATE, 0, &s)
                            : STG_E_INVALIDPOINTER;
-    if (FAILED(hr)) {
-        if (pError) {
-            pError->m_cause = ScodeToCause(hr);
-            pError->m_lOsError = hr;
-            pError->m_strFileName = name;
-        }
-        return FALSE;
-    }
-    m_lpStream = s;
-    m_strFileName = name;
-    return TRUE;
+    return Adopt(hr, s, name, pError);
 }
 
 BOOL COleStreamFile::CreateStream(IStorage* lpStorage, LPCTSTR name, DWORD flags, CFileException* pError) {
     IStream* s = nullptr;
     HRESULT hr = lpStorage ? lpStorage->CreateStream(name, flags & kStgmBits, 0, 0, &s) : STG_E_INVALIDPOINTER;
+    return Adopt(hr, s, name, pError);
+}
+
+BOOL COleStreamFile::Adopt(HRESULT hr, IStream* s, LPCTSTR name, CFileException* pError) {
     if (FAILED(hr)) {
         if (pError) {
             pError->m_cause = ScodeToCause(hr);
