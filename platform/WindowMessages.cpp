@@ -12,6 +12,7 @@
 #include <thread>
 #include <vector>
 
+#include "platform/internal/IdleWatch.h"
 #include "platform/internal/KernelObjects.h"
 
 namespace {
@@ -27,7 +28,7 @@ struct SentMessage {
     WPARAM wParam;
     LPARAM lParam;
     LRESULT result = 0;
-    bool done = false;                    // guarded by sender->mutex
+    std::atomic<bool> done{false};        // set under sender->mutex after result
     std::shared_ptr<ThreadQueue> sender;  // woken when done
     std::shared_ptr<Window> window;       // only touched on the window's thread once queued
 };
@@ -52,36 +53,16 @@ struct ThreadQueue {
     UINT_PTR nextThreadTimerId = 0x7F00;
     bool sleeping = false;  // the owner waits on `changed`; only then is a notify worth its system call
     std::atomic<unsigned> arrivals{0};  // bumped for every send, post and timer set, for an idle owner to watch
+    detail::IdleWatch idle;              // the owner's spells between messages
+    detail::IdleWatch replies;           // how long the owner's cross-thread sends waited for their answers
 };
 
 // Call with q's mutex held; notify `changed` after unlocking when it returns true, so the woken thread
 // does not run straight into the mutex its waker still holds.
 bool mustWake(const ThreadQueue& q) { return q.sleeping; }
 
-// A sender usually posts right after its send returns (a count, then a percentage), so a window thread
-// that has just answered watches its queue this long before sleeping and is not woken a second time.
-// Longer spins, and a sender spinning on the answer, were measured slower on a busy 2-CPU machine: the
-// spinner takes the CPU its partner needs.
-constexpr auto kIdleWatch = std::chrono::microseconds(5);
+// Without a second CPU nobody can answer while we spin.
 const bool g_watchWorthIt = std::thread::hardware_concurrency() > 1;
-
-inline void cpuRelax() {
-#if defined(__x86_64__) || defined(__i386__)
-    __builtin_ia32_pause();
-#elif defined(__aarch64__)
-    __asm__ __volatile__("yield");
-#endif
-}
-
-// True when something arrived within kIdleWatch.
-bool watchBriefly(const ThreadQueue& q, unsigned seen) {
-    auto until = Clock::now() + kIdleWatch;
-    for (unsigned i = 1;; ++i) {
-        if (q.arrivals.load(std::memory_order_relaxed) != seen) return true;
-        cpuRelax();
-        if (i % 16 == 0 && Clock::now() >= until) return false;
-    }
-}
 
 // Waits on q.changed (mutex held through `lock`) with the sleeping flag up; returns like wait_until.
 std::cv_status sleepOn(ThreadQueue& q, std::unique_lock<std::mutex>& lock, Clock::time_point until) {
@@ -151,7 +132,7 @@ void complete(const std::shared_ptr<SentMessage>& sm, LRESULT result) {
     {
         std::lock_guard<std::mutex> lock(sender.mutex);
         sm->result = result;
-        sm->done = true;
+        sm->done.store(true, std::memory_order_release);
         wake = mustWake(sender);
     }
     if (wake) sender.changed.notify_one();
@@ -220,14 +201,22 @@ bool fetch(MSG* out, HWND filter, UINT filterMin, UINT filterMax, bool remove, b
             earliest = std::min(earliest, t.due);
         }
         if (!wait) return false;
+        Clock::time_point idleSince = now;
         if (g_watchWorthIt) {
             unsigned seen = q->arrivals.load(std::memory_order_relaxed);
             lock.unlock();
-            watchBriefly(*q, seen);
+            detail::SpinUntil(std::min(earliest, now + q->idle.Budget()), [&] {
+                return q->arrivals.load(std::memory_order_relaxed) != seen;
+            });
             lock.lock();
-            if (q->arrivals.load(std::memory_order_relaxed) != seen) continue;
+            // Looked at again under the lock: a sender that came after the spin saw nobody sleeping.
+            if (q->arrivals.load(std::memory_order_relaxed) != seen) {
+                q->idle.Note(Clock::now() - idleSince);
+                continue;
+            }
         }
         sleepOn(*q, lock, earliest);
+        q->idle.Note(Clock::now() - idleSince);
     }
 }
 
@@ -458,10 +447,16 @@ bool sendAndWait(HWND hwnd, UINT message, WPARAM wParam, LPARAM lParam, DWORD ti
     }
     if (wake) target->changed.notify_one();
     // Wait for the answer, handling what other threads send to us meanwhile.
-    auto deadline = timeout == INFINITE ? Clock::time_point::max()
-                                        : Clock::now() + std::chrono::milliseconds(timeout);
+    Clock::time_point sentAt = Clock::now();
+    auto deadline = timeout == INFINITE ? Clock::time_point::max() : sentAt + std::chrono::milliseconds(timeout);
+    if (g_watchWorthIt) {
+        unsigned seen = me->arrivals.load(std::memory_order_relaxed);
+        detail::SpinUntil(std::min(deadline, sentAt + me->replies.Budget()), [&] {
+            return sm->done.load(std::memory_order_acquire) || me->arrivals.load(std::memory_order_relaxed) != seen;
+        });
+    }
     std::unique_lock<std::mutex> lock(me->mutex);
-    while (!sm->done) {
+    while (!sm->done.load(std::memory_order_relaxed)) {
         if (!me->sent.empty()) {
             auto incoming = me->sent.front();
             me->sent.pop_front();
@@ -471,10 +466,12 @@ bool sendAndWait(HWND hwnd, UINT message, WPARAM wParam, LPARAM lParam, DWORD ti
             continue;
         }
         if (sleepOn(*me, lock, deadline) == std::cv_status::timeout && !sm->done && me->sent.empty()) {
+            me->replies.Note(Clock::now() - sentAt);
             SetLastError(ERROR_TIMEOUT);
             return false;
         }
     }
+    me->replies.Note(Clock::now() - sentAt);
     *result = sm->result;
     return true;
 }

@@ -123,6 +123,31 @@ TEST(SendMessageTest, ThreadsSendingToEachOtherDoNotDeadlock) {
     DestroyWindow(mine);
 }
 
+// Both sides spin for a while before they sleep, for a time that follows the pace of the messages: a
+// send or post that lands just as one of them gives up spinning must still wake it. Pauses around
+// those times; a lost wake-up shows as a send that only ends once a later post wakes the window.
+TEST(SendMessageTest, NoWakeUpIsLostAtAnyPace) {
+    WindowThread window;
+    HANDLE finished = CreateEvent(nullptr, TRUE, FALSE, nullptr);
+    std::atomic<int> wrong{0};
+    std::thread sender([&] {
+        for (int i = 0; i < 1500; ++i) {
+            auto until = std::chrono::steady_clock::now() + std::chrono::microseconds((i * 37) % 400);
+            while (std::chrono::steady_clock::now() < until) {
+            }
+            if (SendMessage(window.hwnd(), WM_ADD, WPARAM(i), 1) != i + 1) ++wrong;
+            PostMessage(window.hwnd(), WM_NULL, 0, 0);
+        }
+        SetEvent(finished);
+    });
+    bool inTime = WaitForSingleObject(finished, 20000) == WAIT_OBJECT_0;
+    while (WaitForSingleObject(finished, 10) != WAIT_OBJECT_0) PostMessage(window.hwnd(), WM_NULL, 0, 0);
+    sender.join();
+    EXPECT_TRUE(inTime);
+    EXPECT_EQ(wrong.load(), 0);
+    CloseHandle(finished);
+}
+
 TEST(SendMessageTest, PendingSendsEndWithZeroWhenTheWindowGoes) {
     g_destroyed = 0;
     auto window = std::make_unique<WindowThread>();
