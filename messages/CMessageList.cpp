@@ -10,6 +10,19 @@
 #include "util/CStringToken.h"
 #include "util/XString.h"
 
+namespace {
+
+bool matchField(const char* line, const char* keyword, CString& field);
+
+// Every keyword test sets the shared separator to ':' as IntelliScan does, which also saves the one
+// before it; two settings leave the same state as any larger number, so a header makes at most two
+// instead of one per test (each a pair of atomic exchanges).
+void settleSeparator(int scans) {
+    for (int i = 0; i < scans && i < 2; ++i) XString::SetSeparator(':');
+}
+
+}  // namespace
+
 IMPLEMENT_DYNAMIC(CMessageList, CObject)
 
 CMessageList::CMessageList(IStorage* parent) : m_pParentStorage(parent), m_pBodyBuffer(nullptr) { Reset(); }
@@ -154,10 +167,20 @@ void CMessageList::ClearSpamTag() {
 // --- header scan
 
 void CMessageList::ParseHeader(const CString& header) {
-    // A run of line ends is one cut, so blank lines vanish and folded lines stand alone (and never match,
-    // since their "name" starts with blanks).
-    CStringToken lines(header.GetString(), "\r\n");
-    for (auto it = lines.Begin(); it != lines.End(); ++it) InspectString(it->c_str());
+    // Lines are cut in place in one copy of the header. A run of line ends is one cut, so blank lines
+    // vanish and folded lines stand alone (and never match, since their "name" starts with blanks).
+    std::string text(header.GetString());
+    int scans = 0;
+    for (size_t at = 0; at < text.size();) {
+        size_t end = at;
+        while (end < text.size() && text[end] != '\r' && text[end] != '\n') ++end;
+        if (end > at) {
+            if (end < text.size()) text[end] = '\0';
+            scans += ScanLine(text.c_str() + at);
+        }
+        at = end + 1;
+    }
+    settleSeparator(scans);
     if (m_strReplyTo.IsEmpty()) m_strReplyTo = GetFormattedSenderName();
     if (m_strMessageID.IsEmpty()) {
         m_strMessageID = RandomString(20, 1);
@@ -170,7 +193,9 @@ void CMessageList::ParseHeader(const CString& header) {
     }
 }
 
-void CMessageList::InspectString(const char* line) {
+void CMessageList::InspectString(const char* line) { settleSeparator(ScanLine(line)); }
+
+int CMessageList::ScanLine(const char* line) {
     struct Rule {
         CString CMessageList::*field;
         const char* keywords[3];
@@ -192,19 +217,27 @@ void CMessageList::InspectString(const char* line) {
         {&CMessageList::m_strStatus, {"STATUS"}},
         {&CMessageList::m_strOrganization, {"ORGANIZATION"}},
     };
+    int scans = 0;
     for (const Rule& rule : kRules) {
         CString& field = this->*rule.field;
         if (!field.IsEmpty()) continue;
         for (const char* keyword : rule.keywords) {
-            if (keyword != nullptr && IntelliScan(line, keyword, field)) return;
+            if (keyword == nullptr) continue;
+            ++scans;
+            if (matchField(line, keyword, field)) return scans;
         }
     }
+    return scans;
 }
 
 bool CMessageList::IntelliScan(const char* line, const char* keyword, CString& field) {
-    // The split is element 0 / elements 1.. of the line with ':' as the shared separator; done by hand to
-    // avoid copying long lines once per keyword, but the separator is left set as callers expect.
     XString::SetSeparator(':');
+    return matchField(line, keyword, field);
+}
+
+namespace {
+
+bool matchField(const char* line, const char* keyword, CString& field) {
     // The name equals the keyword when the line starts with it (no keyword holds a colon) and the name
     // ends right there. Comparing from the front first keeps a long line from being read once per keyword.
     size_t n = 0;
@@ -222,6 +255,8 @@ bool CMessageList::IntelliScan(const char* line, const char* keyword, CString& f
     field = value;
     return true;
 }
+
+}  // namespace
 
 // --- addresses
 
@@ -325,10 +360,12 @@ bool CMessageList::Find(const CString& text, bool matchCase, FindType type) {
 
 CString CMessageList::RandomString(int length, int mode) {
     CString out;
+    // Reseeding per character from the tick count is what makes names made in the same millisecond
+    // repeat; kept so that names come out as existing stores expect. One reading of the clock serves
+    // the whole name (a load makes a name for every record it constructs).
+    const DWORD tick = GetTickCount();
     for (int i = 0; i < length; ++i) {
-        // Reseeding per character from the tick count is what makes names made in the same
-        // millisecond repeat; kept so that names come out as existing stores expect.
-        std::srand(GetTickCount() * static_cast<DWORD>(i + 1) * static_cast<DWORD>(length));
+        std::srand(tick * static_cast<DWORD>(i + 1) * static_cast<DWORD>(length));
         int c = std::rand();
         switch (mode) {
         case 1:

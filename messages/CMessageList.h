@@ -173,10 +173,13 @@ protected:
     // an empty header marks the record deleted. Sets the shared XString separator to ':'.
     void ParseHeader(const CString& header);
     void InspectString(const char* line);
+    // InspectString without touching the separator; returns how many keyword tests it made.
+    int ScanLine(const char* line);
     // True when the line's name (the text before its first colon, untrimmed) equals keyword ignoring
     // case; field then gets the value after the colon, trimmed.
     static bool IntelliScan(const char* line, const char* keyword, CString& field);
-    // length characters, each drawn after reseeding rand with GetTickCount() * (index + 1) * length.
+    // length characters, each drawn after reseeding rand with tick * (index + 1) * length, tick being
+    // GetTickCount() read once for the whole text.
     // mode 1: digits and letters ('0'-'9', 'A'-'Z', 'a'-'y'); 2: letters; 3: digits '0'-'8'; other: any
     // byte.
     CString RandomString(int length, int mode);
