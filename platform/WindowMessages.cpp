@@ -64,6 +64,24 @@ bool mustWake(const ThreadQueue& q) { return q.sleeping; }
 // Without a second CPU nobody can answer while we spin.
 const bool g_watchWorthIt = std::thread::hardware_concurrency() > 1;
 
+// A queue's lock is held for a few pointer moves, mostly while the other side of a send runs on another
+// CPU: a short spin on try_lock is far cheaper than sleeping in the kernel and being woken again.
+void acquire(std::unique_lock<std::mutex>& lock) {
+    if (g_watchWorthIt) {
+        for (int i = 0; i < 64; ++i) {
+            if (lock.try_lock()) return;
+            detail::CpuRelax();
+        }
+    }
+    lock.lock();
+}
+
+std::unique_lock<std::mutex> locked(std::mutex& mutex) {
+    std::unique_lock<std::mutex> lock(mutex, std::defer_lock);
+    acquire(lock);
+    return lock;
+}
+
 // Waits on q.changed (mutex held through `lock`) with the sleeping flag up; returns like wait_until.
 std::cv_status sleepOn(ThreadQueue& q, std::unique_lock<std::mutex>& lock, Clock::time_point until) {
     q.sleeping = true;
@@ -130,7 +148,7 @@ void complete(const std::shared_ptr<SentMessage>& sm, LRESULT result) {
     ThreadQueue& sender = *sm->sender;
     bool wake;
     {
-        std::lock_guard<std::mutex> lock(sender.mutex);
+        auto lock = locked(sender.mutex);
         sm->result = result;
         sm->done.store(true, std::memory_order_release);
         wake = mustWake(sender);
@@ -156,14 +174,14 @@ bool matches(HWND msgHwnd, UINT message, HWND filter, UINT filterMin, UINT filte
 // message, WM_QUIT or a due timer, in that order.
 bool fetch(MSG* out, HWND filter, UINT filterMin, UINT filterMax, bool remove, bool wait) {
     std::shared_ptr<ThreadQueue> q = myQueue();
-    std::unique_lock<std::mutex> lock(q->mutex);
+    auto lock = locked(q->mutex);
     for (;;) {
         if (!q->sent.empty()) {
             auto sm = q->sent.front();
             q->sent.pop_front();
             lock.unlock();
             deliverSent(sm);
-            lock.lock();
+            acquire(lock);
             continue;
         }
         for (auto it = q->posted.begin(); it != q->posted.end(); ++it) {
@@ -205,10 +223,8 @@ bool fetch(MSG* out, HWND filter, UINT filterMin, UINT filterMax, bool remove, b
         if (g_watchWorthIt) {
             unsigned seen = q->arrivals.load(std::memory_order_relaxed);
             lock.unlock();
-            detail::SpinUntil(std::min(earliest, now + q->idle.Budget()), [&] {
-                return q->arrivals.load(std::memory_order_relaxed) != seen;
-            });
-            lock.lock();
+            q->idle.Watch(now, earliest, [&] { return q->arrivals.load(std::memory_order_relaxed) != seen; });
+            acquire(lock);
             // Looked at again under the lock: a sender that came after the spin saw nobody sleeping.
             if (q->arrivals.load(std::memory_order_relaxed) != seen) {
                 q->idle.Note(Clock::now() - idleSince);
@@ -230,7 +246,7 @@ bool postTo(const std::shared_ptr<ThreadQueue>& q, const Window* w, HWND hwnd, U
     msg.time = GetTickCount();
     bool wake;
     {
-        std::lock_guard<std::mutex> lock(q->mutex);
+        auto lock = locked(q->mutex);
         if (q->dead || (w != nullptr && w->gone)) return false;
         q->posted.push_back(msg);
         q->arrivals.fetch_add(1, std::memory_order_relaxed);
@@ -439,7 +455,7 @@ bool sendAndWait(HWND hwnd, UINT message, WPARAM wParam, LPARAM lParam, DWORD ti
     sm->window = w;
     bool wake;
     {
-        std::lock_guard<std::mutex> lock(target->mutex);
+        auto lock = locked(target->mutex);
         if (target->dead || w->gone) return false;
         target->sent.push_back(sm);
         target->arrivals.fetch_add(1, std::memory_order_relaxed);
@@ -451,18 +467,18 @@ bool sendAndWait(HWND hwnd, UINT message, WPARAM wParam, LPARAM lParam, DWORD ti
     auto deadline = timeout == INFINITE ? Clock::time_point::max() : sentAt + std::chrono::milliseconds(timeout);
     if (g_watchWorthIt) {
         unsigned seen = me->arrivals.load(std::memory_order_relaxed);
-        detail::SpinUntil(std::min(deadline, sentAt + me->replies.Budget()), [&] {
+        me->replies.Watch(sentAt, deadline, [&] {
             return sm->done.load(std::memory_order_acquire) || me->arrivals.load(std::memory_order_relaxed) != seen;
         });
     }
-    std::unique_lock<std::mutex> lock(me->mutex);
+    auto lock = locked(me->mutex);
     while (!sm->done.load(std::memory_order_relaxed)) {
         if (!me->sent.empty()) {
             auto incoming = me->sent.front();
             me->sent.pop_front();
             lock.unlock();
             deliverSent(incoming);
-            lock.lock();
+            acquire(lock);
             continue;
         }
         if (sleepOn(*me, lock, deadline) == std::cv_status::timeout && !sm->done && me->sent.empty()) {
