@@ -5,6 +5,7 @@
 #include <cstring>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "messages/CMessageList.h"
@@ -242,8 +243,7 @@ bool CMessageList::GetBody(CString& text) {
             CStorageManager storage;
             if (storage.OpenSubStorage(m_pParentStorage, m_strStorageName, kRecordMode, true, kReadTransacted)) {
                 std::string bytes;
-                if (storage.ReadBytes("Body", bytes) && !bytes.empty())
-                    text = CString(bytes.data(), static_cast<int>(bytes.size()));
+                if (storage.ReadBytes("Body", bytes) && !bytes.empty()) text = CString(std::move(bytes));
             }
         } catch (CStorageManagerException* e) {
             e->Delete();
