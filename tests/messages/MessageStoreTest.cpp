@@ -11,8 +11,10 @@
 #include "messages/CStorageManager.h"
 #include "platform/Clock.h"
 #include "platform/WindowMessages.h"
+#include "tests/messages/DamagedFile.h"
 #include "tests/support/TempDir.h"
 
+using tavik::test::ClaimHugeStreamSize;
 using tavik::test::TempDir;
 
 namespace {
@@ -229,19 +231,7 @@ TEST_F(MessageStoreTest, AStreamClaimingAHugeSizeIsReadForWhatItHolds) {
     m_file.reset();
     // Make the "Header" entry of the directory claim almost 2 GB.
     std::string path = m_dir.file("mail.tvd");
-    std::FILE* f = std::fopen(path.c_str(), "r+b");
-    ASSERT_NE(f, nullptr);
-    std::string bytes(1 << 20, '\0');
-    bytes.resize(std::fread(bytes.data(), 1, bytes.size(), f));
-    const char name[] = "H\0e\0a\0d\0e\0r\0\0\0";
-    // Directory entries start at multiples of 128 bytes; the name also occurs inside "Root Entry".
-    size_t at = bytes.find(std::string(name, sizeof name - 1));
-    while (at != std::string::npos && at % 128 != 0) at = bytes.find(std::string(name, sizeof name - 1), at + 1);
-    ASSERT_NE(at, std::string::npos);
-    const unsigned char huge[4] = {0x00, 0xFF, 0xFF, 0x7F};
-    std::fseek(f, static_cast<long>(at + 120), SEEK_SET);
-    std::fwrite(huge, 1, 4, f);
-    std::fclose(f);
+    ClaimHugeStreamSize(path, "Header");
 
     reopen();
     CMessageList loaded(store());

@@ -7,9 +7,11 @@
 #include <string>
 
 #include "messages/CStorageManager.h"
+#include "tests/messages/DamagedFile.h"
 #include "tests/support/TempDir.h"
 
 namespace fs = std::filesystem;
+using tavik::test::ClaimHugeStreamSize;
 using tavik::test::TempDir;
 
 namespace {
@@ -223,19 +225,7 @@ TEST(StorageManager, ADamagedStreamFailsTheEnumeratingReaderWithItsText) {
         root.WriteString("Entry", "spam@x");
     }
     // The stream's directory entry claims almost 2 GB; its sectors hold six bytes.
-    std::FILE* f = std::fopen(path.c_str(), "r+b");
-    ASSERT_NE(f, nullptr);
-    std::string bytes(1 << 16, '\0');
-    bytes.resize(std::fread(bytes.data(), 1, bytes.size(), f));
-    const char name[] = "E\0n\0t\0r\0y\0\0\0";
-    // Directory entries start at multiples of 128 bytes; the name also occurs inside "Root Entry".
-    size_t at = bytes.find(std::string(name, sizeof name - 1));
-    while (at != std::string::npos && at % 128 != 0) at = bytes.find(std::string(name, sizeof name - 1), at + 1);
-    ASSERT_NE(at, std::string::npos);
-    const unsigned char huge[4] = {0x00, 0xFF, 0xFF, 0x7F};
-    std::fseek(f, static_cast<long>(at + 120), SEEK_SET);
-    std::fwrite(huge, 1, 4, f);
-    std::fclose(f);
+    ClaimHugeStreamSize(path, "Entry");
 
     CStorageManager root(path.c_str(), false);
     CStringArray entries;
