@@ -2,7 +2,6 @@
 // the end mark cut at every possible place.
 #include <gtest/gtest.h>
 
-#include <random>
 #include <string>
 
 #include "transport/internal/EndMarkScanner.h"
@@ -43,31 +42,18 @@ const std::vector<std::string> kReplies = {
 
 }  // namespace
 
+// Whole, byte by byte, and cut in two places everywhere (so also inside the mark itself).
 TEST(EndMarkScanner, FindsTheFirstMarkHoweverTheReplyArrives) {
-    std::mt19937 random(7);
     for (std::string_view mark : {kLine, kListing}) {
         for (const auto& reply : kReplies) {
-            size_t expected = reply.find(mark);
+            const size_t expected = reply.find(mark);
             SCOPED_TRACE(std::string(mark.size() == 2 ? "line: " : "listing: ") + reply);
             EXPECT_EQ(FeedInPieces(mark, reply, {reply.size()}), expected);
             EXPECT_EQ(FeedInPieces(mark, reply, {1}), expected);
-            for (int round = 0; round < 50; ++round) {
-                std::vector<size_t> pieces;
-                for (int k = 0; k < 8; ++k) pieces.push_back(1 + random() % 6);
-                EXPECT_EQ(FeedInPieces(mark, reply, pieces), expected);
-            }
+            for (size_t cut = 1; cut < reply.size(); ++cut)
+                for (size_t second = 1; cut + second < reply.size(); ++second)
+                    ASSERT_EQ(FeedInPieces(mark, reply, {cut, second, reply.size()}), expected) << cut << "+" << second;
         }
-    }
-}
-
-TEST(EndMarkScanner, FindsTheMarkCutAtEveryPlace) {
-    const std::string reply = "+OK 3 octets\r\nabc\r\n..\r\n.\r\n";
-    const size_t expected = reply.find(kListing);
-    for (size_t cut = 1; cut < reply.size(); ++cut) {
-        EXPECT_EQ(FeedInPieces(kListing, reply, {cut, reply.size()}), expected) << "cut after " << cut;
-        // and a third piece in the middle of the mark itself
-        for (size_t second = 1; cut + second < reply.size(); ++second)
-            ASSERT_EQ(FeedInPieces(kListing, reply, {cut, second, reply.size()}), expected);
     }
 }
 
