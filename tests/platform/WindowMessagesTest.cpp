@@ -34,20 +34,26 @@ LRESULT testProc(HWND hwnd, UINT msg, WPARAM w, LPARAM l) {
     }
 }
 
+// A manual-reset event that closes itself.
+struct Event {
+    HANDLE h = CreateEvent(nullptr, TRUE, FALSE, nullptr);
+    ~Event() { CloseHandle(h); }
+    operator HANDLE() const { return h; }
+};
+
 // A thread that owns a window and pumps its messages until WM_QUIT.
 class WindowThread {
 public:
     WindowThread() {
-        HANDLE ready = CreateEvent(nullptr, TRUE, FALSE, nullptr);
-        m_thread = std::thread([this, ready] {
+        Event ready;
+        m_thread = std::thread([this, r = ready.h] {
             m_hwnd = CreateMessageWindow(testProc);
             m_id = GetCurrentThreadId();
-            SetEvent(ready);
+            SetEvent(r);
             MSG msg;
             while (GetMessage(&msg, nullptr, 0, 0) > 0) DispatchMessage(&msg);
         });
         WaitForSingleObject(ready, INFINITE);
-        CloseHandle(ready);
     }
     ~WindowThread() { stop(); }
     void stop() {
@@ -82,11 +88,9 @@ TEST(SendMessageTest, RunsOnTheWindowsThreadAndReturnsItsResult) {
 
 TEST(SendMessageTest, ABlockedWindowThreadBlocksTheSender) {
     WindowThread window;
-    HANDLE entered = CreateEvent(nullptr, TRUE, FALSE, nullptr);
-    HANDLE release = CreateEvent(nullptr, TRUE, FALSE, nullptr);
-    HANDLE answered = CreateEvent(nullptr, TRUE, FALSE, nullptr);
+    Event entered, release, answered;
     // The window's thread sits inside WM_BLOCK; a second send must wait for it.
-    PostMessage(window.hwnd(), WM_BLOCK, WPARAM(entered), LPARAM(release));
+    PostMessage(window.hwnd(), WM_BLOCK, WPARAM(entered.h), LPARAM(release.h));
     ASSERT_EQ(WaitForSingleObject(entered, 5000), WAIT_OBJECT_0);
     std::atomic<LRESULT> result{-1};
     std::thread sender([&] {
@@ -104,7 +108,6 @@ TEST(SendMessageTest, ABlockedWindowThreadBlocksTheSender) {
     EXPECT_EQ(result.load(), 2);
     EXPECT_NE(SendMessageTimeout(window.hwnd(), WM_ADD, 2, 3, SMTO_BLOCK, 5000, &bounded), 0);
     EXPECT_EQ(bounded, 5u);
-    for (HANDLE h : {entered, release, answered}) CloseHandle(h);
 }
 
 TEST(SendMessageTest, ThreadsSendingToEachOtherDoNotDeadlock) {
@@ -123,7 +126,7 @@ TEST(SendMessageTest, ThreadsSendingToEachOtherDoNotDeadlock) {
 // those times; a lost wake-up shows as a send that only ends once a later post wakes the window.
 TEST(SendMessageTest, NoWakeUpIsLostAtAnyPace) {
     WindowThread window;
-    HANDLE finished = CreateEvent(nullptr, TRUE, FALSE, nullptr);
+    Event finished;
     std::atomic<int> wrong{0};
     std::thread sender([&] {
         for (int i = 0; i < 1500; ++i) {
@@ -140,16 +143,14 @@ TEST(SendMessageTest, NoWakeUpIsLostAtAnyPace) {
     sender.join();
     EXPECT_TRUE(inTime);
     EXPECT_EQ(wrong.load(), 0);
-    CloseHandle(finished);
 }
 
 TEST(SendMessageTest, PendingSendsEndWithZeroWhenTheWindowGoes) {
     g_destroyed = 0;
     auto window = std::make_unique<WindowThread>();
     HWND hwnd = window->hwnd();
-    HANDLE entered = CreateEvent(nullptr, TRUE, FALSE, nullptr);
-    HANDLE release = CreateEvent(nullptr, TRUE, FALSE, nullptr);
-    PostMessage(hwnd, WM_BLOCK, WPARAM(entered), LPARAM(release));
+    Event entered, release;
+    PostMessage(hwnd, WM_BLOCK, WPARAM(entered.h), LPARAM(release.h));
     PostThreadMessage(window->id(), WM_QUIT, 0, 0);  // the thread ends right after the blocked message
     ASSERT_EQ(WaitForSingleObject(entered, 5000), WAIT_OBJECT_0);
     std::atomic<LRESULT> result{-1};
@@ -163,8 +164,6 @@ TEST(SendMessageTest, PendingSendsEndWithZeroWhenTheWindowGoes) {
     EXPECT_EQ(g_destroyed.load(), 1);
     EXPECT_EQ(SendMessage(hwnd, WM_ADD, 1, 1), 0);
     EXPECT_FALSE(PostMessage(hwnd, WM_ADD, 1, 1));
-    CloseHandle(entered);
-    CloseHandle(release);
 }
 
 TEST(PostMessageTest, OrderFiltersAndQuit) {
@@ -215,9 +214,7 @@ TEST(TimerTest, TicksUntilKilledAndCoalesces) {
 
     // A timer whose period passed many times while nobody pumped yields one WM_TIMER, not a backlog.
     SetTimer(hwnd, 34, 1, nullptr);
-    HANDLE never = CreateEvent(nullptr, TRUE, FALSE, nullptr);
-    WaitForSingleObject(never, 30);
-    CloseHandle(never);
+    Sleep(30);
     ASSERT_TRUE(PeekMessage(&msg, nullptr, WM_TIMER, WM_TIMER, PM_REMOVE));
     EXPECT_EQ(msg.wParam, 34u);
     EXPECT_EQ(msg.hwnd, hwnd);
@@ -234,9 +231,7 @@ TEST(ModalLoopTest, EndsFromItsProcedureFromAnotherThreadOrEarly) {
 
     std::thread ender([hwnd] {
         // EndDialog from another thread wakes a loop that is waiting in GetMessage.
-        HANDLE pause = CreateEvent(nullptr, TRUE, FALSE, nullptr);
-        WaitForSingleObject(pause, 20);
-        CloseHandle(pause);
+        Sleep(20);
         EndDialog(hwnd, IDCANCEL);
     });
     EXPECT_EQ(RunModalLoop(hwnd), IDCANCEL);
@@ -342,18 +337,17 @@ TEST(CWinThreadTest, UserInterfaceThreadEndsByQuitOrByClosingItsMainWindow) {
 
 TEST(CWinThreadTest, WorkerThreadsRunAndDeleteThemselves) {
     static std::atomic<CWinThread*> self{nullptr};
-    HANDLE done = CreateEvent(nullptr, TRUE, FALSE, nullptr);
+    Event done;
     auto work = [](LPVOID p) -> UINT {
         self = AfxGetThread();
         SetEvent(static_cast<HANDLE>(p));
         return 0;
     };
-    CWinThread* t = AfxBeginThread(work, done);
+    CWinThread* t = AfxBeginThread(work, done.h);
     ASSERT_NE(t, nullptr);
     ASSERT_EQ(WaitForSingleObject(done, 5000), WAIT_OBJECT_0);
     EXPECT_EQ(self.load(), t);
     EXPECT_EQ(AfxGetThread(), nullptr);  // not a CWinThread here
-    CloseHandle(done);
 
     CWinThread* kept = AfxBeginThread([](LPVOID) -> UINT { return 17; }, nullptr, 0, 0, CREATE_SUSPENDED);
     kept->m_bAutoDelete = FALSE;
