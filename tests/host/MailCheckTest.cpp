@@ -37,13 +37,7 @@ int Check(const CheckOptions& o, std::string& out) {
 }
 
 CheckOptions Options(unsigned short port, const char* password) {
-    CheckOptions o;
-    o.server = "127.0.0.1";
-    o.port = port;
-    o.user = "demo";
-    o.password = password;
-    o.timeLimit = 10;
-    return o;
+    return {.server = "127.0.0.1", .port = port, .user = "demo", .password = password, .timeLimit = 10};
 }
 
 struct Winsock {
@@ -91,12 +85,7 @@ TEST(MailCheck, InterruptStopsTheCheckThroughTheTerminationEvent) {
 TEST(DemoPop3Server, ServesTheMailboxAsAPop3Server) {
     Winsock winsock;
     DemoPop3Server server(SampleTexts(), "demo", "pw");
-    ASSERT_TRUE(server.Start());
-    {
-        CPopMail pop(nullptr, nullptr, 10);
-        ASSERT_TRUE(pop.Connect("127.0.0.1", server.Port()));
-        EXPECT_FALSE(pop.Login("demo", "not it"));
-    }
+    ASSERT_TRUE(server.Start());  // a refused password is in the mail check test
     {
         CPopMail pop(nullptr, nullptr, 10);
         ASSERT_TRUE(pop.Connect("127.0.0.1", server.Port()));
@@ -111,8 +100,6 @@ TEST(DemoPop3Server, ServesTheMailboxAsAPop3Server) {
         ASSERT_TRUE(pop.GetHeader(2, record));
         EXPECT_EQ(std::string(record.GetSubject()), "You have WON $1,000,000 !!!");
         EXPECT_EQ(record.GetMsgSize(), SampleTexts()[1].size());
-        EXPECT_TRUE(pop.DeleteMsg(2));
-        EXPECT_TRUE(pop.ResetMailbox());
         EXPECT_TRUE(pop.DeleteMsg(2));
         EXPECT_TRUE(pop.Quit());
     }
