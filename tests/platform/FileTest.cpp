@@ -227,7 +227,7 @@ TEST(CFileTest, FileSystemFaultsBecomeExceptions) {
     scope.hooks().open = real.open;
 
     int writes = 0, interrupted = 0;
-    // Short writes of one byte, one EINTR, then the third write call fails with a full disk.
+    // Short writes of one byte, one EINTR, then the sixth write call fails with a full disk.
     scope.hooks().write = [&](int fd, const void* buf, std::size_t n) -> std::ptrdiff_t {
         ++writes;
         if (writes == 2 && interrupted++ == 0) {
@@ -240,7 +240,7 @@ TEST(CFileTest, FileSystemFaultsBecomeExceptions) {
         }
         return real.write(fd, buf, n > 0 ? 1 : 0);
     };
-    f.Open(path.c_str(), CFile::modeCreate | CFile::modeReadWrite);
+    ASSERT_TRUE(f.Open(path.c_str(), CFile::modeCreate | CFile::modeReadWrite));
     f.Write("abc", 3);  // 1 byte, EINTR, 1 byte, 1 byte
     EXPECT_EQ(writes, 4);
     EXPECT_EQ(ReadFile(path), "abc");
