@@ -66,26 +66,24 @@ TEST_F(CompoundCorrupt, HeaderDamage) {
     Com<IStorage> root;
     ASSERT_EQ(Open(root), S_OK);
     EXPECT_EQ(GetStream(root.get(), "beta"), Pattern(5000, 2));
-    m_bytes[3] ^= 1;
-    EXPECT_EQ(Open(root), STG_E_FILEALREADYEXISTS);
-    EXPECT_EQ(root.get(), nullptr);
-    m_bytes = s_good;
-    std::memcpy(m_bytes.data(), kBetaSignature, 8);
-    EXPECT_EQ(Open(root), STG_E_OLDFORMAT);
-    m_bytes = s_good;
-    m_bytes[0x1E] = 10;
-    EXPECT_EQ(Open(root), STG_E_FILEALREADYEXISTS);
-    m_bytes = s_good;
-    m_bytes[0x20] = 7;
-    EXPECT_EQ(Open(root), STG_E_FILEALREADYEXISTS);
-    m_bytes.resize(300);
-    EXPECT_EQ(Open(root), STG_E_FILEALREADYEXISTS);
-    m_bytes = s_good;
-    Put32(&m_bytes[0x2C], 0x7FFFFFFF);  // FAT count far beyond the file
-    EXPECT_EQ(Open(root), STG_E_DOCFILECORRUPT);
-    m_bytes = s_good;
-    Put32(&m_bytes[0x4C], 5000);  // FAT sector past the end
-    EXPECT_EQ(Open(root), STG_E_DOCFILECORRUPT);
+    const struct {
+        void (*damage)(std::vector<unsigned char>&);
+        HRESULT expected;
+    } cases[] = {
+        {[](auto& b) { b[3] ^= 1; }, STG_E_FILEALREADYEXISTS},
+        {[](auto& b) { std::memcpy(b.data(), kBetaSignature, 8); }, STG_E_OLDFORMAT},
+        {[](auto& b) { b[0x1E] = 10; }, STG_E_FILEALREADYEXISTS},  // sector shift
+        {[](auto& b) { b[0x20] = 7; }, STG_E_FILEALREADYEXISTS},   // mini sector shift
+        {[](auto& b) { b.resize(300); }, STG_E_FILEALREADYEXISTS},
+        {[](auto& b) { Put32(&b[0x2C], 0x7FFFFFFF); }, STG_E_DOCFILECORRUPT},  // FAT count far beyond the file
+        {[](auto& b) { Put32(&b[0x4C], 5000); }, STG_E_DOCFILECORRUPT},        // FAT sector past the end
+    };
+    for (const auto& c : cases) {
+        m_bytes = s_good;
+        c.damage(m_bytes);
+        EXPECT_EQ(Open(root), c.expected) << &c - cases;
+        EXPECT_EQ(root.get(), nullptr);
+    }
 }
 
 TEST_F(CompoundCorrupt, LoopsAndBadChainsFailOnlyTheirStream) {
@@ -177,10 +175,7 @@ TEST_F(CompoundCorrupt, WhatRealWritersGetWrongIsAccepted) {
     EXPECT_EQ(GetStream(s.get(), "gamma"), Pattern(200, 3));
     // A duplicate name differing in case: the open works and lookups give one of them every time.
     m_bytes = s_good;
-    Put16(Entry(beta), 'B');
-    Put16(Entry(beta) + 2, 'E');
-    Put16(Entry(beta) + 4, 'T');
-    Put16(Entry(beta) + 6, 'A');
+    for (int i = 0; i < 4; ++i) Put16(Entry(beta) + 2 * i, "BETA"[i]);
     ASSERT_EQ(Open(root), S_OK);
     EXPECT_EQ(GetStream(root.get(), "beta"), Pattern(5000, 2));
 }
