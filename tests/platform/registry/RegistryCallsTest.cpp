@@ -41,15 +41,21 @@ TEST_F(RegistryCalls, CreateMakesMissingParentsAndReportsDisposition) {
     EXPECT_NE(RegGetLastMessage().find("HKEY_CURRENT_USER"), std::string::npos);
 }
 
-TEST_F(RegistryCalls, NamesIgnoreCaseAndKeepTheirFirstSpelling) {
+TEST_F(RegistryCalls, NamesIgnoreCaseKeepTheirFirstSpellingAndSubKeysSortAsInTheHive) {
     HKEY key = Create("Software\\MixedCase");
     SetString(key, "Account Name", "first");
     SetString(key, "ACCOUNT NAME", "second");
     EXPECT_EQ(GetString(key, "account name"), "second");
     EXPECT_EQ(ValueNames(key), std::vector<std::string>{"Account Name"});
-    RegCloseKey(Create("Software\\MixedCase\\SubKey"));
-    RegCloseKey(Create("Software\\MixedCase\\SUBKEY\\Deeper"));
-    EXPECT_EQ(SubKeys(key), std::vector<std::string>{"SubKey"});
+    RegCloseKey(Create("Software\\MixedCase\\beta"));
+    RegCloseKey(Create("Software\\MixedCase\\BETA\\Deeper"));
+    for (const char* name : {"Alpha", "_under", "gamma", "Zulu", "10", "9"})
+        RegCloseKey(Create((std::string("Software\\MixedCase\\") + name).c_str()));
+    // Upper-cased comparison: digits, letters, then '_' (which sorts after 'Z').
+    EXPECT_EQ(SubKeys(key), (std::vector<std::string>{"10", "9", "Alpha", "beta", "gamma", "Zulu", "_under"}));
+    char name[16];
+    DWORD chars = sizeof name;
+    EXPECT_EQ(RegEnumKeyEx(key, 7, name, &chars, nullptr, nullptr, nullptr, nullptr), ERROR_NO_MORE_ITEMS);
     RegCloseKey(key);
 }
 
@@ -74,17 +80,6 @@ TEST_F(RegistryCalls, ValuesComeBackInCreationOrderAndAnOverwriteKeepsItsPlace) 
     DWORD value = 0, size = 4;
     ASSERT_EQ(RegQueryValueEx(key, "Value3", nullptr, nullptr, reinterpret_cast<BYTE*>(&value), &size), ERROR_SUCCESS);
     EXPECT_EQ(value, 33u);
-    RegCloseKey(key);
-}
-
-TEST_F(RegistryCalls, SubKeysComeBackInTheHivesOrder) {
-    HKEY key = Create("Software\\Sorted");
-    for (const char* name : {"beta", "Alpha", "_under", "gamma", "Zulu", "10", "9"}) RegCloseKey(Create((std::string("Software\\Sorted\\") + name).c_str()));
-    // Upper-cased comparison: digits, letters, then '_' (which sorts after 'Z').
-    EXPECT_EQ(SubKeys(key), (std::vector<std::string>{"10", "9", "Alpha", "beta", "gamma", "Zulu", "_under"}));
-    char name[16];
-    DWORD chars = sizeof name;
-    EXPECT_EQ(RegEnumKeyEx(key, 7, name, &chars, nullptr, nullptr, nullptr, nullptr), ERROR_NO_MORE_ITEMS);
     RegCloseKey(key);
 }
 

@@ -178,17 +178,11 @@ TEST_F(RegistryStore, TwoProcessesAndThisOneWritingAtOnceLoseNothing) {
 TEST_F(RegistryStore, ThreadsOfOneProcessShareTheStore) {
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t)
-        threads.emplace_back([t] {
+        threads.emplace_back([this, t] {
             std::string path = "Software\\Threads\\T" + std::to_string(t);
             for (int i = 0; i < 200; ++i) {
-                HKEY key = nullptr;
-                ASSERT_EQ(RegCreateKeyEx(HKEY_CURRENT_USER, path.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &key,
-                                         nullptr),
-                          ERROR_SUCCESS);
-                DWORD value = static_cast<DWORD>(i);
-                ASSERT_EQ(RegSetValueEx(key, ("v" + std::to_string(i)).c_str(), 0, REG_DWORD,
-                                        reinterpret_cast<BYTE*>(&value), 4),
-                          ERROR_SUCCESS);
+                HKEY key = Create(path.c_str());
+                SetDword(key, ("v" + std::to_string(i)).c_str(), static_cast<DWORD>(i));
                 RegCloseKey(key);
             }
         });
