@@ -30,6 +30,12 @@ const char* const kHeader =
     "Content-Transfer-Encoding: 7bit\r\n"
     "UIDL: 12345\r\n";
 
+CMessageList scanned(const CString& header) {
+    CMessageList m;
+    m.SetData(header, 1, 1, MsgReceived);
+    return m;
+}
+
 TEST(MessageScan, FillsEachFieldFromTheFirstMatchingLine) {
     CMessageList m;
     m.SetData(kHeader, 77, 1234, MsgReceived);
@@ -49,16 +55,12 @@ TEST(MessageScan, FillsEachFieldFromTheFirstMatchingLine) {
 }
 
 TEST(MessageScan, NamesMustMatchWhole) {
-    CMessageList m;
-    m.SetData("X-From: a@x\r\nFrom : b@x\r\n From: c@x\r\nFROMAGE: d@x\r\nfrom:e@x\r\n", 1, 1, MsgReceived);
-    EXPECT_EQ(m.GetSenderName(), "e@x");
-    m = CMessageList();
-    m.SetData("Subject\r\nTo:\r\nTo: second@x\r\n", 1, 1, MsgSent);
+    EXPECT_EQ(scanned("X-From: a@x\r\nFrom : b@x\r\n From: c@x\r\nFROMAGE: d@x\r\nfrom:e@x\r\n").GetSenderName(), "e@x");
+    CMessageList m = scanned("Subject\r\nTo:\r\nTo: second@x\r\n");
     EXPECT_EQ(m.GetSubject(), "");
     EXPECT_EQ(m.GetReciepient(), "second@x");  // an empty value leaves the field open for a later line
     // Lines ending inside a keyword, or holding one only as a prefix of a longer name, match nothing.
-    m = CMessageList();
-    m.SetData("Fro\r\nFrom\r\nSubj: a\r\nSubjects: b\r\nSUBJECT:c: d \r\n", 1, 1, MsgReceived);
+    m = scanned("Fro\r\nFrom\r\nSubj: a\r\nSubjects: b\r\nSUBJECT:c: d \r\n");
     EXPECT_EQ(m.GetSenderName(), "");
     EXPECT_EQ(m.GetSubject(), "c: d");
 }
@@ -79,8 +81,7 @@ TEST(MessageScan, DefaultsForMissingFields) {
     EXPECT_EQ(m.GetMessageID(), "8KeBVj3GZEReyBV9MatE");
     EXPECT_EQ(m.GetHeader(), "From: other@x\r\nMessage-ID: <late@x>\r\n");
 
-    CMessageList empty;
-    empty.SetData("", 1, 0, MsgReceived);
+    CMessageList empty = scanned("");
     EXPECT_TRUE(empty.IsDeleted());
     EXPECT_EQ(empty.GetMessageID().GetLength(), 20);
 }
@@ -89,8 +90,7 @@ TEST(MessageScan, HostileHeadersStayBounded) {
     // One very long line without a colon, many empty lines and a stray zero byte.
     CString header(std::string(200000, 'A') + "\r\n" + std::string(100000, '\n') + "Subject: ok\r\n");
     header += CString(std::string("From: a@x") + '\0' + "To: hidden@x\r\n");
-    CMessageList m;
-    m.SetData(header, 1, 1, MsgReceived);
+    CMessageList m = scanned(header);
     EXPECT_EQ(m.GetSubject(), "ok");
     EXPECT_EQ(m.GetSenderName(), "a@x");  // the scan reads lines as C text
     EXPECT_EQ(m.GetReciepient(), "");
@@ -98,20 +98,15 @@ TEST(MessageScan, HostileHeadersStayBounded) {
 }
 
 TEST(MessageAddresses, BracketsAndFallbacks) {
-    auto record = [](const char* header) {
-        CMessageList m;
-        m.SetData(header, 1, 1, MsgReceived);
-        return m;
-    };
-    EXPECT_EQ(record("From: Jane <jane@x>\r\n").GetFormattedSenderName(), "jane@x");
-    EXPECT_EQ(record("From: Jane <>\r\n").GetFormattedSenderName(), "Jane <>");
-    EXPECT_EQ(record("From: a> b <c\r\n").GetFormattedSenderName(), "a> b <c");
-    EXPECT_EQ(record("From: \t \"Jane Doe\" <jane@x> \t\r\n").GetSenderName(), "\"Jane Doe\" <jane@x>");
+    EXPECT_EQ(scanned("From: Jane <jane@x>\r\n").GetFormattedSenderName(), "jane@x");
+    EXPECT_EQ(scanned("From: Jane <>\r\n").GetFormattedSenderName(), "Jane <>");
+    EXPECT_EQ(scanned("From: a> b <c\r\n").GetFormattedSenderName(), "a> b <c");
+    EXPECT_EQ(scanned("From: \t \"Jane Doe\" <jane@x> \t\r\n").GetSenderName(), "\"Jane Doe\" <jane@x>");
 
-    CMessageList team = record("From: Jane <jane@x>\r\nReply-To: Team <team@x>\r\n");
+    CMessageList team = scanned("From: Jane <jane@x>\r\nReply-To: Team <team@x>\r\n");
     EXPECT_EQ(team.GetFormattedReplyTo(), "team@x");
-    EXPECT_EQ(record("From: Jane <jane@x>\r\nReply-To: Nobody <>\r\n").GetFormattedReplyTo(), "Jane <jane@x>");
-    EXPECT_EQ(record("From: Jane <jane@x>\r\nReply-To: plain@x\r\n").GetFormattedReplyTo(), "plain@x");
+    EXPECT_EQ(scanned("From: Jane <jane@x>\r\nReply-To: Nobody <>\r\n").GetFormattedReplyTo(), "Jane <jane@x>");
+    EXPECT_EQ(scanned("From: Jane <jane@x>\r\nReply-To: plain@x\r\n").GetFormattedReplyTo(), "plain@x");
 }
 
 TEST(MessageDate, ParsesTheUsualForms) {
@@ -123,10 +118,8 @@ TEST(MessageDate, ParsesTheUsualForms) {
         {"Wed, 17 Jul 2024 9 (no minutes)", "2024-07-17 09:00:00"},
     };
     for (auto [text, expected] : cases) {
-        CMessageList m;
-        m.SetData(CString("Date: ") + text + "\r\n", 1, 1, MsgReceived);
         CTime when;
-        ASSERT_TRUE(m.GetMessageDate(when)) << text;
+        ASSERT_TRUE(scanned(CString("Date: ") + text + "\r\n").GetMessageDate(when)) << text;
         char got[32];
         std::snprintf(got, sizeof got, "%04d-%02d-%02d %02d:%02d:%02d", when.GetYear(), when.GetMonth(),
                       when.GetDay(), when.GetHour(), when.GetMinute(), when.GetSecond());
@@ -136,24 +129,19 @@ TEST(MessageDate, ParsesTheUsualForms) {
 
 TEST(MessageDate, RefusesUnknownMonthsAndLeavesTheArgument) {
     for (const char* text : {"Tue, 5 Mars 2024 10:00", "5 mai 2024 10:00", "Tue,  5 Mar 2024 10:00", "garbage"}) {
-        CMessageList m;
-        m.SetData(CString("Date: ") + text + "\r\n", 1, 1, MsgReceived);
         CTime when(12345);
-        EXPECT_FALSE(m.GetMessageDate(when)) << text;
+        EXPECT_FALSE(scanned(CString("Date: ") + text + "\r\n").GetMessageDate(when)) << text;
         EXPECT_EQ(when.GetTime(), 12345) << text;
     }
     CMessageList none;
     CTime when(12345);
     EXPECT_FALSE(none.GetMessageDate(when));
     // Absurd numbers must not overflow on the way to the calendar.
-    CMessageList absurd;
-    absurd.SetData("Date: 99999999999 Jan -99999999999 99999999999:-99999999999:1\r\n", 1, 1, MsgReceived);
-    EXPECT_TRUE(absurd.GetMessageDate(when));
+    EXPECT_TRUE(scanned("Date: 99999999999 Jan -99999999999 99999999999:-99999999999:1\r\n").GetMessageDate(when));
 }
 
 TEST(MessageFind, SearchesTheHeaderByPhraseOrWords) {
-    CMessageList m;
-    m.SetData(kHeader, 1, 1, MsgReceived);
+    CMessageList m = scanned(kHeader);
     EXPECT_TRUE(m.Find("MEETING: 10", false, CMessageList::FindPhrase));
     EXPECT_FALSE(m.Find("MEETING", true, CMessageList::FindPhrase));
     EXPECT_TRUE(m.Find("meeting", true, CMessageList::FindPhrase));
