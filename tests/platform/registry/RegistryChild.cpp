@@ -36,13 +36,13 @@ void Report(const char* line) {
 
 }  // namespace
 
-// write STORE KEY PREFIX COUNT BATCH | close-then-hang STORE KEY COUNT | hold STORE KEY | delete STORE KEY
+// write STORE KEY PREFIX COUNT BATCH [hang] | hold STORE KEY | delete STORE KEY
 int main(int argc, char** argv) {
     if (argc < 4) return 2;
     std::string mode = argv[1];
     RegSetStorePath(argv[2]);
     const char* path = argv[3];
-    if (mode == "write" && argc == 7) {
+    if (mode == "write" && (argc == 7 || argc == 8)) {
         int count = std::atoi(argv[5]), batch = std::atoi(argv[6]);
         for (int i = 0; i < count;) {
             HKEY key = Open(path);
@@ -55,18 +55,7 @@ int main(int argc, char** argv) {
             }
             if (LONG c = RegCloseKey(key)) return Fail("close", c);
         }
-        return 0;
-    }
-    if (mode == "close-then-hang" && argc == 5) {
-        HKEY key = Open(path);
-        if (!key) return 1;
-        for (int i = 0, count = std::atoi(argv[4]); i < count; ++i) {
-            std::string name = "Value" + std::to_string(i);
-            DWORD value = static_cast<DWORD>(i) * 3;
-            if (LONG c = RegSetValueEx(key, name.c_str(), 0, REG_DWORD, reinterpret_cast<BYTE*>(&value), 4))
-                return Fail("write", c);
-        }
-        if (LONG c = RegCloseKey(key)) return Fail("close", c);
+        if (argc == 7) return 0;
         Report("closed\n");
         Hang();
     }
