@@ -98,7 +98,7 @@ TEST(StorageManager, SubStoragesAreOpenedOrCreatedOnRequest) {
     EXPECT_EQ(busyText.rfind("STG_E_ACCESSDENIED: ", 0), 0u);
 }
 
-TEST(StorageManager, NumbersAndTextsUseTheirStreamEncodings) {
+TEST(StorageManager, NumbersAndTextsUseTheirStreamEncodingsAndAreDeletedAndCopied) {
     TempDir dir;
     CStorageManager storage(dir.file("v.tvd").c_str(), false);
     storage.WriteNumber("Big", 4294967295u);
@@ -133,6 +133,16 @@ TEST(StorageManager, NumbersAndTextsUseTheirStreamEncodings) {
     // Replacing a stream replaces it whole.
     storage.WriteString("Text", "ab");
     EXPECT_EQ(storage.GetStreamSize("Text"), 2u);
+
+    storage.DeleteElement("Junk");
+    EXPECT_EQ(storage.m_hResult, S_OK);
+    EXPECT_FALSE(storage.StreamExists("Junk"));
+    storage.DeleteElement("Junk");  // a second time: kept in m_hResult, nothing thrown
+    EXPECT_EQ(storage.m_hResult, STG_E_FILENOTFOUND);
+    CStorageManager target(dir.file("t.tvd").c_str(), false);
+    EXPECT_TRUE(storage.CopyTo(target.m_pStorage));
+    target.ReadString("Text", text);
+    EXPECT_EQ(text, "ab");
 
     // Without a storage nothing is written or read.
     CStorageManager empty;
@@ -222,24 +232,6 @@ TEST(StorageManager, ADamagedStreamFailsTheEnumeratingReaderWithItsText) {
     CString value = "kept";
     thrown([&] { root.ReadString("Entry", value); });
     EXPECT_EQ(value, "kept");
-}
-
-TEST(StorageManager, DeleteAndCopyElements) {
-    TempDir dir;
-    CStorageManager source(dir.file("s.tvd").c_str(), false);
-    source.WriteString("One", "1");
-    source.WriteString("Two", "2");
-    source.DeleteElement("One");
-    EXPECT_EQ(source.m_hResult, S_OK);
-    EXPECT_FALSE(source.StreamExists("One"));
-    source.DeleteElement("One");  // a second time: kept in m_hResult, nothing thrown
-    EXPECT_EQ(source.m_hResult, STG_E_FILENOTFOUND);
-
-    CStorageManager target(dir.file("t.tvd").c_str(), false);
-    EXPECT_TRUE(source.CopyTo(target.m_pStorage));
-    CString two;
-    target.ReadString("Two", two);
-    EXPECT_EQ(two, "2");
 }
 
 TEST(StorageManagerException, TextsComeFromTheCodeOrAreGiven) {
