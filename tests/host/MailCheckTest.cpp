@@ -85,7 +85,7 @@ TEST(MailCheck, InterruptStopsTheCheckThroughTheTerminationEvent) {
 TEST(DemoPop3Server, ServesTheMailboxAsAPop3Server) {
     Winsock winsock;
     DemoPop3Server server(SampleTexts(), "demo", "pw");
-    ASSERT_TRUE(server.Start());  // a refused password is in the mail check test
+    ASSERT_TRUE(server.Start());  // its refusal of a wrong password is in the mail check test
     {
         CPopMail pop(nullptr, nullptr, 10);
         ASSERT_TRUE(pop.Connect("127.0.0.1", server.Port()));
@@ -101,6 +101,8 @@ TEST(DemoPop3Server, ServesTheMailboxAsAPop3Server) {
         EXPECT_EQ(std::string(record.GetSubject()), "You have WON $1,000,000 !!!");
         EXPECT_EQ(record.GetMsgSize(), SampleTexts()[1].size());
         EXPECT_TRUE(pop.DeleteMsg(2));
+        EXPECT_TRUE(pop.ResetMailbox());
+        EXPECT_TRUE(pop.DeleteMsg(2)) << "reset brought it back";
         EXPECT_TRUE(pop.Quit());
     }
     CPopMail pop(nullptr, nullptr, 10);
