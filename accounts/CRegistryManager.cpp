@@ -44,7 +44,8 @@ void CRegistryManager::GetStringValues(std::map<DWORD, CString*>& values) {
         CString name;
         name.LoadString(id);
         DWORD size = kBufferSize;
-        if (RegQueryValueEx(m_hKey, name, nullptr, nullptr, reinterpret_cast<BYTE*>(buffer), &size) != ERROR_SUCCESS)
+        if (RegQueryValueEx(m_hKey, name, nullptr, nullptr, reinterpret_cast<BYTE*>(buffer), &size) !=
+            ERROR_SUCCESS)
             continue;
         buffer[size] = '\0';
         *target = buffer;
@@ -85,8 +86,8 @@ void CRegistryManager::GetStringValues(std::map<CString, CString>& values) {
     char data[kBufferSize + 1];
     for (DWORD index = 0;; ++index) {
         DWORD nameSize = kBufferSize, dataSize = kBufferSize;
-        if (RegEnumValue(m_hKey, index, name, &nameSize, nullptr, nullptr, reinterpret_cast<BYTE*>(data), &dataSize) !=
-            ERROR_SUCCESS)
+        if (RegEnumValue(m_hKey, index, name, &nameSize, nullptr, nullptr, reinterpret_cast<BYTE*>(data),
+                         &dataSize) != ERROR_SUCCESS)
             break;
         data[dataSize] = '\0';
         values[CString(name)] = data;
@@ -108,8 +109,8 @@ void ReadAnonStrings(HKEY key, Add add) {
     char data[kBufferSize + 1];
     for (DWORD index = 0;; ++index) {
         DWORD nameSize = kBufferSize, dataSize = kBufferSize;
-        if (RegEnumValue(key, index, name, &nameSize, nullptr, nullptr, reinterpret_cast<BYTE*>(data), &dataSize) !=
-            ERROR_SUCCESS)
+        if (RegEnumValue(key, index, name, &nameSize, nullptr, nullptr, reinterpret_cast<BYTE*>(data),
+                         &dataSize) != ERROR_SUCCESS)
             break;
         data[dataSize] = '\0';
         add(CString(data));
@@ -147,8 +148,8 @@ void CRegistryManager::GetAnonDwordValues(std::list<DWORD>& values) {
     char name[kBufferSize + 1];
     for (DWORD index = 0;; ++index) {
         DWORD nameSize = kBufferSize, value = 0, size = sizeof value;
-        if (RegEnumValue(m_hKey, index, name, &nameSize, nullptr, nullptr, reinterpret_cast<BYTE*>(&value), &size) !=
-            ERROR_SUCCESS)
+        if (RegEnumValue(m_hKey, index, name, &nameSize, nullptr, nullptr, reinterpret_cast<BYTE*>(&value),
+                         &size) != ERROR_SUCCESS)
             break;
         values.push_back(value);
     }
@@ -157,13 +158,15 @@ void CRegistryManager::GetAnonDwordValues(std::list<DWORD>& values) {
 void CRegistryManager::SetAnonDwordValues(std::list<DWORD>& values) {
     int i = 0;
     for (DWORD value : values)
-        RegSetValueEx(m_hKey, AnonName(i++), 0, REG_DWORD, reinterpret_cast<const BYTE*>(&value), sizeof value);
+        RegSetValueEx(m_hKey, AnonName(i++), 0, REG_DWORD, reinterpret_cast<const BYTE*>(&value),
+                      sizeof value);
 }
 
 void CRegistryManager::QueryValue(const char* name, DWORD type, CString& value, DWORD size) {
     std::vector<char> buffer(static_cast<size_t>(size) + 1);
     DWORD got = size;
-    if (RegQueryValueEx(m_hKey, name, nullptr, &type, reinterpret_cast<BYTE*>(buffer.data()), &got) != ERROR_SUCCESS)
+    if (RegQueryValueEx(m_hKey, name, nullptr, &type, reinterpret_cast<BYTE*>(buffer.data()), &got) !=
+        ERROR_SUCCESS)
         return;
     buffer[got] = '\0';
     value = buffer.data();

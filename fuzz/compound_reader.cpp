@@ -18,7 +18,8 @@ void Walk(IStorage* stg, int depth) {
     while (en->Next(1, &st, &got) == S_OK && got == 1) {
         if (st.type == STGTY_STORAGE) {
             IStorage* sub = nullptr;
-            if (SUCCEEDED(stg->OpenStorage(st.pwcsName, nullptr, STGM_READ | STGM_SHARE_EXCLUSIVE, nullptr, 0, &sub))) {
+            if (SUCCEEDED(stg->OpenStorage(st.pwcsName, nullptr, STGM_READ | STGM_SHARE_EXCLUSIVE, nullptr, 0,
+                                           &sub))) {
                 Walk(sub, depth + 1);
                 sub->Release();
             }

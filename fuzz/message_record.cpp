@@ -27,11 +27,11 @@ void check(bool ok) {
 size_t readAll(CMessageList& record) {
     size_t n = 0;
     for (const CString* s :
-         {&record.GetReturnPath(), &record.GetReceivedFrom(), &record.GetMessageID(), &record.GetMessageDate(),
-          &record.GetSenderName(), &record.GetReplyTo(), &record.GetXMimeVersion(), &record.GetReciepient(),
-          &record.GetSubject(), &record.GetContentType(), &record.GetContentTransferEncoding(),
-          &record.GetXUIDL(), &record.GetStatus(), &record.GetOrganization(), &record.GetFolderLocation(),
-          &record.GetHeader()}) {
+         {&record.GetReturnPath(), &record.GetReceivedFrom(), &record.GetMessageID(),
+          &record.GetMessageDate(), &record.GetSenderName(), &record.GetReplyTo(), &record.GetXMimeVersion(),
+          &record.GetReciepient(), &record.GetSubject(), &record.GetContentType(),
+          &record.GetContentTransferEncoding(), &record.GetXUIDL(), &record.GetStatus(),
+          &record.GetOrganization(), &record.GetFolderLocation(), &record.GetHeader()}) {
         n += static_cast<size_t>(s->GetLength());
     }
     n += static_cast<size_t>(record.GetFormattedSenderName().GetLength());
@@ -136,7 +136,8 @@ void elements(std::string text, const uint8_t* data, size_t size) {
     const int fields = ex.GetFieldCount(delim);
     check(fields == seps + 1 && ex.GetField(delim, fields).IsEmpty());
     CString joined;
-    for (int i = 0; i < fields && i < 64; ++i) joined += (i ? CString(delim) : CString()) + ex.GetField(sep, i);
+    for (int i = 0; i < fields && i < 64; ++i)
+        joined += (i ? CString(delim) : CString()) + ex.GetField(sep, i);
     if (fields <= 64) check(joined == ex);
     if (!pattern.IsEmpty()) {
         size_t expected = text.rfind(pattern.GetString(), a < 0 ? std::string::npos : static_cast<size_t>(a));

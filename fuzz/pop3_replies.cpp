@@ -17,7 +17,8 @@ namespace {
 
 class FedPopMail : public CPopMail {
 public:
-    FedPopMail(const uint8_t* data, size_t size) : CPopMail(nullptr, nullptr, 1), m_data(data), m_size(size) {}
+    FedPopMail(const uint8_t* data, size_t size)
+        : CPopMail(nullptr, nullptr, 1), m_data(data), m_size(size) {}
     int Send(const char*, int size, int) override { return size; }
     int Receive(char* buffer, int size, int) override {
         if (m_at >= m_size) return 0;
@@ -63,14 +64,34 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         CMessageList record;
         int count = 0, bytes = 0;
         switch (ops % 8) {
-        case 0: pop.Login("user", "password"); break;
-        case 1: pop.MailBoxStats(&count, &bytes); break;
-        case 2: pop.GetMsgSize(1); break;
-        case 3: pop.GetIDString(1, text); break;
-        case 4: pop.GetHeader(1, record); break;
-        case 5: pop.Retrieve(1, text); break;
-        case 6: pop.DeleteMsg(1); pop.ResetMailbox(); pop.KeepAlive(); break;
-        case 7: pop.GetHeader(1, record); pop.GetHeader(2, record); pop.Retrieve(2, text); break;
+            case 0:
+                pop.Login("user", "password");
+                break;
+            case 1:
+                pop.MailBoxStats(&count, &bytes);
+                break;
+            case 2:
+                pop.GetMsgSize(1);
+                break;
+            case 3:
+                pop.GetIDString(1, text);
+                break;
+            case 4:
+                pop.GetHeader(1, record);
+                break;
+            case 5:
+                pop.Retrieve(1, text);
+                break;
+            case 6:
+                pop.DeleteMsg(1);
+                pop.ResetMailbox();
+                pop.KeepAlive();
+                break;
+            case 7:
+                pop.GetHeader(1, record);
+                pop.GetHeader(2, record);
+                pop.Retrieve(2, text);
+                break;
         }
     } catch (CPopMailException* e) {
         e->Delete();

@@ -12,10 +12,11 @@
 namespace {
 
 int Usage() {
-    std::fprintf(stderr,
-                 "usage: tavik check --server HOST [--port PORT] --user USER [--password-file FILE] "
-                 "[--timeout SECONDS]\n"
-                 "The password is the first line of FILE, or else the environment variable TAVIK_PASSWORD.\n");
+    std::fprintf(
+        stderr,
+        "usage: tavik check --server HOST [--port PORT] --user USER [--password-file FILE] "
+        "[--timeout SECONDS]\n"
+        "The password is the first line of FILE, or else the environment variable TAVIK_PASSWORD.\n");
     return 2;
 }
 
@@ -35,16 +36,20 @@ int tavik::host::RunCheck(const Args& args) {
     for (size_t i = 0; i < args.size(); ++i) {
         const std::string& a = args[i];
         bool hasValue = i + 1 < args.size();
-        if (a == "--server" && hasValue) o.server = args[++i];
-        else if (a == "--user" && hasValue) o.user = args[++i];
-        else if (a == "--password-file" && hasValue) passwordFile = args[++i];
+        if (a == "--server" && hasValue)
+            o.server = args[++i];
+        else if (a == "--user" && hasValue)
+            o.user = args[++i];
+        else if (a == "--password-file" && hasValue)
+            passwordFile = args[++i];
         else if (a == "--port" && hasValue) {
             if (!ParsePort(args[++i], o.port, 1, 65535)) return Usage();
         } else if (a == "--timeout" && hasValue) {
             if (!ParsePort(args[++i], o.timeLimit, 1, 3600)) return Usage();
         } else if (a == "--password") {
-            std::fprintf(stderr, "tavik: a password on the command line is visible to every user; "
-                                 "use --password-file or TAVIK_PASSWORD\n");
+            std::fprintf(stderr,
+                         "tavik: a password on the command line is visible to every user; "
+                         "use --password-file or TAVIK_PASSWORD\n");
             return 2;
         } else {
             return Usage();

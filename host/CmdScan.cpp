@@ -48,7 +48,8 @@ int ScanFile(const std::string& path) {
     const auto fileSize = static_cast<unsigned long long>(in.tellg());
 
     CRC32i crc;
-    crc.Update(reinterpret_cast<unsigned char*>(const_cast<char*>(header.data())), static_cast<ULONG>(header.size()));
+    crc.Update(reinterpret_cast<unsigned char*>(const_cast<char*>(header.data())),
+               static_cast<ULONG>(header.size()));
     ScanRecord record;
     record.SetData(CString(header), crc.Final(), static_cast<DWORD>(fileSize), MsgReceived);
 

@@ -115,8 +115,8 @@ int Cat(IStorage* root, const std::string& path) {
 }  // namespace
 
 int RunStore(const Args& args) {
-    if (args.size() < 2 || (args[0] == "tree" && args.size() != 2) || (args[0] == "cat" && args.size() != 3) ||
-        (args[0] != "tree" && args[0] != "cat")) {
+    if (args.size() < 2 || (args[0] == "tree" && args.size() != 2) ||
+        (args[0] == "cat" && args.size() != 3) || (args[0] != "tree" && args[0] != "cat")) {
         std::fprintf(stderr, "usage: tavik store tree FILE\n       tavik store cat FILE PATH\n");
         return 2;
     }

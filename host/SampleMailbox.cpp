@@ -26,7 +26,8 @@ const Sample kSamples[] = {
      "Here are the pictures I promised.\r\n\r\n--\r\nTom\r\n", false},
     {"Security Team <no-reply@paypa1-secure.example>", "Your account has been suspended",
      "We noticed unusual activity. Verify your password within 24 hours:\r\n"
-     "http://paypa1-secure.example/verify\r\n", true},
+     "http://paypa1-secure.example/verify\r\n",
+     true},
     {"Kernel Digest <digest@lists.example.net>", "Weekly digest, issue 212",
      "In this issue:\r\n 1. Scheduler changes\r\n 2. New file systems\r\n..and more\r\n", false},
     {"Rolex Replica <sales@watches4u.example>", "Luxury watches at 90% off",
@@ -49,18 +50,19 @@ std::vector<SampleMessage> MakeSampleMailbox() {
     for (const Sample& s : kSamples) {
         ++i;
         char head[1024];
-        std::snprintf(head, sizeof head,
-                      "Return-Path: <%s>\r\n"
-                      "Received: from mx%d.example by demo.tavik.invalid; Mon, 2 Nov 2026 %02d:%02d:00 +0000\r\n"
-                      "From: %s\r\n"
-                      "To: Demo User <demo@tavik.invalid>\r\n"
-                      "Subject: %s\r\n"
-                      "Date: Mon, 2 Nov 2026 %02d:%02d:00 +0000\r\n"
-                      "Message-ID: <%d.demo@tavik.invalid>\r\n"
-                      "MIME-Version: 1.0\r\n"
-                      "Content-Type: text/plain; charset=us-ascii\r\n",
-                      s.junk ? "bounce@bulk.example" : "owner@example.org", i % 3 + 1, 8 + i, i * 7 % 60,
-                      s.from, s.subject, 8 + i, i * 7 % 60, i);
+        std::snprintf(
+            head, sizeof head,
+            "Return-Path: <%s>\r\n"
+            "Received: from mx%d.example by demo.tavik.invalid; Mon, 2 Nov 2026 %02d:%02d:00 +0000\r\n"
+            "From: %s\r\n"
+            "To: Demo User <demo@tavik.invalid>\r\n"
+            "Subject: %s\r\n"
+            "Date: Mon, 2 Nov 2026 %02d:%02d:00 +0000\r\n"
+            "Message-ID: <%d.demo@tavik.invalid>\r\n"
+            "MIME-Version: 1.0\r\n"
+            "Content-Type: text/plain; charset=us-ascii\r\n",
+            s.junk ? "bounce@bulk.example" : "owner@example.org", i % 3 + 1, 8 + i, i * 7 % 60, s.from,
+            s.subject, 8 + i, i * 7 % 60, i);
         box.push_back({std::string(head) + "\r\n" + s.body, s.junk});
     }
     return box;

@@ -32,8 +32,7 @@ inline constexpr DialogControlResource kErrorDialogControls[] = {
 };
 
 inline constexpr DialogResource kErrorDialogResource = {
-    IDD_ERROR_DIALOG, "TavikMail Error Message Dialog", 334, 131, "MS Sans Serif", 8,
-    kErrorDialogControls, 3,
+    IDD_ERROR_DIALOG, "TavikMail Error Message Dialog", 334, 131, "MS Sans Serif", 8, kErrorDialogControls, 3,
 };
 
 }  // namespace tavik

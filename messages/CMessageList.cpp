@@ -27,7 +27,9 @@ IMPLEMENT_DYNAMIC(CMessageList, CObject)
 
 CMessageList::CMessageList(IStorage* parent) : m_pParentStorage(parent), m_pBodyBuffer(nullptr) { Reset(); }
 
-CMessageList::CMessageList(const CMessageList& other) : CObject(other), m_pBodyBuffer(nullptr) { CopyFrom(other); }
+CMessageList::CMessageList(const CMessageList& other) : CObject(other), m_pBodyBuffer(nullptr) {
+    CopyFrom(other);
+}
 
 CMessageList& CMessageList::operator=(const CMessageList& other) {
     if (this != &other) CopyFrom(other);
@@ -85,10 +87,11 @@ void CMessageList::Reset() {
     m_bSeen = m_bRead = m_bDeleted = m_bHasBody = m_bDirty = false;
     m_bValid = true;
     m_dwEncrypted = m_dwCompressed = 0;
-    for (CString* s : {&m_strReturnPath, &m_strReceivedFrom, &m_strMessageID, &m_strDate, &m_strSenderName,
-                       &m_strReplyTo, &m_strMimeVersion, &m_strRecipient, &m_strSubject, &m_strContentType,
-                       &m_strContentTransferEncoding, &m_strUIDL, &m_strStatus, &m_strOrganization,
-                       &m_strServerName, &m_strOutgoingServer, &m_strEmailAddress, &m_strDataFile, &m_strHeader}) {
+    for (CString* s :
+         {&m_strReturnPath, &m_strReceivedFrom, &m_strMessageID, &m_strDate, &m_strSenderName, &m_strReplyTo,
+          &m_strMimeVersion, &m_strRecipient, &m_strSubject, &m_strContentType, &m_strContentTransferEncoding,
+          &m_strUIDL, &m_strStatus, &m_strOrganization, &m_strServerName, &m_strOutgoingServer,
+          &m_strEmailAddress, &m_strDataFile, &m_strHeader}) {
         s->Empty();
     }
     m_strFolderLocation = "inbox";
@@ -105,8 +108,8 @@ void CMessageList::SetData(const CString& header, DWORD id, DWORD size, enum_Msg
     m_MsgType = type;
 }
 
-void CMessageList::SetMailBox(const CString& serverName, const CString& emailAddress, const CString& outgoingServer,
-                              const CString& accountName) {
+void CMessageList::SetMailBox(const CString& serverName, const CString& emailAddress,
+                              const CString& outgoingServer, const CString& accountName) {
     m_strServerName = serverName;
     m_strEmailAddress = emailAddress;
     m_strOutgoingServer = outgoingServer;
@@ -339,19 +342,19 @@ bool CMessageList::Find(const CString& text, bool matchCase, FindType type) {
         return matchCase ? haystack.Find(what) >= 0 : upper.Find(XString(what).Upper()) >= 0;
     };
     switch (type) {
-    case FindPhrase:
-        return occurs(text);
-    case FindAllWords:
-    case FindAnyWord: {
-        CStringToken words(text.GetString(), " ");
-        if (words.Size() == 0) return false;
-        for (auto it = words.Begin(); it != words.End(); ++it) {
-            bool found = occurs(it->c_str());
-            if (type == FindAllWords && !found) return false;
-            if (type == FindAnyWord && found) return true;
+        case FindPhrase:
+            return occurs(text);
+        case FindAllWords:
+        case FindAnyWord: {
+            CStringToken words(text.GetString(), " ");
+            if (words.Size() == 0) return false;
+            for (auto it = words.Begin(); it != words.End(); ++it) {
+                bool found = occurs(it->c_str());
+                if (type == FindAllWords && !found) return false;
+                if (type == FindAnyWord && found) return true;
+            }
+            return type == FindAllWords;
         }
-        return type == FindAllWords;
-    }
     }
     return false;
 }
@@ -368,25 +371,25 @@ CString CMessageList::RandomString(int length, int mode) {
         std::srand(tick * static_cast<DWORD>(i + 1) * static_cast<DWORD>(length));
         int c = std::rand();
         switch (mode) {
-        case 1:
-            c %= 122;
-            if (c < 48) c += 48;
-            if (c >= 58 && c < 65) c += 7;
-            if (c >= 91 && c < 97) c += 6;
-            if ((c & 0xFF) != 0) out += static_cast<char>(c);
-            break;
-        case 2:
-            c %= 122;
-            if (c < 65) c = c % 56 + 65;
-            if (c >= 91 && c < 97) c += 6;
-            if ((c & 0xFF) != 0) out += static_cast<char>(c);
-            break;
-        case 3:
-            out.AppendFormat("%d", c % 9);
-            break;
-        default:
-            out += static_cast<char>(c & 0xFF);
-            break;
+            case 1:
+                c %= 122;
+                if (c < 48) c += 48;
+                if (c >= 58 && c < 65) c += 7;
+                if (c >= 91 && c < 97) c += 6;
+                if ((c & 0xFF) != 0) out += static_cast<char>(c);
+                break;
+            case 2:
+                c %= 122;
+                if (c < 65) c = c % 56 + 65;
+                if (c >= 91 && c < 97) c += 6;
+                if ((c & 0xFF) != 0) out += static_cast<char>(c);
+                break;
+            case 3:
+                out.AppendFormat("%d", c % 9);
+                break;
+            default:
+                out += static_cast<char>(c & 0xFF);
+                break;
         }
     }
     return out;

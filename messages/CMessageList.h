@@ -116,13 +116,13 @@ public:
     // --- the message store (each record is a sub-storage of the account's message storage)
     // Filled by the host and handed down to the loads: where progress goes and what to expect.
     struct _tagLoadProgressData {
-        HWND hWnd;              // receives the notifications
-        UINT uStatusMessage;    // carries a status text (account loads)
-        UINT uRecordMessage;    // sent after each loaded record: wParam the profile, lParam the count
-        UINT uStartMessage;     // sent when loading of messages starts (account loads)
-        UINT uPercentMessage;   // posted with the percentage in lParam
-        UINT uEndMessage;       // sent when loading ends (account loads)
-        DWORD dwRecordCount;    // records expected; 0 is taken as 1
+        HWND hWnd;             // receives the notifications
+        UINT uStatusMessage;   // carries a status text (account loads)
+        UINT uRecordMessage;   // sent after each loaded record: wParam the profile, lParam the count
+        UINT uStartMessage;    // sent when loading of messages starts (account loads)
+        UINT uPercentMessage;  // posted with the percentage in lParam
+        UINT uEndMessage;      // sent when loading ends (account loads)
+        DWORD dwRecordCount;   // records expected; 0 is taken as 1
     };
 
     // Reads the record from its sub-storage of parent (created when missing). The older one-stream-per-

@@ -10,9 +10,7 @@ namespace {
 constexpr UINT kFixedSize = 48;
 constexpr UINT kExtensionSize = 8;
 
-DWORD le32(const BYTE* p) {
-    return DWORD(p[0]) | DWORD(p[1]) << 8 | DWORD(p[2]) << 16 | DWORD(p[3]) << 24;
-}
+DWORD le32(const BYTE* p) { return DWORD(p[0]) | DWORD(p[1]) << 8 | DWORD(p[2]) << 16 | DWORD(p[3]) << 24; }
 
 [[noreturn]] void refuse(CFile& file) {
     AfxThrowFileException(CFileException::endOfFile, -1, file.GetFilePath());
@@ -66,7 +64,8 @@ ULONGLONG CMessageList::LoadMessage(CFile& file) {
         readExact(file, ext, kExtensionSize);
         accountLength = le32(ext);
         skipLength = le32(ext + 4);
-        if (ULONGLONG(accountLength) + skipLength > remaining(file) || accountLength > 0x7FFFFFFFu) refuse(file);
+        if (ULONGLONG(accountLength) + skipLength > remaining(file) || accountLength > 0x7FFFFFFFu)
+            refuse(file);
         file.Seek(static_cast<LONGLONG>(textsStart), CFile::begin);
     }
 

@@ -25,11 +25,14 @@ constexpr bool kWriteTransacted = true;
 constexpr bool kReadTransacted = false;
 
 // The streams of the older layout, which the current one folds into "Numeric Data".
-const char* const kOlderStreams[] = {"Seen", "Read", "Type", "Number ID", "SpamTag", "Size", "Compressed", "Encrypted"};
+const char* const kOlderStreams[] = {"Seen",    "Read", "Type",       "Number ID",
+                                     "SpamTag", "Size", "Compressed", "Encrypted"};
 
 std::atomic<CMessageList::ProfileFieldsReader> g_profileReader{nullptr};
 
-DWORD readLE(const unsigned char* p) { return p[0] | (DWORD(p[1]) << 8) | (DWORD(p[2]) << 16) | (DWORD(p[3]) << 24); }
+DWORD readLE(const unsigned char* p) {
+    return p[0] | (DWORD(p[1]) << 8) | (DWORD(p[2]) << 16) | (DWORD(p[3]) << 24);
+}
 
 void writeLE(unsigned char* p, DWORD v) {
     p[0] = static_cast<unsigned char>(v);
@@ -70,14 +73,16 @@ private:
 // missing. Probes without CStorageManager so that an absent name reports no error.
 bool storedId(IStorage* parent, const CString& name, DWORD& id) {
     IStorage* sub = nullptr;
-    if (FAILED(parent->OpenStorage(name.GetString(), nullptr, STGM_READ | STGM_SHARE_EXCLUSIVE, nullptr, 0, &sub)))
+    if (FAILED(parent->OpenStorage(name.GetString(), nullptr, STGM_READ | STGM_SHARE_EXCLUSIVE, nullptr, 0,
+                                   &sub)))
         return false;
     CString streamName;
     streamName.LoadString(IDS_NUMERIC_DATA);
     IStream* stream = nullptr;
     unsigned char numeric[kNumericDataSize] = {};
     ULONG read = 0;
-    if (SUCCEEDED(sub->OpenStream(streamName.GetString(), nullptr, STGM_READ | STGM_SHARE_EXCLUSIVE, 0, &stream))) {
+    if (SUCCEEDED(
+            sub->OpenStream(streamName.GetString(), nullptr, STGM_READ | STGM_SHARE_EXCLUSIVE, 0, &stream))) {
         stream->Read(numeric, kNumericDataSize, &read);
         stream->Release();
     }
@@ -89,13 +94,15 @@ bool storedId(IStorage* parent, const CString& name, DWORD& id) {
 
 bool elementExists(IStorage* parent, const CString& name) {
     IStorage* sub = nullptr;
-    HRESULT hr = parent->OpenStorage(name.GetString(), nullptr, STGM_READ | STGM_SHARE_EXCLUSIVE, nullptr, 0, &sub);
+    HRESULT hr =
+        parent->OpenStorage(name.GetString(), nullptr, STGM_READ | STGM_SHARE_EXCLUSIVE, nullptr, 0, &sub);
     if (sub) sub->Release();
     return hr != STG_E_FILENOTFOUND;
 }
 
 // Loads the named record; true (and the record appended) when it holds a message.
-bool loadInto(IStorage* parent, const CString& name, std::list<CMessageList*>& list, CMailBoxProfile* profile) {
+bool loadInto(IStorage* parent, const CString& name, std::list<CMessageList*>& list,
+              CMailBoxProfile* profile) {
     auto record = std::make_unique<CMessageList>(parent);
     record->LoadMessage(parent, name, profile);
     if (record->GetMsgSize() == 0) return false;
@@ -136,8 +143,10 @@ void CMessageList::LoadMessage(IStorage* parent, CString storageName, CMailBoxPr
             storage.ReadString("Type", type);
             m_bSeen = seen.CompareNoCase("Yes") == 0;
             m_bRead = read.CompareNoCase("Yes") == 0;
-            if (type.CompareNoCase("received") == 0) m_MsgType = MsgReceived;
-            else if (type.CompareNoCase("sent") == 0) m_MsgType = MsgSent;
+            if (type.CompareNoCase("received") == 0)
+                m_MsgType = MsgReceived;
+            else if (type.CompareNoCase("sent") == 0)
+                m_MsgType = MsgSent;
             // The next save writes the current layout and drops these streams.
             m_bDirty = true;
         }
@@ -241,7 +250,8 @@ bool CMessageList::GetBody(CString& text) {
         if (m_strStorageName.IsEmpty()) return false;
         try {
             CStorageManager storage;
-            if (storage.OpenSubStorage(m_pParentStorage, m_strStorageName, kRecordMode, true, kReadTransacted)) {
+            if (storage.OpenSubStorage(m_pParentStorage, m_strStorageName, kRecordMode, true,
+                                       kReadTransacted)) {
                 std::string bytes;
                 if (storage.ReadBytes("Body", bytes) && !bytes.empty()) text = CString(std::move(bytes));
             }
@@ -265,15 +275,19 @@ void CMessageList::EnumStorage(IStorage* parent, std::list<CMessageList*>& list,
     ULONG fetched = 0;
     while (elements->Next(1, &stat, &fetched) == S_OK && fetched == 1) {
         std::u16string wide = stat.pwcsName ? std::u16string(stat.pwcsName) : std::u16string();
-        if (malloc) malloc->Free(stat.pwcsName);
-        else CoTaskMemFree(stat.pwcsName);
+        if (malloc)
+            malloc->Free(stat.pwcsName);
+        else
+            CoTaskMemFree(stat.pwcsName);
         if (stat.type != STGTY_STORAGE) continue;
         if (wide.empty()) {
             doomed.push_back(wide);
             continue;
         }
-        if (loadInto(parent, CString(wide.c_str()), list, profile)) reporter.RecordLoaded();
-        else doomed.push_back(wide);
+        if (loadInto(parent, CString(wide.c_str()), list, profile))
+            reporter.RecordLoaded();
+        else
+            doomed.push_back(wide);
     }
     elements->Release();
     if (malloc) malloc->Release();
@@ -289,8 +303,10 @@ void CMessageList::EnumStorage(CString index, IStorage* parent, std::list<CMessa
     CStringToken names(index, ",");
     for (auto it = names.Begin(); it != names.End(); ++it) {
         CString name(it->c_str());
-        if (loadInto(parent, name, list, profile)) reporter.RecordLoaded();
-        else doomed.push_back(name);
+        if (loadInto(parent, name, list, profile))
+            reporter.RecordLoaded();
+        else
+            doomed.push_back(name);
     }
     for (const CString& name : doomed) parent->DestroyElement(name.GetString());
 }

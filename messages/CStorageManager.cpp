@@ -59,14 +59,16 @@ void CStorageManager::OpenStorageFile(const char* path, bool transacted) {
     IStorage* storage = nullptr;
     HRESULT hr;
     if (CFileName(path).Exist())
-        hr = StgOpenStorage(path, nullptr, STGM_READWRITE | STGM_SHARE_EXCLUSIVE | extra, nullptr, 0, &storage);
+        hr = StgOpenStorage(path, nullptr, STGM_READWRITE | STGM_SHARE_EXCLUSIVE | extra, nullptr, 0,
+                            &storage);
     else
         hr = StgCreateDocfile(path, STGM_CREATE | STGM_READWRITE | STGM_SHARE_EXCLUSIVE | extra, 0, &storage);
     Check(hr);
     m_pStorage = storage;
 }
 
-bool CStorageManager::OpenSubStorage(IStorage* parent, const char* name, DWORD mode, bool create, bool transacted) {
+bool CStorageManager::OpenSubStorage(IStorage* parent, const char* name, DWORD mode, bool create,
+                                     bool transacted) {
     if (!parent) return false;
     Close();
     // Our own reference, so that the parent cannot go away while the child is being opened.
@@ -75,13 +77,15 @@ bool CStorageManager::OpenSubStorage(IStorage* parent, const char* name, DWORD m
     DWORD fullMode = mode | (transacted ? STGM_TRANSACTED : 0);
     IStorage* storage = nullptr;
     HRESULT hr = parent->OpenStorage(name, nullptr, fullMode, nullptr, 0, &storage);
-    if (hr == STG_E_FILENOTFOUND && create) hr = parent->CreateStorage(name, fullMode | STGM_CREATE, 0, 0, &storage);
+    if (hr == STG_E_FILENOTFOUND && create)
+        hr = parent->CreateStorage(name, fullMode | STGM_CREATE, 0, 0, &storage);
     Check(hr);
     m_pStorage = storage;
     return m_pStorage != nullptr;
 }
 
-bool CStorageManager::OpenSubStorage(IStorage* parent, UINT nameId, DWORD mode, bool create, bool transacted) {
+bool CStorageManager::OpenSubStorage(IStorage* parent, UINT nameId, DWORD mode, bool create,
+                                     bool transacted) {
     return OpenSubStorage(parent, NameOf(nameId), mode, create, transacted);
 }
 
@@ -98,7 +102,8 @@ bool CStorageManager::StreamExists(UINT nameId) { return StreamExists(NameOf(nam
 bool CStorageManager::StorageExists(const char* name) {
     if (!m_pStorage) return false;
     IStorage* storage = nullptr;
-    m_hResult = m_pStorage->OpenStorage(name, nullptr, STGM_READ | STGM_SHARE_EXCLUSIVE, nullptr, 0, &storage);
+    m_hResult =
+        m_pStorage->OpenStorage(name, nullptr, STGM_READ | STGM_SHARE_EXCLUSIVE, nullptr, 0, &storage);
     if (storage) storage->Release();
     return m_hResult != STG_E_FILENOTFOUND;
 }
@@ -291,8 +296,10 @@ void CStorageManager::ForEachStream(Visit visit) {
     ULONG fetched = 0;
     while (elements.p->Next(1, &stat, &fetched) == S_OK && fetched == 1) {
         CString name(stat.pwcsName);
-        if (allocator.p) allocator.p->Free(stat.pwcsName);
-        else CoTaskMemFree(stat.pwcsName);
+        if (allocator.p)
+            allocator.p->Free(stat.pwcsName);
+        else
+            CoTaskMemFree(stat.pwcsName);
         if (stat.type != STGTY_STREAM) continue;
         COleStreamFile file;
         CFileException error;

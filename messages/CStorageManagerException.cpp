@@ -36,7 +36,8 @@ void CStorageManagerException::FormatError() {
         {STG_E_TOOMANYOPENFILES,
          "STG_E_TOOMANYOPENFILES: The compound file was not created due to a lack of file handles"},
         {STG_E_ACCESSDENIED,
-         "STG_E_ACCESSDENIED: Access denied because the caller has insufficient permission, or another caller "
+         "STG_E_ACCESSDENIED: Access denied because the caller has insufficient permission, or another "
+         "caller "
          "has the file open and locked"},
         {STG_E_INSUFFICIENTMEMORY,
          "STG_E_INSUFFICIENTMEMORY: Indicates the compound file was not created due to a lack of memory"},
@@ -49,7 +50,8 @@ void CStorageManagerException::FormatError() {
         {STG_E_MEDIUMFULL, "STG_E_MEDIUMFULL: No space left on device to commit"},
         {STG_E_INVALIDNAME, "STG_E_INVALIDNAME: Invalid Name"},
         {STG_E_INVALIDFLAG, "STG_E_INVALIDFLAG: Bad flag combination"},
-        {STG_E_NOTCURRENT, "STG_E_NOTCURRENT: Another open instance of the storage object has committed changes."},
+        {STG_E_NOTCURRENT,
+         "STG_E_NOTCURRENT: Another open instance of the storage object has committed changes."},
         {STG_E_REVERTED,
          "STG_E_REVERTED: The storage object has been invalidated by a revert operation above it in the "
          "transaction tree"},

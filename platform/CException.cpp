@@ -27,23 +27,36 @@ BOOL copyMessage(const char* text, LPTSTR buf, UINT max, UINT* helpContext) {
 // The framework's texts; %1 is the file name.
 const char* fileCauseText(int cause) {
     switch (cause) {
-    case CFileException::none: return "No error occurred.";
-    case CFileException::fileNotFound: return "%1 was not found.";
-    case CFileException::badPath: return "%1 contains an invalid path.";
-    case CFileException::tooManyOpenFiles:
-        return "%1 could not be opened because there are too many open files.";
-    case CFileException::accessDenied: return "Access to %1 was denied.";
-    case CFileException::invalidFile: return "An invalid file handle was associated with %1.";
-    case CFileException::removeCurrentDir:
-        return "%1 could not be removed because it is the current directory.";
-    case CFileException::directoryFull: return "%1 could not be created because the directory is full.";
-    case CFileException::badSeek: return "Seek failed on %1";
-    case CFileException::hardIO: return "A hardware I/O error was reported while accessing %1.";
-    case CFileException::sharingViolation: return "A sharing violation occurred while accessing %1.";
-    case CFileException::lockViolation: return "A locking violation occurred while accessing %1.";
-    case CFileException::diskFull: return "Disk full while accessing %1.";
-    case CFileException::endOfFile: return "An attempt was made to access %1 past its end.";
-    default: return "An unexpected error occurred while accessing %1.";
+        case CFileException::none:
+            return "No error occurred.";
+        case CFileException::fileNotFound:
+            return "%1 was not found.";
+        case CFileException::badPath:
+            return "%1 contains an invalid path.";
+        case CFileException::tooManyOpenFiles:
+            return "%1 could not be opened because there are too many open files.";
+        case CFileException::accessDenied:
+            return "Access to %1 was denied.";
+        case CFileException::invalidFile:
+            return "An invalid file handle was associated with %1.";
+        case CFileException::removeCurrentDir:
+            return "%1 could not be removed because it is the current directory.";
+        case CFileException::directoryFull:
+            return "%1 could not be created because the directory is full.";
+        case CFileException::badSeek:
+            return "Seek failed on %1";
+        case CFileException::hardIO:
+            return "A hardware I/O error was reported while accessing %1.";
+        case CFileException::sharingViolation:
+            return "A sharing violation occurred while accessing %1.";
+        case CFileException::lockViolation:
+            return "A locking violation occurred while accessing %1.";
+        case CFileException::diskFull:
+            return "Disk full while accessing %1.";
+        case CFileException::endOfFile:
+            return "An attempt was made to access %1 past its end.";
+        default:
+            return "An unexpected error occurred while accessing %1.";
     }
 }
 
@@ -86,34 +99,48 @@ BOOL CFileException::GetErrorMessage(LPTSTR buf, UINT max, UINT* helpContext) co
 
 int CFileException::OsErrorToException(LONG osError) {
     switch (osError) {
-    case ERROR_SUCCESS: return none;
-    case ERROR_FILE_NOT_FOUND: return fileNotFound;
-    case ERROR_PATH_NOT_FOUND:
-    case detail::ERROR_NOT_SAME_DEVICE:
-    case detail::ERROR_INVALID_NAME:
-    case detail::ERROR_FILENAME_EXCED_RANGE:
-    case detail::ERROR_DIRECTORY: return badPath;
-    case detail::ERROR_TOO_MANY_OPEN_FILES: return tooManyOpenFiles;
-    case ERROR_ACCESS_DENIED:
-    case detail::ERROR_INVALID_ACCESS:
-    case detail::ERROR_FILE_EXISTS:
-    case ERROR_ALREADY_EXISTS: return accessDenied;
-    case ERROR_INVALID_HANDLE: return invalidFile;
-    case detail::ERROR_CURRENT_DIRECTORY:
-    case detail::ERROR_DIR_NOT_EMPTY: return removeCurrentDir;
-    case detail::ERROR_SEEK:
-    case detail::ERROR_NEGATIVE_SEEK: return badSeek;
-    case detail::ERROR_WRITE_FAULT:
-    case detail::ERROR_READ_FAULT:
-    case detail::ERROR_GEN_FAILURE: return hardIO;
-    case detail::ERROR_SHARING_VIOLATION:
-    case detail::ERROR_BUSY: return sharingViolation;
-    case detail::ERROR_LOCK_VIOLATION: return lockViolation;
-    case detail::ERROR_DISK_FULL:
-    case detail::ERROR_HANDLE_DISK_FULL:
-    case detail::ERROR_FILE_TOO_LARGE: return diskFull;
-    case detail::ERROR_HANDLE_EOF: return endOfFile;
-    default: return genericException;
+        case ERROR_SUCCESS:
+            return none;
+        case ERROR_FILE_NOT_FOUND:
+            return fileNotFound;
+        case ERROR_PATH_NOT_FOUND:
+        case detail::ERROR_NOT_SAME_DEVICE:
+        case detail::ERROR_INVALID_NAME:
+        case detail::ERROR_FILENAME_EXCED_RANGE:
+        case detail::ERROR_DIRECTORY:
+            return badPath;
+        case detail::ERROR_TOO_MANY_OPEN_FILES:
+            return tooManyOpenFiles;
+        case ERROR_ACCESS_DENIED:
+        case detail::ERROR_INVALID_ACCESS:
+        case detail::ERROR_FILE_EXISTS:
+        case ERROR_ALREADY_EXISTS:
+            return accessDenied;
+        case ERROR_INVALID_HANDLE:
+            return invalidFile;
+        case detail::ERROR_CURRENT_DIRECTORY:
+        case detail::ERROR_DIR_NOT_EMPTY:
+            return removeCurrentDir;
+        case detail::ERROR_SEEK:
+        case detail::ERROR_NEGATIVE_SEEK:
+            return badSeek;
+        case detail::ERROR_WRITE_FAULT:
+        case detail::ERROR_READ_FAULT:
+        case detail::ERROR_GEN_FAILURE:
+            return hardIO;
+        case detail::ERROR_SHARING_VIOLATION:
+        case detail::ERROR_BUSY:
+            return sharingViolation;
+        case detail::ERROR_LOCK_VIOLATION:
+            return lockViolation;
+        case detail::ERROR_DISK_FULL:
+        case detail::ERROR_HANDLE_DISK_FULL:
+        case detail::ERROR_FILE_TOO_LARGE:
+            return diskFull;
+        case detail::ERROR_HANDLE_EOF:
+            return endOfFile;
+        default:
+            return genericException;
     }
 }
 

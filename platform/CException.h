@@ -18,7 +18,8 @@ public:
     // Copies at most max-1 characters of the description plus a terminator into buf (the framework's
     // truncation). FALSE (and an empty buf) when there is no description; *helpContext is set to 0.
     virtual BOOL GetErrorMessage(LPTSTR buf, UINT max, UINT* helpContext = nullptr) const;
-    // Shows the description with AfxMessageBox (platform/MessageBox.h). messageId is the string resource shown when there is no description.
+    // Shows the description with AfxMessageBox (platform/MessageBox.h). messageId is the string resource
+    // shown when there is no description.
     virtual int ReportError(UINT type = 0, UINT messageId = 0) const;
 
     BOOL m_bAutoDelete;

@@ -88,10 +88,17 @@ BOOL CFile::Open(LPCTSTR fileName, UINT openFlags, CFileException* error) {
 
     int flags = O_CLOEXEC;  // nothing here starts child processes; never leak descriptors
     switch (openFlags & 3) {
-    case modeRead: flags |= O_RDONLY; break;
-    case modeWrite: flags |= O_WRONLY; break;
-    case modeReadWrite: flags |= O_RDWR; break;
-    default: return fail(CFileException::genericException, ERROR_INVALID_PARAMETER);
+        case modeRead:
+            flags |= O_RDONLY;
+            break;
+        case modeWrite:
+            flags |= O_WRONLY;
+            break;
+        case modeReadWrite:
+            flags |= O_RDWR;
+            break;
+        default:
+            return fail(CFileException::genericException, ERROR_INVALID_PARAMETER);
     }
     bool truncate = (openFlags & modeCreate) && !(openFlags & modeNoTruncate);
     if (openFlags & modeCreate) flags |= O_CREAT;
@@ -178,7 +185,8 @@ ULONGLONG CFile::Seek(LONGLONG offset, UINT from) {
     if (whence < 0) AfxThrowFileException(CFileException::badSeek, ERROR_INVALID_PARAMETER, m_strFileName);
     std::int64_t pos = fs().lseek(fd(), offset, whence);
     if (pos < 0) {
-        if (errno == EINVAL) AfxThrowFileException(CFileException::badSeek, detail::ERROR_NEGATIVE_SEEK, m_strFileName);
+        if (errno == EINVAL)
+            AfxThrowFileException(CFileException::badSeek, detail::ERROR_NEGATIVE_SEEK, m_strFileName);
         throwErrno(errno, m_strFileName);
     }
     return static_cast<ULONGLONG>(pos);
@@ -200,7 +208,8 @@ ULONGLONG CFile::GetLength() const {
 
 void CFile::SetLength(ULONGLONG newLength) {
     if (fd() < 0) AfxThrowFileException(CFileException::invalidFile, ERROR_INVALID_HANDLE, m_strFileName);
-    if (newLength > ULONGLONG(INT64_MAX)) AfxThrowFileException(CFileException::badSeek, ERROR_INVALID_PARAMETER, m_strFileName);
+    if (newLength > ULONGLONG(INT64_MAX))
+        AfxThrowFileException(CFileException::badSeek, ERROR_INVALID_PARAMETER, m_strFileName);
     if (fs().ftruncate(fd(), std::int64_t(newLength)) != 0) throwErrno(errno, m_strFileName);
 }
 
@@ -265,7 +274,8 @@ BOOL CFile::GetStatus(LPCTSTR fileName, CFileStatus& status) {
 }
 
 void CFile::Rename(LPCTSTR oldName, LPCTSTR newName) {
-    if (oldName == nullptr || newName == nullptr) AfxThrowFileException(CFileException::badPath, ERROR_INVALID_PARAMETER, oldName);
+    if (oldName == nullptr || newName == nullptr)
+        AfxThrowFileException(CFileException::badPath, ERROR_INVALID_PARAMETER, oldName);
     if (fs().rename(oldName, newName) != 0) throwErrno(errno, oldName);
 }
 

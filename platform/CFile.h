@@ -12,11 +12,11 @@
 #include "platform/CTime.h"
 
 struct CFileStatus {
-    CTime m_ctime;           // status change time (Windows: creation)
-    CTime m_mtime;           // last modification
-    CTime m_atime;           // last access
+    CTime m_ctime;  // status change time (Windows: creation)
+    CTime m_mtime;  // last modification
+    CTime m_atime;  // last access
     ULONGLONG m_size = 0;
-    BYTE m_attribute = 0;    // CFile::Attribute bits
+    BYTE m_attribute = 0;  // CFile::Attribute bits
     BYTE m_padding = 0;
     char m_szFullName[MAX_PATH] = {};  // absolute path, cut at MAX_PATH-1 characters
 };
@@ -94,7 +94,8 @@ public:
     // Closes without ever throwing.
     virtual void Abort();
     // Direct buffer access; a plain file has none and returns 0.
-    virtual UINT GetBufferPtr(UINT command, UINT count = 0, void** bufStart = nullptr, void** bufMax = nullptr);
+    virtual UINT GetBufferPtr(UINT command, UINT count = 0, void** bufStart = nullptr,
+                              void** bufMax = nullptr);
 
     // The name as given to Open; the path made absolute; the title is the name without directory.
     virtual CString GetFileName() const;

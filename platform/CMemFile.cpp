@@ -93,7 +93,10 @@ void CMemFile::Write(const void* buffer, UINT count) {
 }
 
 ULONGLONG CMemFile::Seek(LONGLONG offset, UINT from) {
-    LONGLONG base = from == begin ? 0 : from == current ? LONGLONG(m_nPosition) : from == end ? LONGLONG(m_nFileSize) : -1;
+    LONGLONG base = from == begin     ? 0
+                    : from == current ? LONGLONG(m_nPosition)
+                    : from == end     ? LONGLONG(m_nFileSize)
+                                      : -1;
     if (base < 0) AfxThrowFileException(CFileException::badSeek, ERROR_INVALID_PARAMETER);
     LONGLONG target;
     if (__builtin_add_overflow(base, offset, &target) || target < 0 ||
@@ -131,8 +134,10 @@ UINT CMemFile::GetBufferPtr(UINT command, UINT count, void** bufStart, void** bu
     if (command == bufferWrite && m_nPosition + count > m_nBufferSize) AfxThrowMemoryException();
     if (command == bufferWrite && m_nPosition > m_nFileSize)
         std::memset(m_lpBuffer + m_nFileSize, 0, m_nPosition - m_nFileSize);
-    std::size_t avail = command == bufferWrite ? count
-                                               : (m_nPosition >= m_nFileSize ? 0 : std::min<std::size_t>(count, m_nFileSize - m_nPosition));
+    std::size_t avail =
+        command == bufferWrite
+            ? count
+            : (m_nPosition >= m_nFileSize ? 0 : std::min<std::size_t>(count, m_nFileSize - m_nPosition));
     if (bufStart != nullptr) *bufStart = m_lpBuffer + m_nPosition;
     m_nPosition += avail;
     if (command == bufferWrite && m_nPosition > m_nFileSize) m_nFileSize = m_nPosition;

@@ -35,7 +35,8 @@ public:
     void Abort() override;
     // bufferCheck answers bufferDirect; bufferRead/bufferWrite hand out the memory at the position and
     // advance it (write requests grow the file as Write does).
-    UINT GetBufferPtr(UINT command, UINT count = 0, void** bufStart = nullptr, void** bufMax = nullptr) override;
+    UINT GetBufferPtr(UINT command, UINT count = 0, void** bufStart = nullptr,
+                      void** bufMax = nullptr) override;
 
     // A memory file has no name and cannot be opened by name: Open throws CNotSupportedException.
     BOOL Open(LPCTSTR fileName, UINT openFlags, CFileException* error = nullptr) override;

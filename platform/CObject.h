@@ -44,10 +44,10 @@ protected:
 
 #define RUNTIME_CLASS(class_name) (&class_name::class##class_name)
 
-#define DECLARE_DYNAMIC(class_name)                    \
-public:                                                \
-    static CRuntimeClass class##class_name;            \
-    static CRuntimeClass* _GetBaseClass();             \
+#define DECLARE_DYNAMIC(class_name)         \
+public:                                     \
+    static CRuntimeClass class##class_name; \
+    static CRuntimeClass* _GetBaseClass();  \
     CRuntimeClass* GetRuntimeClass() const override;
 
 #define DECLARE_DYNCREATE(class_name) \
@@ -56,20 +56,20 @@ public:                                                \
 
 #define DECLARE_SERIAL(class_name) DECLARE_DYNCREATE(class_name)
 
-#define TAVIK_IMPLEMENT_RUNTIMECLASS(class_name, base_name, schema, pfnNew)                        \
-    CRuntimeClass class_name::class##class_name = {#class_name, (int)sizeof(class_name), schema,    \
-                                                   pfnNew, &class_name::_GetBaseClass};             \
-    CRuntimeClass* class_name::_GetBaseClass() { return RUNTIME_CLASS(base_name); }                 \
-    CRuntimeClass* class_name::GetRuntimeClass() const { return RUNTIME_CLASS(class_name); }        \
+#define TAVIK_IMPLEMENT_RUNTIMECLASS(class_name, base_name, schema, pfnNew)                              \
+    CRuntimeClass class_name::class##class_name = {#class_name, (int)sizeof(class_name), schema, pfnNew, \
+                                                   &class_name::_GetBaseClass};                          \
+    CRuntimeClass* class_name::_GetBaseClass() { return RUNTIME_CLASS(base_name); }                      \
+    CRuntimeClass* class_name::GetRuntimeClass() const { return RUNTIME_CLASS(class_name); }             \
     static ::detail::RuntimeClassRegistrar tavik_registrar_##class_name(RUNTIME_CLASS(class_name));
 
 #define IMPLEMENT_DYNAMIC(class_name, base_name) \
     TAVIK_IMPLEMENT_RUNTIMECLASS(class_name, base_name, 0xFFFF, nullptr)
 
-#define IMPLEMENT_DYNCREATE(class_name, base_name)                      \
-    CObject* class_name::CreateObject() { return new class_name; }     \
+#define IMPLEMENT_DYNCREATE(class_name, base_name)                 \
+    CObject* class_name::CreateObject() { return new class_name; } \
     TAVIK_IMPLEMENT_RUNTIMECLASS(class_name, base_name, 0xFFFF, class_name::CreateObject)
 
-#define IMPLEMENT_SERIAL(class_name, base_name, schema)                 \
-    CObject* class_name::CreateObject() { return new class_name; }     \
+#define IMPLEMENT_SERIAL(class_name, base_name, schema)            \
+    CObject* class_name::CreateObject() { return new class_name; } \
     TAVIK_IMPLEMENT_RUNTIMECLASS(class_name, base_name, schema, class_name::CreateObject)

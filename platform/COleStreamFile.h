@@ -23,10 +23,11 @@ public:
 
     // nOpenFlags are CFile mode and share flags (their values are the STGM_ values). FALSE on failure,
     // with the cause and the HRESULT (m_lOsError) in *pError.
-    BOOL OpenStream(IStorage* lpStorage, LPCTSTR lpszStreamName, DWORD nOpenFlags = modeReadWrite | shareExclusive,
-                    CFileException* pError = nullptr);
+    BOOL OpenStream(IStorage* lpStorage, LPCTSTR lpszStreamName,
+                    DWORD nOpenFlags = modeReadWrite | shareExclusive, CFileException* pError = nullptr);
     BOOL CreateStream(IStorage* lpStorage, LPCTSTR lpszStreamName,
-                      DWORD nOpenFlags = modeReadWrite | shareExclusive | modeCreate, CFileException* pError = nullptr);
+                      DWORD nOpenFlags = modeReadWrite | shareExclusive | modeCreate,
+                      CFileException* pError = nullptr);
 
     UINT Read(void* buffer, UINT count) override;
     void Write(const void* buffer, UINT count) override;

@@ -12,10 +12,10 @@ char lowerC(char c) { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' 
 
 // Code points of Windows-1252 bytes 0x80..0x9F; 0 where the code page leaves the byte undefined
 // (Windows maps those to the same-numbered C1 control).
-const char16_t kCp1252High[32] = {
-    0x20AC, 0,      0x201A, 0x0192, 0x201E, 0x2026, 0x2020, 0x2021, 0x02C6, 0x2030, 0x0160,
-    0x2039, 0x0152, 0,      0x017D, 0,      0,      0x2018, 0x2019, 0x201C, 0x201D, 0x2022,
-    0x2013, 0x2014, 0x02DC, 0x2122, 0x0161, 0x203A, 0x0153, 0,      0x017E, 0x0178};
+const char16_t kCp1252High[32] = {0x20AC, 0,      0x201A, 0x0192, 0x201E, 0x2026, 0x2020, 0x2021,
+                                  0x02C6, 0x2030, 0x0160, 0x2039, 0x0152, 0,      0x017D, 0,
+                                  0,      0x2018, 0x2019, 0x201C, 0x201D, 0x2022, 0x2013, 0x2014,
+                                  0x02DC, 0x2122, 0x0161, 0x203A, 0x0153, 0,      0x017E, 0x0178};
 
 }  // namespace
 
@@ -113,9 +113,7 @@ CString operator+(char a, const CString& b) {
     return r;
 }
 
-int CString::Compare(const char* text) const {
-    return std::strcmp(m_str.c_str(), text ? text : "");
-}
+int CString::Compare(const char* text) const { return std::strcmp(m_str.c_str(), text ? text : ""); }
 
 int CString::CompareNoCase(const char* text) const {
     const unsigned char* a = reinterpret_cast<const unsigned char*>(m_str.c_str());

@@ -68,12 +68,12 @@ public:
     void MakeLower();
     void MakeReverse();
 
-    int Replace(char oldCh, char newCh);              // returns the number replaced
+    int Replace(char oldCh, char newCh);                    // returns the number replaced
     int Replace(const char* oldText, const char* newText);  // empty oldText replaces nothing
-    int Remove(char ch);                               // returns the number removed
-    int Insert(int index, char ch);                    // returns the new length; index clamped
+    int Remove(char ch);                                    // returns the number removed
+    int Insert(int index, char ch);                         // returns the new length; index clamped
     int Insert(int index, const char* text);
-    int Delete(int index, int count = 1);              // returns the new length
+    int Delete(int index, int count = 1);  // returns the new length
 
     void TrimLeft();  // white space as isspace in the C locale
     void TrimRight();
@@ -81,9 +81,18 @@ public:
     void TrimRight(char target);
     void TrimLeft(const char* targets);
     void TrimRight(const char* targets);
-    void Trim() { TrimRight(); TrimLeft(); }
-    void Trim(char target) { TrimRight(target); TrimLeft(target); }
-    void Trim(const char* targets) { TrimRight(targets); TrimLeft(targets); }
+    void Trim() {
+        TrimRight();
+        TrimLeft();
+    }
+    void Trim(char target) {
+        TrimRight(target);
+        TrimLeft(target);
+    }
+    void Trim(const char* targets) {
+        TrimRight(targets);
+        TrimLeft(targets);
+    }
 
     // -1 when not found, or when start lies outside the text.
     int Find(char ch, int start = 0) const;

@@ -82,15 +82,25 @@ CString CTimeSpan::Format(LPCTSTR format) const {
         }
         ++p;
         switch (*p) {
-        case 'D': result.AppendFormat("%lld", static_cast<long long>(GetDays())); break;
-        case 'H': result.AppendFormat("%02d", GetHours()); break;
-        case 'M': result.AppendFormat("%02d", GetMinutes()); break;
-        case 'S': result.AppendFormat("%02d", GetSeconds()); break;
-        case '%': result += '%'; break;
-        default:
-            result += '%';
-            result += *p;
-            break;
+            case 'D':
+                result.AppendFormat("%lld", static_cast<long long>(GetDays()));
+                break;
+            case 'H':
+                result.AppendFormat("%02d", GetHours());
+                break;
+            case 'M':
+                result.AppendFormat("%02d", GetMinutes());
+                break;
+            case 'S':
+                result.AppendFormat("%02d", GetSeconds());
+                break;
+            case '%':
+                result += '%';
+                break;
+            default:
+                result += '%';
+                result += *p;
+                break;
         }
     }
     return result;

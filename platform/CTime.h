@@ -29,8 +29,14 @@ public:
     CTimeSpan operator+(CTimeSpan other) const { return m_span + other.m_span; }
     CTimeSpan operator-(CTimeSpan other) const { return m_span - other.m_span; }
     CTimeSpan operator-() const { return -m_span; }
-    CTimeSpan& operator+=(CTimeSpan other) { m_span += other.m_span; return *this; }
-    CTimeSpan& operator-=(CTimeSpan other) { m_span -= other.m_span; return *this; }
+    CTimeSpan& operator+=(CTimeSpan other) {
+        m_span += other.m_span;
+        return *this;
+    }
+    CTimeSpan& operator-=(CTimeSpan other) {
+        m_span -= other.m_span;
+        return *this;
+    }
     bool operator==(CTimeSpan other) const { return m_span == other.m_span; }
     bool operator!=(CTimeSpan other) const { return m_span != other.m_span; }
     bool operator<(CTimeSpan other) const { return m_span < other.m_span; }
@@ -44,7 +50,7 @@ private:
 
 class CTime {
 public:
-    CTime() = default;  // time 0
+    CTime() = default;                                       // time 0
     CTime(std::time_t time) : m_time(std::int64_t(time)) {}  // NOLINT: implicit as in the framework
     // Local calendar time as mktime: out-of-range fields are carried over (day 32 of January is
     // 1 February); nDST -1 lets the zone decide daylight saving. A time mktime cannot represent gives -1,
@@ -57,9 +63,9 @@ public:
     std::time_t GetTime() const { return std::time_t(m_time); }
     // Fields in local time; a time the C runtime cannot break down gives 0 for every field.
     int GetYear() const;
-    int GetMonth() const;      // 1..12
-    int GetDay() const;        // 1..31
-    int GetHour() const;       // 0..23
+    int GetMonth() const;  // 1..12
+    int GetDay() const;    // 1..31
+    int GetHour() const;   // 0..23
     int GetMinute() const;
     int GetSecond() const;
     int GetDayOfWeek() const;  // 1 = Sunday .. 7 = Saturday
@@ -74,8 +80,14 @@ public:
     CTime operator+(CTimeSpan span) const { return CTime::FromSeconds(m_time + span.GetTotalSeconds()); }
     CTime operator-(CTimeSpan span) const { return CTime::FromSeconds(m_time - span.GetTotalSeconds()); }
     CTimeSpan operator-(CTime other) const { return CTimeSpan(m_time - other.m_time); }
-    CTime& operator+=(CTimeSpan span) { m_time += span.GetTotalSeconds(); return *this; }
-    CTime& operator-=(CTimeSpan span) { m_time -= span.GetTotalSeconds(); return *this; }
+    CTime& operator+=(CTimeSpan span) {
+        m_time += span.GetTotalSeconds();
+        return *this;
+    }
+    CTime& operator-=(CTimeSpan span) {
+        m_time -= span.GetTotalSeconds();
+        return *this;
+    }
     bool operator==(CTime other) const { return m_time == other.m_time; }
     bool operator!=(CTime other) const { return m_time != other.m_time; }
     bool operator<(CTime other) const { return m_time < other.m_time; }

@@ -104,7 +104,8 @@ HANDLE CreateFileMapping(HANDLE file, SECURITY_ATTRIBUTES* security, DWORD prote
             size = length;
         } else if (size > length) {
             if (page != PAGE_READWRITE) {
-                SetLastError(ERROR_NOT_ENOUGH_MEMORY);  // Windows: ERROR_NOT_ENOUGH_MEMORY for a read-only grow
+                SetLastError(
+                    ERROR_NOT_ENOUGH_MEMORY);  // Windows: ERROR_NOT_ENOUGH_MEMORY for a read-only grow
                 return nullptr;
             }
             if (ftruncate(fileFd, static_cast<off_t>(size)) != 0) {

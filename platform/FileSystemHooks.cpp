@@ -11,7 +11,9 @@ detail::FileSystemHooks makeReal() {
     h.open = [](const char* path, int flags, unsigned mode) { return ::open(path, flags, mode_t(mode)); };
     h.read = [](int fd, void* buf, std::size_t n) -> std::ptrdiff_t { return ::read(fd, buf, n); };
     h.write = [](int fd, const void* buf, std::size_t n) -> std::ptrdiff_t { return ::write(fd, buf, n); };
-    h.lseek = [](int fd, std::int64_t off, int whence) -> std::int64_t { return ::lseek(fd, off_t(off), whence); };
+    h.lseek = [](int fd, std::int64_t off, int whence) -> std::int64_t {
+        return ::lseek(fd, off_t(off), whence);
+    };
     h.ftruncate = [](int fd, std::int64_t length) { return ::ftruncate(fd, off_t(length)); };
     h.fsync = [](int fd) { return ::fsync(fd); };
     h.rename = [](const char* from, const char* to) { return ::rename(from, to); };

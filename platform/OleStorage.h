@@ -171,8 +171,8 @@ inline constexpr IID IID_IMalloc = {0x00000002, 0, 0, {0xC0, 0, 0, 0, 0, 0, 0, 0
 inline constexpr IID IID_IStorage = {0x0000000B, 0, 0, {0xC0, 0, 0, 0, 0, 0, 0, 0x46}};
 inline constexpr IID IID_IStream = {0x0000000C, 0, 0, {0xC0, 0, 0, 0, 0, 0, 0, 0x46}};
 inline constexpr IID IID_IEnumSTATSTG = {0x0000000D, 0, 0, {0xC0, 0, 0, 0, 0, 0, 0, 0x46}};
-inline constexpr IID IID_ISequentialStream = {0x0C733A30, 0x2A1C, 0x11CE,
-                                              {0xAD, 0xE5, 0x00, 0xAA, 0x00, 0x44, 0x77, 0x3D}};
+inline constexpr IID IID_ISequentialStream = {
+    0x0C733A30, 0x2A1C, 0x11CE, {0xAD, 0xE5, 0x00, 0xAA, 0x00, 0x44, 0x77, 0x3D}};
 
 // Element status. pwcsName is allocated with the task allocator; the receiver frees it with
 // CoTaskMemFree (null when STATFLAG_NONAME was asked).
@@ -266,13 +266,15 @@ public:
                                 SNB snbExclude, DWORD reserved, IStorage** ppstg) = 0;
     // Copies every element (streams replace, storages merge) into pstgDest; names in snbExclude are
     // skipped at the top level. Copying into its own descendant gives STG_E_ACCESSDENIED.
-    virtual HRESULT CopyTo(DWORD ciidExclude, const IID* rgiidExclude, SNB snbExclude, IStorage* pstgDest) = 0;
+    virtual HRESULT CopyTo(DWORD ciidExclude, const IID* rgiidExclude, SNB snbExclude,
+                           IStorage* pstgDest) = 0;
     virtual HRESULT MoveElementTo(const OLECHAR* pwcsName, IStorage* pstgDest, const OLECHAR* pwcsNewName,
                                   DWORD grfFlags) = 0;
     // Transacted: publishes to the parent (the root: writes the file). Direct: the root writes the file.
     virtual HRESULT Commit(DWORD grfCommitFlags) = 0;
     virtual HRESULT Revert() = 0;
-    virtual HRESULT EnumElements(DWORD reserved1, void* reserved2, DWORD reserved3, IEnumSTATSTG** ppenum) = 0;
+    virtual HRESULT EnumElements(DWORD reserved1, void* reserved2, DWORD reserved3,
+                                 IEnumSTATSTG** ppenum) = 0;
     // Removes a stream or a whole sub-storage; handles open under it then give STG_E_REVERTED.
     virtual HRESULT DestroyElement(const OLECHAR* pwcsName) = 0;
     virtual HRESULT RenameElement(const OLECHAR* pwcsOldName, const OLECHAR* pwcsNewName) = 0;
@@ -285,7 +287,8 @@ public:
     // Windows-1252 conveniences: the same calls with 8-bit names.
     HRESULT CreateStream(const char* name, DWORD grfMode, DWORD reserved1, DWORD reserved2, IStream** ppstm);
     HRESULT OpenStream(const char* name, void* reserved1, DWORD grfMode, DWORD reserved2, IStream** ppstm);
-    HRESULT CreateStorage(const char* name, DWORD grfMode, DWORD reserved1, DWORD reserved2, IStorage** ppstg);
+    HRESULT CreateStorage(const char* name, DWORD grfMode, DWORD reserved1, DWORD reserved2,
+                          IStorage** ppstg);
     HRESULT OpenStorage(const char* name, IStorage* pstgPriority, DWORD grfMode, SNB snbExclude,
                         DWORD reserved, IStorage** ppstg);
     HRESULT DestroyElement(const char* name);

@@ -59,11 +59,14 @@ constexpr REGSAM KEY_NOTIFY = 0x0010;
 constexpr REGSAM KEY_CREATE_LINK = 0x0020;
 constexpr REGSAM KEY_WOW64_64KEY = 0x0100;
 constexpr REGSAM KEY_WOW64_32KEY = 0x0200;
-constexpr REGSAM KEY_READ = (STANDARD_RIGHTS_READ | KEY_QUERY_VALUE | KEY_ENUMERATE_SUB_KEYS | KEY_NOTIFY) & ~SYNCHRONIZE;
+constexpr REGSAM KEY_READ =
+    (STANDARD_RIGHTS_READ | KEY_QUERY_VALUE | KEY_ENUMERATE_SUB_KEYS | KEY_NOTIFY) & ~SYNCHRONIZE;
 constexpr REGSAM KEY_WRITE = (STANDARD_RIGHTS_WRITE | KEY_SET_VALUE | KEY_CREATE_SUB_KEY) & ~SYNCHRONIZE;
 constexpr REGSAM KEY_EXECUTE = KEY_READ;
-constexpr REGSAM KEY_ALL_ACCESS = (STANDARD_RIGHTS_ALL | KEY_QUERY_VALUE | KEY_SET_VALUE | KEY_CREATE_SUB_KEY |
-                                   KEY_ENUMERATE_SUB_KEYS | KEY_NOTIFY | KEY_CREATE_LINK) & ~SYNCHRONIZE;
+constexpr REGSAM KEY_ALL_ACCESS =
+    (STANDARD_RIGHTS_ALL | KEY_QUERY_VALUE | KEY_SET_VALUE | KEY_CREATE_SUB_KEY | KEY_ENUMERATE_SUB_KEYS |
+     KEY_NOTIFY | KEY_CREATE_LINK) &
+    ~SYNCHRONIZE;
 
 // RegCreateKeyEx options and dispositions. Volatile keys are stored like the others.
 constexpr DWORD REG_OPTION_RESERVED = 0x0000;
@@ -83,8 +86,9 @@ constexpr DWORD REG_FORCE_RESTORE = 0x0008;
 
 // Creates the key and any missing parents, or opens it. *lpdwDisposition (when given) tells which. A
 // name with an empty part ("a\\\\b", "\\a") gives ERROR_BAD_PATHNAME; on failure *phkResult is null.
-LONG RegCreateKeyEx(HKEY hKey, LPCSTR lpSubKey, DWORD Reserved, LPSTR lpClass, DWORD dwOptions, REGSAM samDesired,
-                    const LPSECURITY_ATTRIBUTES lpSecurityAttributes, PHKEY phkResult, LPDWORD lpdwDisposition);
+LONG RegCreateKeyEx(HKEY hKey, LPCSTR lpSubKey, DWORD Reserved, LPSTR lpClass, DWORD dwOptions,
+                    REGSAM samDesired, const LPSECURITY_ATTRIBUTES lpSecurityAttributes, PHKEY phkResult,
+                    LPDWORD lpdwDisposition);
 // ERROR_FILE_NOT_FOUND when the key does not exist; a null or empty name opens the key of hKey again.
 LONG RegOpenKeyEx(HKEY hKey, LPCSTR lpSubKey, DWORD ulOptions, REGSAM samDesired, PHKEY phkResult);
 // Commits what was written so far. Closing a root handle is harmless.
@@ -95,13 +99,14 @@ LONG RegCloseKey(HKEY hKey);
 LONG RegQueryValueEx(HKEY hKey, LPCSTR lpValueName, LPDWORD lpReserved, LPDWORD lpType, LPBYTE lpData,
                      LPDWORD lpcbData);
 // Stores cbData bytes as given (string data keep whatever terminator the caller counted).
-LONG RegSetValueEx(HKEY hKey, LPCSTR lpValueName, DWORD Reserved, DWORD dwType, const BYTE* lpData, DWORD cbData);
+LONG RegSetValueEx(HKEY hKey, LPCSTR lpValueName, DWORD Reserved, DWORD dwType, const BYTE* lpData,
+                   DWORD cbData);
 LONG RegDeleteValue(HKEY hKey, LPCSTR lpValueName);
 
 // Sub-key dwIndex in the hive's order; ERROR_NO_MORE_ITEMS past the end; a name buffer (counted in
 // characters, terminator included) that is too small gives ERROR_MORE_DATA and leaves the count alone.
-LONG RegEnumKeyEx(HKEY hKey, DWORD dwIndex, LPSTR lpName, LPDWORD lpcchName, LPDWORD lpReserved, LPSTR lpClass,
-                  LPDWORD lpcchClass, PFILETIME lpftLastWriteTime);
+LONG RegEnumKeyEx(HKEY hKey, DWORD dwIndex, LPSTR lpName, LPDWORD lpcchName, LPDWORD lpReserved,
+                  LPSTR lpClass, LPDWORD lpcchClass, PFILETIME lpftLastWriteTime);
 // Value dwIndex in creation order; ERROR_NO_MORE_ITEMS past the end; ERROR_MORE_DATA when the name or the
 // data does not fit (the needed data size then in *lpcbData).
 LONG RegEnumValue(HKEY hKey, DWORD dwIndex, LPSTR lpValueName, LPDWORD lpcchValueName, LPDWORD lpReserved,

@@ -31,7 +31,7 @@ struct MimeDatabase {
     std::map<std::string, std::string> byExtension;  // lower-case ".ext" -> type, best weight first wins
     std::vector<Glob> others;                        // patterns that are not a plain "*.ext"
     std::map<std::string, std::string> aliases;
-    std::map<std::string, std::string> comments;     // cache of descriptions
+    std::map<std::string, std::string> comments;  // cache of descriptions
 };
 
 std::mutex g_lock;
@@ -152,7 +152,8 @@ DWORD_PTR SHGetFileInfo(const char* path, DWORD fileAttributes, SHFILEINFO* info
         directory = S_ISDIR(st.st_mode);
     }
     std::string name = p.substr(p.rfind('/') == std::string::npos ? 0 : p.rfind('/') + 1);
-    if (flags & SHGFI_DISPLAYNAME) std::snprintf(info->szDisplayName, sizeof info->szDisplayName, "%s", name.c_str());
+    if (flags & SHGFI_DISPLAYNAME)
+        std::snprintf(info->szDisplayName, sizeof info->szDisplayName, "%s", name.c_str());
     if (flags & SHGFI_TYPENAME) {
         std::string text;
         {

@@ -31,7 +31,8 @@ void AfxRegisterStringTable(const AFX_STRING_RESOURCE* table, size_t count) {
 void AfxUnregisterStringTable(const AFX_STRING_RESOURCE* table) {
     std::lock_guard<std::mutex> lock(tablesMutex());
     auto& all = tables();
-    all.erase(std::remove_if(all.begin(), all.end(), [&](const Table& t) { return t.rows == table; }), all.end());
+    all.erase(std::remove_if(all.begin(), all.end(), [&](const Table& t) { return t.rows == table; }),
+              all.end());
 }
 
 const char* AfxFindStringResource(UINT id) {

@@ -17,15 +17,19 @@ long DecodeOne(const unsigned char* s, size_t n, size_t* used) {
     int len;
     unsigned char lo = 0x80, hi = 0xBF;
     long cp;
-    if (c >= 0xC2 && c <= 0xDF) { len = 2; cp = c & 0x1F; }
-    else if (c >= 0xE0 && c <= 0xEF) {
-        len = 3; cp = c & 0x0F;
-        if (c == 0xE0) lo = 0xA0;   // overlong
-        if (c == 0xED) hi = 0x9F;   // surrogates
+    if (c >= 0xC2 && c <= 0xDF) {
+        len = 2;
+        cp = c & 0x1F;
+    } else if (c >= 0xE0 && c <= 0xEF) {
+        len = 3;
+        cp = c & 0x0F;
+        if (c == 0xE0) lo = 0xA0;  // overlong
+        if (c == 0xED) hi = 0x9F;  // surrogates
     } else if (c >= 0xF0 && c <= 0xF4) {
-        len = 4; cp = c & 0x07;
-        if (c == 0xF0) lo = 0x90;   // overlong
-        if (c == 0xF4) hi = 0x8F;   // past U+10FFFF
+        len = 4;
+        cp = c & 0x07;
+        if (c == 0xF0) lo = 0x90;  // overlong
+        if (c == 0xF4) hi = 0x8F;  // past U+10FFFF
     } else {
         return -1;
     }
@@ -33,7 +37,8 @@ long DecodeOne(const unsigned char* s, size_t n, size_t* used) {
         if (static_cast<size_t>(k) >= n) return -1;
         unsigned char cc = s[k];
         if (cc < lo || cc > hi) return -1;
-        lo = 0x80; hi = 0xBF;
+        lo = 0x80;
+        hi = 0xBF;
         cp = (cp << 6) | (cc & 0x3F);
         *used = k + 1;
     }
@@ -63,7 +68,10 @@ struct Sink {
     bool overflow = false;
     void Put(Char c) {
         if (capacity != 0) {
-            if (written >= capacity) { overflow = true; return; }
+            if (written >= capacity) {
+                overflow = true;
+                return;
+            }
             out[written] = c;
         }
         ++written;
@@ -154,7 +162,8 @@ int MultiByteToWideChar(UINT CodePage, DWORD dwFlags, LPCSTR lpMultiByteStr, int
 }
 
 int WideCharToMultiByte(UINT CodePage, DWORD dwFlags, LPCWSTR lpWideCharStr, int cchWideChar,
-                        LPSTR lpMultiByteStr, int cbMultiByte, LPCSTR lpDefaultChar, LPBOOL lpUsedDefaultChar) {
+                        LPSTR lpMultiByteStr, int cbMultiByte, LPCSTR lpDefaultChar,
+                        LPBOOL lpUsedDefaultChar) {
     size_t length = 0;
     if (!InputLength(lpWideCharStr, cchWideChar, &length) || cbMultiByte < 0 ||
         (cbMultiByte > 0 && lpMultiByteStr == nullptr) || (CodePage != CP_UTF8 && !IsAnsi(CodePage)) ||

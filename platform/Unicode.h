@@ -34,7 +34,8 @@ int MultiByteToWideChar(UINT CodePage, DWORD dwFlags, LPCSTR lpMultiByteStr, int
 // lpUsedDefaultChar must be null (ERROR_INVALID_PARAMETER otherwise). For CP_ACP a character 1252 lacks
 // becomes *lpDefaultChar (or '?') and sets *lpUsedDefaultChar; there is no best-fit mapping.
 int WideCharToMultiByte(UINT CodePage, DWORD dwFlags, LPCWSTR lpWideCharStr, int cchWideChar,
-                        LPSTR lpMultiByteStr, int cbMultiByte, LPCSTR lpDefaultChar, LPBOOL lpUsedDefaultChar);
+                        LPSTR lpMultiByteStr, int cbMultiByte, LPCSTR lpDefaultChar,
+                        LPBOOL lpUsedDefaultChar);
 
 namespace detail {
 // Whole-string UTF-8 forms of the two calls (no flags, no NUL added); malformed parts become U+FFFD.

@@ -8,8 +8,8 @@
 #include <map>
 #include <memory>
 #include <mutex>
-#include <utility>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "platform/internal/IdleWatch.h"
@@ -52,9 +52,10 @@ struct ThreadQueue {
     bool dead = false;
     UINT_PTR nextThreadTimerId = 0x7F00;
     bool sleeping = false;  // the owner waits on `changed`; only then is a notify worth its system call
-    std::atomic<unsigned> arrivals{0};  // bumped for every send, post and timer set, for an idle owner to watch
-    detail::IdleWatch idle;              // the owner's spells between messages
-    detail::IdleWatch replies;           // how long the owner's cross-thread sends waited for their answers
+    std::atomic<unsigned> arrivals{
+        0};                     // bumped for every send, post and timer set, for an idle owner to watch
+    detail::IdleWatch idle;     // the owner's spells between messages
+    detail::IdleWatch replies;  // how long the owner's cross-thread sends waited for their answers
 };
 
 // Call with q's mutex held; notify `changed` after unlocking when it returns true, so the woken thread
@@ -464,11 +465,13 @@ bool sendAndWait(HWND hwnd, UINT message, WPARAM wParam, LPARAM lParam, DWORD ti
     if (wake) target->changed.notify_one();
     // Wait for the answer, handling what other threads send to us meanwhile.
     Clock::time_point sentAt = Clock::now();
-    auto deadline = timeout == INFINITE ? Clock::time_point::max() : sentAt + std::chrono::milliseconds(timeout);
+    auto deadline =
+        timeout == INFINITE ? Clock::time_point::max() : sentAt + std::chrono::milliseconds(timeout);
     if (g_watchWorthIt) {
         unsigned seen = me->arrivals.load(std::memory_order_relaxed);
         me->replies.Watch(sentAt, deadline, [&] {
-            return sm->done.load(std::memory_order_acquire) || me->arrivals.load(std::memory_order_relaxed) != seen;
+            return sm->done.load(std::memory_order_acquire) ||
+                   me->arrivals.load(std::memory_order_relaxed) != seen;
         });
     }
     auto lock = locked(me->mutex);

@@ -61,7 +61,7 @@ struct sockaddr {
 
 struct sockaddr_in {
     SHORT sin_family;
-    USHORT sin_port;  // network order
+    USHORT sin_port;   // network order
     in_addr sin_addr;  // network order
     char sin_zero[8];
 };

@@ -199,9 +199,10 @@ bool CPopMail::GetIDString(int n, CString& id) {
         if (!SingleLineResponse(Formatted("UIDL %d\r\n", n), reply)) return false;
         if (!IsPositive(reply)) {
             CString message;
-            message.Format("%s\r\nThis server does not support the UIDL command. TavikMail cannot work with "
-                           "this server\r\n",
-                           reply.GetString());
+            message.Format(
+                "%s\r\nThis server does not support the UIDL command. TavikMail cannot work with "
+                "this server\r\n",
+                reply.GetString());
             NotifyStatusWindow(message, false);
             throw new CPopMailException(message);
         }

@@ -40,7 +40,7 @@ public:
 class CPopMail : public CBlockingSocket {
     DECLARE_DYNAMIC(CPopMail)
 public:
-    static constexpr UINT WM_POP_STATUS = 1001;   // lParam: const char* line
+    static constexpr UINT WM_POP_STATUS = 1001;    // lParam: const char* line
     static constexpr UINT WM_POP_FINISHED = 1002;  // sent by the destructor
 
     // terminationEvent may be null (never aborts); statusWindow may be null or stale (nothing is shown).

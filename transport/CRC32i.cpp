@@ -45,7 +45,9 @@ __attribute__((target("pclmul,sse4.1"))) ULONG foldCrc(const unsigned char* buf,
     alignas(16) static const unsigned long long k3k4[] = {0x01751997d0ull, 0x00ccaa009eull};
     alignas(16) static const unsigned long long k5k0[] = {0x0163cd6124ull, 0};
     alignas(16) static const unsigned long long poly[] = {0x01db710641ull, 0x01f7011641ull};
-    const auto load = [](const unsigned char* p) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p)); };
+    const auto load = [](const unsigned char* p) {
+        return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+    };
 
     __m128i x1 = load(buf), x2 = load(buf + 16), x3 = load(buf + 32), x4 = load(buf + 48);
     x1 = _mm_xor_si128(x1, _mm_cvtsi32_si128(static_cast<int>(crc)));

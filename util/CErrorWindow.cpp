@@ -97,24 +97,26 @@ LRESULT CErrorDialog::WndProc(HWND hwnd, UINT message, WPARAM wParam, LPARAM lPa
     auto self = reinterpret_cast<CErrorDialog*>(GetWindowLongPtr(hwnd, GWLP_USERDATA));
     if (!self) return DefWindowProc(hwnd, message, wParam, lParam);
     switch (message) {
-    case WM_TIMER:
-        self->OnTimer(wParam);
-        return 0;
-    case WM_ERROR_MESSAGE:
-        return self->OnErrorMessage(wParam, lParam);
-    case WM_COMMAND:
-        if (LOWORD(wParam) == IDOK) self->OnOK();
-        else if (LOWORD(wParam) == IDCANCEL) self->OnCancel();
-        return 0;
-    case WM_CLOSE:
-        // The close box cancels a dialog.
-        self->OnCancel();
-        return 0;
-    case WM_SHOWWINDOW:
-        notifyVisibility(wParam != 0);
-        return DefWindowProc(hwnd, message, wParam, lParam);
-    default:
-        return DefWindowProc(hwnd, message, wParam, lParam);
+        case WM_TIMER:
+            self->OnTimer(wParam);
+            return 0;
+        case WM_ERROR_MESSAGE:
+            return self->OnErrorMessage(wParam, lParam);
+        case WM_COMMAND:
+            if (LOWORD(wParam) == IDOK)
+                self->OnOK();
+            else if (LOWORD(wParam) == IDCANCEL)
+                self->OnCancel();
+            return 0;
+        case WM_CLOSE:
+            // The close box cancels a dialog.
+            self->OnCancel();
+            return 0;
+        case WM_SHOWWINDOW:
+            notifyVisibility(wParam != 0);
+            return DefWindowProc(hwnd, message, wParam, lParam);
+        default:
+            return DefWindowProc(hwnd, message, wParam, lParam);
     }
 }
 

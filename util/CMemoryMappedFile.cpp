@@ -11,8 +11,9 @@ CMemoryMappedFile::~CMemoryMappedFile() {
     m_hFile = CFile::hFileNull;
 }
 
-BOOL CMemoryMappedFile::Open(const char* name, HANDLE file, DWORD protect, DWORD maxSizeHigh, DWORD maxSizeLow,
-                             DWORD unused, DWORD access, DWORD offsetHigh, DWORD offsetLow) {
+BOOL CMemoryMappedFile::Open(const char* name, HANDLE file, DWORD protect, DWORD maxSizeHigh,
+                             DWORD maxSizeLow, DWORD unused, DWORD access, DWORD offsetHigh,
+                             DWORD offsetLow) {
     HANDLE mapping = ::CreateFileMapping(file, nullptr, protect, maxSizeHigh, maxSizeLow, name);
     if (!mapping) {
         AfxMessageBox("Unable to open shared file\n", MB_OK);

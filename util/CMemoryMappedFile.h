@@ -13,8 +13,8 @@ public:
 
     // Creates the mapping and maps a view of maxSizeLow bytes at the offset. 0 (after a message box)
     // when the mapping cannot be created or the view not mapped. The sixth argument is not used.
-    virtual BOOL Open(const char* name, HANDLE file, DWORD protect, DWORD maxSizeHigh, DWORD maxSizeLow, DWORD unused,
-                      DWORD access, DWORD offsetHigh, DWORD offsetLow);
+    virtual BOOL Open(const char* name, HANDLE file, DWORD protect, DWORD maxSizeHigh, DWORD maxSizeLow,
+                      DWORD unused, DWORD access, DWORD offsetHigh, DWORD offsetLow);
     using CMemFile::Open;
     // Maps a view of an existing mapping (which the object then owns).
     BOOL Attach(HANDLE mapping, DWORD size, DWORD access, DWORD offsetHigh, DWORD offsetLow);
@@ -40,7 +40,8 @@ public:
 
     operator unsigned char*() { return m_lpBuffer; }
 
-    UINT GetBufferPtr(UINT command, UINT count = 0, void** bufStart = nullptr, void** bufMax = nullptr) override;
+    UINT GetBufferPtr(UINT command, UINT count = 0, void** bufStart = nullptr,
+                      void** bufMax = nullptr) override;
     void SetLength(ULONGLONG newLength) override {}
 
 protected:

@@ -16,8 +16,8 @@ char lowerChar(char c) { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - '
 char upperChar(char c) { return (c >= 'a' && c <= 'z') ? static_cast<char>(c - 'a' + 'A') : c; }
 
 // Shared by the exact and case-free forms: they differ only in the copies they search.
-int replaceIn(std::string& text, const std::string& searched, const std::string& what, const std::string& with,
-              int all) {
+int replaceIn(std::string& text, const std::string& searched, const std::string& what,
+              const std::string& with, int all) {
     if (what.empty()) return 0;
     std::string out;
     size_t pos = 0;

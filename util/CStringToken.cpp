@@ -35,7 +35,9 @@ std::string CStringToken::Elements(unsigned start, const char* sep) const {
     return out;
 }
 
-std::string CStringToken::operator[](unsigned i) const { return i < m_tokens.size() ? m_tokens[i] : std::string(); }
+std::string CStringToken::operator[](unsigned i) const {
+    return i < m_tokens.size() ? m_tokens[i] : std::string();
+}
 
 CStringToken::operator const std::string*() const {
     return m_cursor < m_tokens.size() ? &m_tokens[m_cursor] : nullptr;

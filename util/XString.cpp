@@ -182,7 +182,9 @@ XString XString::NCRemoveAll(const XString& s) const {
     return XString(CString(removeRepeatedly(str(), s.str(), true)));
 }
 
-XString XString::NCRemoveAll(char c) const { return XString(CString(removeRepeatedly(str(), std::string(1, c), true))); }
+XString XString::NCRemoveAll(char c) const {
+    return XString(CString(removeRepeatedly(str(), std::string(1, c), true)));
+}
 
 XString XString::Insert(const XString& s, int pos) const {
     if (pos < 0 || pos > GetLength()) return *this;
@@ -197,7 +199,9 @@ XString XString::Replace(const XString& with, const XString& what) const {
     return Remove(at, at + what.GetLength()).Insert(with, at);
 }
 
-XString XString::Replace(const XString& with, int from, int to) const { return Remove(from, to).Insert(with, from); }
+XString XString::Replace(const XString& with, int from, int to) const {
+    return Remove(from, to).Insert(with, from);
+}
 
 XString XString::NCReplace(const XString& with, const XString& what) const {
     int at = NCFind(what);

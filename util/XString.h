@@ -94,8 +94,8 @@ public:
     XString ReplaceText(const XString& values) const;
 
     int Count(char c) const;
-    int Count(const XString& s) const;  // not overlapping; 0 for an empty s
-    XString Fill(int n) const;          // padded with blanks on the right to length n
+    int Count(const XString& s) const;    // not overlapping; 0 for an empty s
+    XString Fill(int n) const;            // padded with blanks on the right to length n
     XString ReplaceTabs(int size) const;  // tab stops every size columns; size <= 0 gives an unchanged copy
     // Index of the n-th (from 1) c; 0 when n <= 0; -1 when c occurs fewer than n times.
     int FindIndex(char c, int n) const;

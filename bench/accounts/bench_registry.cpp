@@ -4,12 +4,12 @@
 // Ratios are ours divided by the reference: lower is better.
 #include <sqlite3.h>
 
+#include <unistd.h>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <unistd.h>
 #include <filesystem>
 #include <list>
 #include <string>
@@ -36,13 +36,14 @@ double Seconds(std::chrono::steady_clock::time_point start) {
 
 std::string RuleKey(int account, int rule) {
     char key[160];
-    std::snprintf(key, sizeof key, "Software\\Brannick\\Tavik Mail\\Accounts\\Account %d\\Shields\\Rule %d", account,
-                  rule);
+    std::snprintf(key, sizeof key, "Software\\Brannick\\Tavik Mail\\Accounts\\Account %d\\Shields\\Rule %d",
+                  account, rule);
     return key;
 }
 
 void SetText(HKEY key, const char* name, const char* text) {
-    RegSetValueEx(key, name, 0, REG_SZ, reinterpret_cast<const BYTE*>(text), static_cast<DWORD>(std::strlen(text) + 1));
+    RegSetValueEx(key, name, 0, REG_SZ, reinterpret_cast<const BYTE*>(text),
+                  static_cast<DWORD>(std::strlen(text) + 1));
 }
 
 // What a save of the user writes: the account values, then per rule its values and its lists, each list
@@ -53,13 +54,15 @@ void SaveUser(int generation) {
         char key[128];
         std::snprintf(key, sizeof key, "Software\\Brannick\\Tavik Mail\\Accounts\\Account %d", a);
         account.OpenRegistryKey(HKEY_CURRENT_USER, key, nullptr);
-        for (int v = 0; v < 20; ++v) SetText(account.GetKeyHandle(), ("Setting " + std::to_string(v)).c_str(), "value");
+        for (int v = 0; v < 20; ++v)
+            SetText(account.GetKeyHandle(), ("Setting " + std::to_string(v)).c_str(), "value");
         account.Close();
         for (int r = 0; r < kRules; ++r) {
             std::string rule = RuleKey(a, r);
             CRegistryManager manager;
             manager.OpenRegistryKey(HKEY_CURRENT_USER, rule.c_str(), nullptr);
-            for (int v = 0; v < 15; ++v) SetText(manager.GetKeyHandle(), ("Field " + std::to_string(v)).c_str(), "text");
+            for (int v = 0; v < 15; ++v)
+                SetText(manager.GetKeyHandle(), ("Field " + std::to_string(v)).c_str(), "text");
             manager.Close();
             for (const char* listName : {"Processed", "Ignore"}) {
                 std::string list = rule + "\\" + listName;
@@ -69,7 +72,8 @@ void SaveUser(int generation) {
                 manager.OpenRegistryKey(HKEY_CURRENT_USER, list.c_str(), nullptr);
                 if (listName[0] == 'P') {
                     std::list<DWORD> ids;
-                    for (int i = 0; i < kProcessed; ++i) ids.push_back(static_cast<DWORD>(generation * 7919 + i));
+                    for (int i = 0; i < kProcessed; ++i)
+                        ids.push_back(static_cast<DWORD>(generation * 7919 + i));
                     manager.SetAnonDwordValues(ids);
                 } else {
                     std::list<CString> ignore{"a@example.com", "b@example.com"};
@@ -98,8 +102,9 @@ size_t ReadUser() {
 double PlainSqlite(const std::string& path, size_t rows) {
     sqlite3* db = nullptr;
     sqlite3_open(path.c_str(), &db);
-    sqlite3_exec(db, "PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL;"
-                     "CREATE TABLE vals(key INTEGER, name BLOB, type INTEGER, data BLOB);",
+    sqlite3_exec(db,
+                 "PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL;"
+                 "CREATE TABLE vals(key INTEGER, name BLOB, type INTEGER, data BLOB);",
                  nullptr, nullptr, nullptr);
     auto start = std::chrono::steady_clock::now();
     sqlite3_exec(db, "BEGIN", nullptr, nullptr, nullptr);
@@ -124,7 +129,9 @@ double PlainSqlite(const std::string& path, size_t rows) {
 }  // namespace
 
 int main() {
-    std::string dir = (std::filesystem::temp_directory_path() / ("tavik-bench-registry-" + std::to_string(::getpid()))).string();
+    std::string dir =
+        (std::filesystem::temp_directory_path() / ("tavik-bench-registry-" + std::to_string(::getpid())))
+            .string();
     std::filesystem::create_directories(dir);
     RegSetStorePath((dir + "/registry.db").c_str());
     const size_t rows = static_cast<size_t>(kAccounts) * kRules * kProcessed;

@@ -6,8 +6,8 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <ctime>
 #include <cstdio>
+#include <ctime>
 #include <filesystem>
 #include <list>
 #include <memory>
@@ -38,10 +38,11 @@ double msSince(std::chrono::steady_clock::time_point t0) {
 
 std::string headerFor(int i) {
     char text[256];
-    std::snprintf(text, sizeof text,
-                  "From: Sender %d <sender%d@example.org>\r\nTo: me@example.org\r\nSubject: Message number %d\r\n"
-                  "Message-ID: <%d@bench.example.org>\r\nDate: Mon, 2 Mar 2026 10:00:00 +0000\r\n",
-                  i, i, i, i);
+    std::snprintf(
+        text, sizeof text,
+        "From: Sender %d <sender%d@example.org>\r\nTo: me@example.org\r\nSubject: Message number %d\r\n"
+        "Message-ID: <%d@bench.example.org>\r\nDate: Mon, 2 Mar 2026 10:00:00 +0000\r\n",
+        i, i, i, i);
     return text;
 }
 
@@ -85,7 +86,6 @@ struct ProgressWindow {
     }
 };
 
-
 constexpr int kRuns = 3;
 
 struct Timing {
@@ -112,7 +112,8 @@ void report(const char* name, const Timing& ours, const Timing& plain) {
 
 // Records take their storage names from the tick count; fetched mail arrives spread over time, so each
 // record here is made a millisecond after the last. The commit (closing the file) is part of the save.
-int saveStore(const std::string& path, const std::vector<std::string>& headers, const std::vector<std::string>& bodies) {
+int saveStore(const std::string& path, const std::vector<std::string>& headers,
+              const std::vector<std::string>& bodies) {
     static DWORD ticks = 1000;
     ScopedClockPin clock(ticks);
     CStorageManager file(path.c_str(), true);
@@ -140,7 +141,7 @@ int loadStore(const std::string& path, bool withProgress) {
     int status = 0;
     {
         CStorageManager file(path.c_str(), true);
-        CMessageList::_tagLoadProgressData progress{window.hwnd, WM_USER + 1, kRecordMessage, WM_USER + 3,
+        CMessageList::_tagLoadProgressData progress{window.hwnd,     WM_USER + 1, kRecordMessage, WM_USER + 3,
                                                     kPercentMessage, WM_USER + 5, kRecords};
         std::list<CMessageList*> list;
         CMessageList::EnumStorage(file.m_pStorage, list, nullptr, withProgress ? &progress : nullptr);
@@ -151,7 +152,8 @@ int loadStore(const std::string& path, bool withProgress) {
             bodyBytes += static_cast<size_t>(body.GetLength());
             delete m;
         }
-        if (list.size() != static_cast<size_t>(kRecords) || bodyBytes != static_cast<size_t>(kRecords) * kBodySize) {
+        if (list.size() != static_cast<size_t>(kRecords) ||
+            bodyBytes != static_cast<size_t>(kRecords) * kBodySize) {
             std::fprintf(stderr, "loaded %zu records, %zu body bytes\n", list.size(), bodyBytes);
             status = 1;
         }
@@ -159,16 +161,18 @@ int loadStore(const std::string& path, bool withProgress) {
         file.m_pStorage->Revert();
     }
     window.stop();
-    if (withProgress && (window.records != kRecords || window.percents != kRecords || window.lastPercent != 100)) {
-        std::fprintf(stderr, "notifications: %ld records, %ld percentages, last %ld%%\n", window.records.load(),
-                     window.percents.load(), window.lastPercent.load());
+    if (withProgress &&
+        (window.records != kRecords || window.percents != kRecords || window.lastPercent != 100)) {
+        std::fprintf(stderr, "notifications: %ld records, %ld percentages, last %ld%%\n",
+                     window.records.load(), window.percents.load(), window.lastPercent.load());
         status = 1;
     }
     return status;
 }
 
 // The same bytes, plainly: one write per record part, then a flush to the disk as the commit does.
-void writePlain(const std::string& path, const std::vector<std::string>& headers, const std::vector<std::string>& bodies) {
+void writePlain(const std::string& path, const std::vector<std::string>& headers,
+                const std::vector<std::string>& bodies) {
     CFile plain(path.c_str(), CFile::modeCreate | CFile::modeWrite);
     unsigned char numeric[32] = {};
     for (int i = 0; i < kRecords; ++i) {
@@ -230,7 +234,8 @@ int main() {
         });
     }
 
-    std::printf("bench store_file_size %.1f MB\n", static_cast<double>(fs::file_size(storePath)) / (1024.0 * 1024.0));
+    std::printf("bench store_file_size %.1f MB\n",
+                static_cast<double>(fs::file_size(storePath)) / (1024.0 * 1024.0));
     report("store_save", save, plainWrite);
     report("store_load", load, plainRead);
     // The same load without a progress record: the difference is what the 10,000 sent and 10,000 posted

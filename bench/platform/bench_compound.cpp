@@ -25,7 +25,8 @@ struct Part {
     const char* name;
     std::size_t size;
 };
-constexpr Part kParts[] = {{"Identification", 40}, {"Folder", 12}, {"Numeric Data", 32}, {"Header", 1900}, {"Body", 8000}};
+constexpr Part kParts[] = {
+    {"Identification", 40}, {"Folder", 12}, {"Numeric Data", 32}, {"Header", 1900}, {"Body", 8000}};
 
 double Seconds(std::chrono::steady_clock::time_point since) {
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - since).count();
@@ -190,8 +191,8 @@ int main() {
         Time(best.plainRead, [&] { plainBytes = PlainRead(plain); });
         Time(best.fieldsRead, [&] { fieldBytes = FieldsRead(fields); });
         if (read != total || plainBytes != total || fieldBytes != total) {
-            std::fprintf(stderr, "bench_compound: read %llu of %llu bytes\n", static_cast<unsigned long long>(read),
-                         static_cast<unsigned long long>(total));
+            std::fprintf(stderr, "bench_compound: read %llu of %llu bytes\n",
+                         static_cast<unsigned long long>(read), static_cast<unsigned long long>(total));
             return 1;
         }
     }
@@ -213,7 +214,10 @@ int main() {
     std::printf("bench compound_commit_vs_fields_write ratio %.2f\n", best.commit / best.fieldsWrite);
     std::printf("bench compound_read_vs_fields_read ratio %.2f\n", best.read / best.fieldsRead);
 
-    if (std::getenv("TAVIK_BENCH_NO_OLEFILE")) { std::filesystem::remove_all(dir); return 0; }
+    if (std::getenv("TAVIK_BENCH_NO_OLEFILE")) {
+        std::filesystem::remove_all(dir);
+        return 0;
+    }
     std::string cmd = "/usr/bin/python3 " + std::string(TAVIK_BENCH_DIR) + "/olefile_read.py " + store;
     if (FILE* p = ::popen(cmd.c_str(), "r")) {
         double secs = 0;

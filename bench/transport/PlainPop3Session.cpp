@@ -9,7 +9,8 @@
 #include <cstring>
 #include <stdexcept>
 
-PlainPop3Session::PlainPop3Session(unsigned short port, const std::string& user, const std::string& password) {
+PlainPop3Session::PlainPop3Session(unsigned short port, const std::string& user,
+                                   const std::string& password) {
     m_fd = ::socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in a{};
     a.sin_family = AF_INET;
@@ -49,7 +50,8 @@ size_t PlainPop3Session::ReadTo(const char* mark, std::string* keep) {
         std::string edge = carry;
         edge.append(m_buffer, std::min(n, m - 1));
         if (edge.find(mark) != std::string::npos || ::memmem(m_buffer, n, mark, m) != nullptr) return total;
-        if (n >= m - 1) carry.assign(m_buffer + n - (m - 1), m - 1);
+        if (n >= m - 1)
+            carry.assign(m_buffer + n - (m - 1), m - 1);
         else {
             carry.append(m_buffer, n);
             if (carry.size() > m - 1) carry.erase(0, carry.size() - (m - 1));

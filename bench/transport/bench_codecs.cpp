@@ -84,21 +84,23 @@ int main() {
         in.vector().assign(data.begin(), data.end());
         CBase64Coding coder;
         std::vector<unsigned char> refOut(kSize / 3 * 4 + 8), refBack(kSize + 8);
-        compare("base64_encode", [&] { coder.Encode(in, encoded); },
-                [&] {
-                    g_sink = static_cast<unsigned long>(
-                        EVP_EncodeBlock(refOut.data(), data.data(), static_cast<int>(kSize)));
-                });
+        compare(
+            "base64_encode", [&] { coder.Encode(in, encoded); },
+            [&] {
+                g_sink = static_cast<unsigned long>(
+                    EVP_EncodeBlock(refOut.data(), data.data(), static_cast<int>(kSize)));
+            });
         // Both decoders see the same text; ours stops at the trailing "=" that the reference never wrote.
         const size_t textLen = kSize / 3 * 4;
         if (encoded.GetSize() < static_cast<int>(textLen) ||
             std::memcmp(encoded.GetData(), refOut.data(), textLen) != 0)
             std::fprintf(stderr, "base64 encode mismatch\n");
-        compare("base64_decode", [&] { coder.Decode(encoded, decoded); },
-                [&] {
-                    g_sink = static_cast<unsigned long>(
-                        EVP_DecodeBlock(refBack.data(), refOut.data(), static_cast<int>(textLen)));
-                });
+        compare(
+            "base64_decode", [&] { coder.Decode(encoded, decoded); },
+            [&] {
+                g_sink = static_cast<unsigned long>(
+                    EVP_DecodeBlock(refBack.data(), refOut.data(), static_cast<int>(textLen)));
+            });
         if (decoded.vector() != in.vector()) std::fprintf(stderr, "base64 decode mismatch\n");
     }
     return 0;

@@ -133,7 +133,8 @@ int main(int argc, char** argv) {
         WSAStartup(0x0101, nullptr);
         DovecotServer server;
         double fillStart = Now();
-        for (int i = 1; i <= kMessages; ++i) server.AddMessage(tavik::test::MakeTestMessage(i, 100 + (i * 37) % 1500).text);
+        for (int i = 1; i <= kMessages; ++i)
+            server.AddMessage(tavik::test::MakeTestMessage(i, 100 + (i * 37) % 1500).text);
         size_t largeSize = server.AddLargeMessage(kLargeBody);
         server.Start();
         {

@@ -25,24 +25,35 @@ IStream* COleStreamFile::Detach() {
 
 int COleStreamFile::ScodeToCause(HRESULT sc) {
     switch (sc) {
-    case STG_E_FILENOTFOUND: return CFileException::fileNotFound;
-    case STG_E_PATHNOTFOUND: return CFileException::badPath;
-    case STG_E_TOOMANYOPENFILES: return CFileException::tooManyOpenFiles;
-    case STG_E_ACCESSDENIED:
-    case STG_E_DISKISWRITEPROTECTED: return CFileException::accessDenied;
-    case STG_E_INVALIDHANDLE:
-    case STG_E_INVALIDNAME:
-    case STG_E_DOCFILECORRUPT:
-    case STG_E_FILEALREADYEXISTS:
-    case STG_E_REVERTED: return CFileException::invalidFile;
-    case STG_E_SEEKERROR:
-    case STG_E_INVALIDFUNCTION: return CFileException::badSeek;
-    case STG_E_READFAULT:
-    case STG_E_WRITEFAULT: return CFileException::hardIO;
-    case STG_E_SHAREVIOLATION: return CFileException::sharingViolation;
-    case STG_E_LOCKVIOLATION: return CFileException::lockViolation;
-    case STG_E_MEDIUMFULL: return CFileException::diskFull;
-    default: return CFileException::genericException;
+        case STG_E_FILENOTFOUND:
+            return CFileException::fileNotFound;
+        case STG_E_PATHNOTFOUND:
+            return CFileException::badPath;
+        case STG_E_TOOMANYOPENFILES:
+            return CFileException::tooManyOpenFiles;
+        case STG_E_ACCESSDENIED:
+        case STG_E_DISKISWRITEPROTECTED:
+            return CFileException::accessDenied;
+        case STG_E_INVALIDHANDLE:
+        case STG_E_INVALIDNAME:
+        case STG_E_DOCFILECORRUPT:
+        case STG_E_FILEALREADYEXISTS:
+        case STG_E_REVERTED:
+            return CFileException::invalidFile;
+        case STG_E_SEEKERROR:
+        case STG_E_INVALIDFUNCTION:
+            return CFileException::badSeek;
+        case STG_E_READFAULT:
+        case STG_E_WRITEFAULT:
+            return CFileException::hardIO;
+        case STG_E_SHAREVIOLATION:
+            return CFileException::sharingViolation;
+        case STG_E_LOCKVIOLATION:
+            return CFileException::lockViolation;
+        case STG_E_MEDIUMFULL:
+            return CFileException::diskFull;
+        default:
+            return CFileException::genericException;
     }
 }
 
@@ -60,7 +71,8 @@ BOOL COleStreamFile::OpenStream(IStorage* lpStorage, LPCTSTR name, DWORD flags, 
 
 BOOL COleStreamFile::CreateStream(IStorage* lpStorage, LPCTSTR name, DWORD flags, CFileException* pError) {
     IStream* s = nullptr;
-    HRESULT hr = lpStorage ? lpStorage->CreateStream(name, flags & kStgmBits, 0, 0, &s) : STG_E_INVALIDPOINTER;
+    HRESULT hr =
+        lpStorage ? lpStorage->CreateStream(name, flags & kStgmBits, 0, 0, &s) : STG_E_INVALIDPOINTER;
     return Adopt(hr, s, name, pError);
 }
 

@@ -84,7 +84,8 @@ HRESULT StgCreateDocfile(const char* path, DWORD grfMode, DWORD reserved, IStora
     if ((grfMode & STGM_TRANSACTED) && (grfMode & STGM_SIMPLE)) return STG_E_INVALIDFLAG;
     if ((grfMode & STGM_NOSCRATCH) && !(grfMode & STGM_TRANSACTED)) return STG_E_INVALIDFLAG;
     if (grfMode & (STGM_CONVERT | STGM_DELETEONRELEASE | STGM_PRIORITY)) return STG_E_INVALIDFLAG;
-    if (!(grfMode & STGM_TRANSACTED) && (grfMode & kShareMask) != STGM_SHARE_EXCLUSIVE) return STG_E_INVALIDFLAG;
+    if (!(grfMode & STGM_TRANSACTED) && (grfMode & kShareMask) != STGM_SHARE_EXCLUSIVE)
+        return STG_E_INVALIDFLAG;
     std::shared_ptr<RootFile> file;
     NodePtr tree;
     HRESULT hr = CreateRootFile(path, (grfMode & STGM_CREATE) != 0, file, tree);
@@ -101,14 +102,15 @@ HRESULT StgCreateDocfile(const OLECHAR* pwcsName, DWORD grfMode, DWORD reserved,
     return StgCreateDocfile(WideToUtf8(pwcsName).c_str(), grfMode, reserved, ppstgOpen);
 }
 
-HRESULT StgOpenStorage(const char* path, IStorage* pstgPriority, DWORD grfMode, SNB snbExclude, DWORD reserved,
-                       IStorage** ppstgOpen) {
+HRESULT StgOpenStorage(const char* path, IStorage* pstgPriority, DWORD grfMode, SNB snbExclude,
+                       DWORD reserved, IStorage** ppstgOpen) {
     if (!ppstgOpen) return STG_E_INVALIDPOINTER;
     *ppstgOpen = nullptr;
     if (reserved) return STG_E_INVALIDPARAMETER;
     if (!path || !*path) return STG_E_INVALIDNAME;
     if (pstgPriority || snbExclude) return STG_E_INVALIDFUNCTION;
-    if (!ValidAccess(grfMode) || (grfMode & (STGM_CREATE | STGM_CONVERT | STGM_DELETEONRELEASE))) return STG_E_INVALIDFLAG;
+    if (!ValidAccess(grfMode) || (grfMode & (STGM_CREATE | STGM_CONVERT | STGM_DELETEONRELEASE)))
+        return STG_E_INVALIDFLAG;
     const DWORD share = grfMode & kShareMask;
     const bool write = (grfMode & 3) != STGM_READ;
     if (!(grfMode & STGM_TRANSACTED)) {
@@ -116,8 +118,10 @@ HRESULT StgOpenStorage(const char* path, IStorage* pstgPriority, DWORD grfMode, 
         if (share == STGM_SHARE_DENY_WRITE && write) return STG_E_INVALIDFLAG;
     }
     int lock = 0;
-    if (write || share == STGM_SHARE_EXCLUSIVE || share == STGM_SHARE_DENY_READ) lock = 2;
-    else if (share == STGM_SHARE_DENY_WRITE) lock = 1;
+    if (write || share == STGM_SHARE_EXCLUSIVE || share == STGM_SHARE_DENY_READ)
+        lock = 2;
+    else if (share == STGM_SHARE_DENY_WRITE)
+        lock = 1;
     std::shared_ptr<RootFile> file;
     NodePtr tree;
     HRESULT hr = OpenRootFile(path, lock, write, file, tree);
@@ -132,7 +136,8 @@ HRESULT StgOpenStorage(const OLECHAR* pwcsName, IStorage* pstgPriority, DWORD gr
         if (ppstgOpen) *ppstgOpen = nullptr;
         return STG_E_INVALIDNAME;
     }
-    return StgOpenStorage(WideToUtf8(pwcsName).c_str(), pstgPriority, grfMode, snbExclude, reserved, ppstgOpen);
+    return StgOpenStorage(WideToUtf8(pwcsName).c_str(), pstgPriority, grfMode, snbExclude, reserved,
+                          ppstgOpen);
 }
 
 HRESULT StgOpenStorageOnMemory(const void* data, size_t size, IStorage** ppstgOpen) {

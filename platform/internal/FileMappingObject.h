@@ -11,9 +11,9 @@ namespace detail {
 
 struct FileMappingObject {
     ~FileMappingObject();
-    int fd = -1;                // our own descriptor of the backing file or anonymous memory
-    std::uint64_t size = 0;     // the mapping's maximum size
-    DWORD protect = 0;          // PAGE_ value
+    int fd = -1;             // our own descriptor of the backing file or anonymous memory
+    std::uint64_t size = 0;  // the mapping's maximum size
+    DWORD protect = 0;       // PAGE_ value
 };
 
 // A new handle that keeps the object alive until CloseHandle.

@@ -159,16 +159,35 @@ bool sysOption(int level, int name, int& sysLevel, int& sysName) {
     if (level != kSolSocket) return false;
     sysLevel = SOL_SOCKET;
     switch (name) {
-        case 0x0004: sysName = SO_REUSEADDR; return true;
-        case 0x0008: sysName = SO_KEEPALIVE; return true;
-        case 0x0020: sysName = SO_BROADCAST; return true;
-        case 0x1001: sysName = SO_SNDBUF; return true;
-        case 0x1002: sysName = SO_RCVBUF; return true;
-        case 0x1007: sysName = SO_ERROR; return true;
-        case 0x1008: sysName = SO_TYPE; return true;
-        case 0x1005: sysName = SO_SNDTIMEO; return true;
-        case 0x1006: sysName = SO_RCVTIMEO; return true;
-        default: return false;
+        case 0x0004:
+            sysName = SO_REUSEADDR;
+            return true;
+        case 0x0008:
+            sysName = SO_KEEPALIVE;
+            return true;
+        case 0x0020:
+            sysName = SO_BROADCAST;
+            return true;
+        case 0x1001:
+            sysName = SO_SNDBUF;
+            return true;
+        case 0x1002:
+            sysName = SO_RCVBUF;
+            return true;
+        case 0x1007:
+            sysName = SO_ERROR;
+            return true;
+        case 0x1008:
+            sysName = SO_TYPE;
+            return true;
+        case 0x1005:
+            sysName = SO_SNDTIMEO;
+            return true;
+        case 0x1006:
+            sysName = SO_RCVTIMEO;
+            return true;
+        default:
+            return false;
     }
 }
 
@@ -234,9 +253,7 @@ int OsBind(int fd, const Endpoint& at, int& error) {
     return ::bind(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa) == 0 ? 0 : fail(error, errno);
 }
 
-int OsListen(int fd, int backlog, int& error) {
-    return ::listen(fd, backlog) == 0 ? 0 : fail(error, errno);
-}
+int OsListen(int fd, int backlog, int& error) { return ::listen(fd, backlog) == 0 ? 0 : fail(error, errno); }
 
 int OsAccept(int fd, Endpoint* peer, int& error) {
     sockaddr_storage ss{};
@@ -267,7 +284,8 @@ int OsConnect(int fd, const Endpoint& to, int& error) {
     const auto deadline = Clock::now() + std::chrono::milliseconds(g_connectLimitMs.load());
     pollfd p{fd, POLLOUT, 0};
     for (;;) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+        const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
         const int r = ::poll(&p, 1, left <= 0 ? 0 : static_cast<int>(std::min<long long>(left, INT_MAX)));
         if (r > 0) break;
         if (r == 0) {
@@ -382,7 +400,8 @@ int OsWait(int fd, bool forWrite, long seconds, long microseconds, int& error) {
     for (;;) {
         int ms = -1;
         if (!forever) {
-            auto left = std::chrono::duration_cast<std::chrono::microseconds>(deadline - Clock::now()).count();
+            auto left =
+                std::chrono::duration_cast<std::chrono::microseconds>(deadline - Clock::now()).count();
             // Round up so that a short wait is never a busy loop of zero-length polls.
             ms = left <= 0 ? 0 : static_cast<int>(std::min<long long>((left + 999) / 1000, INT_MAX));
         }

@@ -34,8 +34,8 @@ LONG RegDeleteValue(HKEY hKey, LPCSTR lpValueName) {
     return RegistryStore::Instance().DeleteValue(hKey, lpValueName);
 }
 
-LONG RegEnumKeyEx(HKEY hKey, DWORD dwIndex, LPSTR lpName, LPDWORD lpcchName, LPDWORD lpReserved, LPSTR lpClass,
-                  LPDWORD lpcchClass, PFILETIME lpftLastWriteTime) {
+LONG RegEnumKeyEx(HKEY hKey, DWORD dwIndex, LPSTR lpName, LPDWORD lpcchName, LPDWORD lpReserved,
+                  LPSTR lpClass, LPDWORD lpcchClass, PFILETIME lpftLastWriteTime) {
     if (lpReserved) return ERROR_INVALID_PARAMETER;
     LONG code = RegistryStore::Instance().EnumKey(hKey, dwIndex, lpName, lpcchName, lpftLastWriteTime);
     // Keys carry no class.
@@ -49,7 +49,8 @@ LONG RegEnumKeyEx(HKEY hKey, DWORD dwIndex, LPSTR lpName, LPDWORD lpcchName, LPD
 LONG RegEnumValue(HKEY hKey, DWORD dwIndex, LPSTR lpValueName, LPDWORD lpcchValueName, LPDWORD lpReserved,
                   LPDWORD lpType, LPBYTE lpData, LPDWORD lpcbData) {
     if (lpReserved) return ERROR_INVALID_PARAMETER;
-    return RegistryStore::Instance().EnumValue(hKey, dwIndex, lpValueName, lpcchValueName, lpType, lpData, lpcbData);
+    return RegistryStore::Instance().EnumValue(hKey, dwIndex, lpValueName, lpcchValueName, lpType, lpData,
+                                               lpcbData);
 }
 
 LONG RegQueryInfoKey(HKEY hKey, LPSTR lpClass, LPDWORD lpcchClass, LPDWORD lpReserved, LPDWORD lpcSubKeys,
@@ -83,12 +84,16 @@ LONG RegSaveKey(HKEY hKey, LPCSTR lpFile, const LPSECURITY_ATTRIBUTES) {
     return RegistryStore::Instance().SaveKey(hKey, lpFile);
 }
 
-LONG RegRestoreKey(HKEY hKey, LPCSTR lpFile, DWORD) { return RegistryStore::Instance().RestoreKey(hKey, lpFile); }
+LONG RegRestoreKey(HKEY hKey, LPCSTR lpFile, DWORD) {
+    return RegistryStore::Instance().RestoreKey(hKey, lpFile);
+}
 
 void RegSetStorePath(LPCSTR path) { RegistryStore::Instance().SetStorePath(path); }
 std::string RegGetStorePath() { return RegistryStore::Instance().StorePath(); }
 LONG RegCloseStore() { return RegistryStore::Instance().CloseStore(); }
 std::string RegGetLastMessage() { return RegistryStore::LastMessage(); }
 void RegSetMimeTypesPath(LPCSTR path) { RegistryStore::Instance().SetMimeTypesPath(path); }
-LONG RegExportKey(LPCSTR keyPath, LPCSTR lpFile) { return RegistryStore::Instance().ExportKey(keyPath, lpFile); }
+LONG RegExportKey(LPCSTR keyPath, LPCSTR lpFile) {
+    return RegistryStore::Instance().ExportKey(keyPath, lpFile);
+}
 LONG RegImportFile(LPCSTR lpFile) { return RegistryStore::Instance().ImportFile(lpFile); }

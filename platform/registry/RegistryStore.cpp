@@ -328,7 +328,8 @@ LONG RegistryStore::Resolve(HKEY key, REGSAM need, Handle** out) {
             for (const MimeNode* m = h->node.mime; m->parent; m = m->parent) chain.push_back(m);
             std::int64_t id = m_db->RootId(StoreDatabase::kClassesRoot);
             for (auto it = chain.rbegin(); it != chain.rend() && id != 0; ++it)
-                if (LONG c = m_db->FindChild(id, FoldName((*it)->name), &id); c != ERROR_SUCCESS) return Fail(c);
+                if (LONG c = m_db->FindChild(id, FoldName((*it)->name), &id); c != ERROR_SUCCESS)
+                    return Fail(c);
             h->node.id = id;
         }
         h->checkedEpoch = m_epoch;
@@ -376,8 +377,9 @@ LONG RegistryStore::LoadChildren(const Node& node, std::vector<StoredChild>* chi
         auto db = children->begin();
         auto list = node.mime->children.begin();
         while (db != children->end() || list != node.mime->children.end()) {
-            int order = db == children->end() ? 1 : list == node.mime->children.end() ? -1
-                                                     : FoldName(db->name).compare(list->first);
+            int order = db == children->end()               ? 1
+                        : list == node.mime->children.end() ? -1
+                                                            : FoldName(db->name).compare(list->first);
             if (order <= 0) {
                 merged.push_back(*db++);
                 if (order == 0) ++list;
@@ -509,7 +511,8 @@ LONG RegistryStore::OpenKey(HKEY parent, const char* subKey, REGSAM access, bool
     }
     std::uintptr_t value = m_nextHandle;
     m_nextHandle += 4;
-    if (m_nextHandle >= kPredefinedFirst && m_nextHandle <= kPredefinedLast) m_nextHandle = kPredefinedLast + 1;
+    if (m_nextHandle >= kPredefinedFirst && m_nextHandle <= kPredefinedLast)
+        m_nextHandle = kPredefinedLast + 1;
     Handle& handle = m_handles[value];
     handle.node = node;
     handle.access = NormaliseAccess(access);
@@ -542,7 +545,8 @@ LONG RegistryStore::QueryValue(HKEY key, const char* name, DWORD* type, BYTE* da
     DWORD storedType = 0;
     std::string stored;
     if (h->node.id != 0)
-        if (LONG c = m_db->GetValue(h->node.id, fold, &found, &storedType, &stored); c != ERROR_SUCCESS) return Fail(c);
+        if (LONG c = m_db->GetValue(h->node.id, fold, &found, &storedType, &stored); c != ERROR_SUCCESS)
+            return Fail(c);
     if (!found && h->node.mime && !h->node.mime->extension.empty() && fold == "EXTENSION") {
         found = true;
         storedType = REG_SZ;

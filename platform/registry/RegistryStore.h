@@ -31,7 +31,8 @@ public:
     RegistryStore(const RegistryStore&) = delete;
     RegistryStore& operator=(const RegistryStore&) = delete;
 
-    LONG OpenKey(HKEY parent, const char* subKey, REGSAM access, bool create, HKEY* result, DWORD* disposition);
+    LONG OpenKey(HKEY parent, const char* subKey, REGSAM access, bool create, HKEY* result,
+                 DWORD* disposition);
     LONG CloseKey(HKEY key);
     LONG QueryValue(HKEY key, const char* name, DWORD* type, BYTE* data, DWORD* size);
     LONG SetValue(HKEY key, const char* name, DWORD type, const BYTE* data, DWORD size);

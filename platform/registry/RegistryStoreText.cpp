@@ -111,13 +111,15 @@ LONG RegistryStore::FullPath(const Node& node, std::string* path) {
         while (true) {
             std::int64_t parent = 0;
             std::string name;
-            if (LONG c = m_db->KeyRow(id, &parent, &name); c != ERROR_SUCCESS) return c == ERROR_KEY_DELETED ? c : Fail(c);
+            if (LONG c = m_db->KeyRow(id, &parent, &name); c != ERROR_SUCCESS)
+                return c == ERROR_KEY_DELETED ? c : Fail(c);
             names.push_back(name);  // the root row carries the root's name
             if (parent == 0) break;
             id = parent;
         }
     } else {
-        for (const MimeNode* m = node.mime; m; m = m->parent) names.push_back(m->parent ? m->name : RootName(node.root));
+        for (const MimeNode* m = node.mime; m; m = m->parent)
+            names.push_back(m->parent ? m->name : RootName(node.root));
     }
     path->clear();
     for (auto it = names.rbegin(); it != names.rend(); ++it) {
@@ -146,8 +148,10 @@ LONG RegistryStore::ApplyValues(const Node& node, const RegTextKey& key) {
     for (const RegTextValue& value : key.values) {
         if (value.remove) {
             bool found = false;
-            if (LONG c = m_db->DeleteValue(node.id, FoldName(value.name), &found); c != ERROR_SUCCESS) return Fail(c);
-        } else if (LONG c = m_db->SetValue(node.id, value.name, value.type, value.data.data(), value.data.size());
+            if (LONG c = m_db->DeleteValue(node.id, FoldName(value.name), &found); c != ERROR_SUCCESS)
+                return Fail(c);
+        } else if (LONG c =
+                       m_db->SetValue(node.id, value.name, value.type, value.data.data(), value.data.size());
                    c != ERROR_SUCCESS) {
             return Fail(c);
         }
@@ -238,7 +242,9 @@ LONG RegistryStore::ImportFile(const char* file) {
     auto apply = [&]() -> LONG {
         for (const RegTextKey& key : keys) {
             Handle* root = &m_roots[key.root];
-            if (LONG c = Resolve(key.root == StoreDatabase::kClassesRoot ? HKEY_CLASSES_ROOT : HKEY_CURRENT_USER, 0, &root);
+            if (LONG c =
+                    Resolve(key.root == StoreDatabase::kClassesRoot ? HKEY_CLASSES_ROOT : HKEY_CURRENT_USER,
+                            0, &root);
                 c != ERROR_SUCCESS)
                 return c;
             Node node;
@@ -274,7 +280,8 @@ LONG RegistryStore::RestoreKey(HKEY key, const char* file) {
     std::vector<RegTextKey> keys;
     if (LONG c = ReadTextFile(file, &keys); c != ERROR_SUCCESS) return c;
     for (const RegTextKey& k : keys) {
-        if (k.remove || !IsWithin(k, keys.front()) || std::any_of(k.values.begin(), k.values.end(), [](const RegTextValue& v) { return v.remove; })) {
+        if (k.remove || !IsWithin(k, keys.front()) ||
+            std::any_of(k.values.begin(), k.values.end(), [](const RegTextValue& v) { return v.remove; })) {
             LastMessage() = std::string(file) + ": line " + std::to_string(k.line) +
                             ": not part of the key saved first in the file";
             return ERROR_INVALID_DATA;

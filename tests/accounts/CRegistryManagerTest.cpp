@@ -11,9 +11,16 @@
 namespace {
 
 // Value names of a test record, registered as string resources of their own.
-enum : DWORD { kName = 900001, kServer = 900002, kPort = 900003, kFlags = 900004, kMissing = 900005, kPath = 900006 };
+enum : DWORD {
+    kName = 900001,
+    kServer = 900002,
+    kPort = 900003,
+    kFlags = 900004,
+    kMissing = 900005,
+    kPath = 900006
+};
 const AFX_STRING_RESOURCE kNames[] = {
-    {kName, "Account Name"}, {kServer, "Server"}, {kPort, "Port"},
+    {kName, "Account Name"}, {kServer, "Server"},         {kPort, "Port"},
     {kFlags, "Flags"},       {kMissing, "Never Written"}, {kPath, "Software\\Brannick\\Test\\From Resource"},
 };
 
@@ -40,10 +47,12 @@ protected:
 TEST_F(RegistryManager, OpenCreatesTheWholePathAndTellsNewFromExisting) {
     CRegistryManager reg;
     DWORD disposition = 0;
-    ASSERT_EQ(reg.OpenRegistryKey(HKEY_CURRENT_USER, "Software\\Brannick\\Test\\A\\B", &disposition), ERROR_SUCCESS);
+    ASSERT_EQ(reg.OpenRegistryKey(HKEY_CURRENT_USER, "Software\\Brannick\\Test\\A\\B", &disposition),
+              ERROR_SUCCESS);
     EXPECT_EQ(disposition, static_cast<DWORD>(REG_CREATED_NEW_KEY));
     reg.Close();
-    ASSERT_EQ(reg.OpenRegistryKey(HKEY_CURRENT_USER, "software\\brannick\\test\\a\\b", &disposition), ERROR_SUCCESS);
+    ASSERT_EQ(reg.OpenRegistryKey(HKEY_CURRENT_USER, "software\\brannick\\test\\a\\b", &disposition),
+              ERROR_SUCCESS);
     EXPECT_EQ(disposition, static_cast<DWORD>(REG_OPENED_EXISTING_KEY));
     reg.Close();
     ASSERT_EQ(reg.OpenRegistryKey(HKEY_CURRENT_USER, static_cast<UINT>(kPath), &disposition), ERROR_SUCCESS);
@@ -62,7 +71,8 @@ TEST_F(RegistryManager, OpenCreatesTheWholePathAndTellsNewFromExisting) {
 
 TEST_F(RegistryManager, RecordsGoOutAndComeBackThroughTheirTables) {
     CRegistryManager reg;
-    ASSERT_EQ(reg.OpenRegistryKey(HKEY_CURRENT_USER, "Software\\Brannick\\Test\\Record", nullptr), ERROR_SUCCESS);
+    ASSERT_EQ(reg.OpenRegistryKey(HKEY_CURRENT_USER, "Software\\Brannick\\Test\\Record", nullptr),
+              ERROR_SUCCESS);
     CString name = "home", server = "pop.example.com";
     DWORD port = 110, flags = 0x80000001u;
     std::map<DWORD, CString*> texts{{kName, &name}, {kServer, &server}};
@@ -105,7 +115,8 @@ TEST_F(RegistryManager, RecordsGoOutAndComeBackThroughTheirTables) {
     EXPECT_TRUE(pairs.empty());
     reg.Close();
 
-    ASSERT_EQ(reg.OpenRegistryKey(HKEY_CURRENT_USER, "Software\\Brannick\\Test\\Pairs", nullptr), ERROR_SUCCESS);
+    ASSERT_EQ(reg.OpenRegistryKey(HKEY_CURRENT_USER, "Software\\Brannick\\Test\\Pairs", nullptr),
+              ERROR_SUCCESS);
     std::map<CString, CString> written{{"b", "2"}, {"a", "1"}}, read{{"old", "x"}};
     reg.SetStringValues(written);
     reg.GetStringValues(read);
@@ -115,7 +126,8 @@ TEST_F(RegistryManager, RecordsGoOutAndComeBackThroughTheirTables) {
 
 TEST_F(RegistryManager, AnonymousListsReplaceTheContainerAndStopAtTheFirstUnreadableValue) {
     CRegistryManager reg;
-    ASSERT_EQ(reg.OpenRegistryKey(HKEY_CURRENT_USER, "Software\\Brannick\\Test\\Friends", nullptr), ERROR_SUCCESS);
+    ASSERT_EQ(reg.OpenRegistryKey(HKEY_CURRENT_USER, "Software\\Brannick\\Test\\Friends", nullptr),
+              ERROR_SUCCESS);
     CStringArray friends;
     for (int i = 0; i < 12; ++i) friends.Add(CString("friend") + CString(std::to_string(i)));
     reg.SetAnonStringValues(friends);
@@ -182,7 +194,8 @@ TEST_F(RegistryManager, QueryValueAndHiveFiles) {
     std::string file = m_dir.file("key.reg");
     ASSERT_EQ(reg.SaveRegistryKey(file.c_str()), ERROR_SUCCESS);
     reg.Close();
-    ASSERT_EQ(reg.OpenRegistryKey(HKEY_CURRENT_USER, "Software\\Brannick\\Test\\Copy", nullptr), ERROR_SUCCESS);
+    ASSERT_EQ(reg.OpenRegistryKey(HKEY_CURRENT_USER, "Software\\Brannick\\Test\\Copy", nullptr),
+              ERROR_SUCCESS);
     ASSERT_EQ(reg.LoadRegistryKey(file.c_str()), ERROR_SUCCESS);
     reg.QueryValue("extension", REG_NONE, value, 1000);
     EXPECT_EQ(value, ".tvk");

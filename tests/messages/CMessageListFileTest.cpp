@@ -57,12 +57,23 @@ protected:
 };
 
 TEST_F(FlatRecordTest, ReadsRecordsOneAfterAnother) {
-    const FlatRecord a{.type = 1, .id = 0xDEADBEEF, .size = 2048, .spam = 1, .seen = true,
-                       .email = "me@example.org", .server = "pop.example.org", .outgoing = "smtp.example.org",
-                       .folder = "Archive", .header = "From: Jane <jane@x>\r\nSubject: first\r\nMessage-ID: <1@x>\r\n",
+    const FlatRecord a{.type = 1,
+                       .id = 0xDEADBEEF,
+                       .size = 2048,
+                       .spam = 1,
+                       .seen = true,
+                       .email = "me@example.org",
+                       .server = "pop.example.org",
+                       .outgoing = "smtp.example.org",
+                       .folder = "Archive",
+                       .header = "From: Jane <jane@x>\r\nSubject: first\r\nMessage-ID: <1@x>\r\n",
                        .body = "Hello body text"};
-    const FlatRecord b{.id = 2, .read = true, .header = "Subject: second\r\n", .extension = true,
-                       .account = "Work", .skipped = "12345"};
+    const FlatRecord b{.id = 2,
+                       .read = true,
+                       .header = "Subject: second\r\n",
+                       .extension = true,
+                       .account = "Work",
+                       .skipped = "12345"};
     const std::string first = a.bytes();
     const std::string path = write(first + b.bytes() + "tail");
 
@@ -164,7 +175,9 @@ TEST_F(FlatRecordTest, EmptyHeaderMarksTheRecordDeleted) {
 // and a load never claims to end past the data.
 TEST(FlatRecordDamage, RandomBytesLoadOrThrowCleanly) {
     const std::string good =
-        FlatRecord{.header = "From: a@x\r\nSubject: s\r\n", .body = "body", .extension = true, .account = "acct"}.bytes();
+        FlatRecord{
+            .header = "From: a@x\r\nSubject: s\r\n", .body = "body", .extension = true, .account = "acct"}
+            .bytes();
     std::mt19937 rng(20240305);
     int loaded = 0, refused = 0;
     for (int round = 0; round < 3000; ++round) {

@@ -24,7 +24,8 @@ TEST(MessageFlags, DirtyOnlyWhenSomethingChanges) {
 
     const std::function<void(CMessageList&)> changes[] = {
         [](CMessageList& r) { r.SetSeen(true); }, [](CMessageList& r) { r.SetRead(true); },
-        [](CMessageList& r) { r.SetFolderLocation("Junk"); }, [](CMessageList& r) { r.SetDataFile("a.tvd"); }};
+        [](CMessageList& r) { r.SetFolderLocation("Junk"); },
+        [](CMessageList& r) { r.SetDataFile("a.tvd"); }};
     for (const auto& change : changes) {
         CMessageList r;
         change(r);

@@ -41,7 +41,7 @@ TEST(MessageScan, FillsEachFieldFromTheFirstMatchingLine) {
     m.SetData(kHeader, 77, 1234, MsgReceived);
     EXPECT_EQ(m.GetReturnPath(), "<bounce@example.org>");
     EXPECT_EQ(m.GetReceivedFrom(), "from mx1.example.org by mail.example.net");  // the topmost
-    EXPECT_EQ(m.GetSenderName(), "list-owner@example.org");                   // Sender came first
+    EXPECT_EQ(m.GetSenderName(), "list-owner@example.org");                      // Sender came first
     EXPECT_EQ(m.GetReciepient(), "bob@example.net");
     EXPECT_EQ(m.GetSubject(), "Re: meeting: 10:30 today");  // whole, later colons included
     EXPECT_EQ(m.GetMessageDate(), "Tue, 5 Mar 2024 10:15:30 +0100");
@@ -55,7 +55,9 @@ TEST(MessageScan, FillsEachFieldFromTheFirstMatchingLine) {
 }
 
 TEST(MessageScan, NamesMustMatchWhole) {
-    EXPECT_EQ(scanned("X-From: a@x\r\nFrom : b@x\r\n From: c@x\r\nFROMAGE: d@x\r\nfrom:e@x\r\n").GetSenderName(), "e@x");
+    EXPECT_EQ(
+        scanned("X-From: a@x\r\nFrom : b@x\r\n From: c@x\r\nFROMAGE: d@x\r\nfrom:e@x\r\n").GetSenderName(),
+        "e@x");
     CMessageList m = scanned("Subject\r\nTo:\r\nTo: second@x\r\n");
     EXPECT_EQ(m.GetSubject(), "");
     EXPECT_EQ(m.GetReciepient(), "second@x");  // an empty value leaves the field open for a later line
@@ -105,7 +107,8 @@ TEST(MessageAddresses, BracketsAndFallbacks) {
 
     CMessageList team = scanned("From: Jane <jane@x>\r\nReply-To: Team <team@x>\r\n");
     EXPECT_EQ(team.GetFormattedReplyTo(), "team@x");
-    EXPECT_EQ(scanned("From: Jane <jane@x>\r\nReply-To: Nobody <>\r\n").GetFormattedReplyTo(), "Jane <jane@x>");
+    EXPECT_EQ(scanned("From: Jane <jane@x>\r\nReply-To: Nobody <>\r\n").GetFormattedReplyTo(),
+              "Jane <jane@x>");
     EXPECT_EQ(scanned("From: Jane <jane@x>\r\nReply-To: plain@x\r\n").GetFormattedReplyTo(), "plain@x");
 }
 
@@ -128,7 +131,8 @@ TEST(MessageDate, ParsesTheUsualForms) {
 }
 
 TEST(MessageDate, RefusesUnknownMonthsAndLeavesTheArgument) {
-    for (const char* text : {"Tue, 5 Mars 2024 10:00", "5 mai 2024 10:00", "Tue,  5 Mar 2024 10:00", "garbage"}) {
+    for (const char* text :
+         {"Tue, 5 Mars 2024 10:00", "5 mai 2024 10:00", "Tue,  5 Mar 2024 10:00", "garbage"}) {
         CTime when(12345);
         EXPECT_FALSE(scanned(CString("Date: ") + text + "\r\n").GetMessageDate(when)) << text;
         EXPECT_EQ(when.GetTime(), 12345) << text;
@@ -137,7 +141,8 @@ TEST(MessageDate, RefusesUnknownMonthsAndLeavesTheArgument) {
     CTime when(12345);
     EXPECT_FALSE(none.GetMessageDate(when));
     // Absurd numbers must not overflow on the way to the calendar.
-    EXPECT_TRUE(scanned("Date: 99999999999 Jan -99999999999 99999999999:-99999999999:1\r\n").GetMessageDate(when));
+    EXPECT_TRUE(
+        scanned("Date: 99999999999 Jan -99999999999 99999999999:-99999999999:1\r\n").GetMessageDate(when));
 }
 
 TEST(MessageFind, SearchesTheHeaderByPhraseOrWords) {

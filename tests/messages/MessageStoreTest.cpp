@@ -31,7 +31,9 @@ std::string streamBytes(CStorageManager& storage, const char* name) {
 // The account's message file, held open as an account holds it.
 class MessageStoreTest : public ::testing::Test {
 protected:
-    void SetUp() override { m_file = std::make_unique<CStorageManager>(m_dir.file("mail.tvd").c_str(), true); }
+    void SetUp() override {
+        m_file = std::make_unique<CStorageManager>(m_dir.file("mail.tvd").c_str(), true);
+    }
     IStorage* store() { return m_file->m_pStorage; }
 
     // Records get their storage names from the tick count, so records made within one millisecond
@@ -47,8 +49,8 @@ protected:
         CStorageManager sub;
         sub.OpenSubStorage(store(), name, kChildMode, false, false);
         std::vector<std::string> present;
-        for (const char* stream : {"Body", "Compressed", "Encrypted", "Folder", "Header", "Identification", "Number ID",
-                                   "Numeric Data", "Read", "Seen", "Size", "SpamTag", "Type"})
+        for (const char* stream : {"Body", "Compressed", "Encrypted", "Folder", "Header", "Identification",
+                                   "Number ID", "Numeric Data", "Read", "Seen", "Size", "SpamTag", "Type"})
             if (sub.StreamExists(stream)) present.push_back(stream);
         return present;
     }
@@ -82,7 +84,7 @@ TEST_F(MessageStoreTest, ASavedRecordHasTheCurrentStreamsAndLoadsBack) {
         CStorageManager sub;
         sub.OpenSubStorage(store(), name, kChildMode, false, false);
         std::string numeric = streamBytes(sub, "Numeric Data");
-        const unsigned char expected[32] = {1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0,
+        const unsigned char expected[32] = {1,    0,    0,    0,    0,    0,    0, 0, 0, 0, 0, 0, 1, 0, 0, 0,
                                             0x0D, 0xF0, 0xFE, 0xCA, 0xE1, 0x10, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
         EXPECT_EQ(numeric, std::string(reinterpret_cast<const char*>(expected), 32));
         EXPECT_EQ(streamBytes(sub, "Identification"), "<m1@example.org>");
@@ -148,10 +150,17 @@ TEST_F(MessageStoreTest, TheOlderLayoutIsReadAndReplacedAtTheNextSave) {
     {
         CStorageManager old;
         ASSERT_TRUE(old.OpenSubStorage(store(), "OLDRECORD0000000001", kChildMode, true, true));
-        for (auto [name, value] : {std::pair<const char*, const char*>{"Seen", "YES"}, {"Read", "no"},
-                                   {"Type", "Sent"}, {"SpamTag", "1"}, {"Number ID", "77"}, {"Size", "1234"},
-                                   {"Compressed", "5"}, {"Encrypted", "6"}, {"Header", kHeader},
-                                   {"Folder", "Saved"}, {"Identification", "<old@x>"}})
+        for (auto [name, value] : {std::pair<const char*, const char*>{"Seen", "YES"},
+                                   {"Read", "no"},
+                                   {"Type", "Sent"},
+                                   {"SpamTag", "1"},
+                                   {"Number ID", "77"},
+                                   {"Size", "1234"},
+                                   {"Compressed", "5"},
+                                   {"Encrypted", "6"},
+                                   {"Header", kHeader},
+                                   {"Folder", "Saved"},
+                                   {"Identification", "<old@x>"}})
             old.WriteString(name, value);
     }
     CMessageList loaded(store());
@@ -271,7 +280,8 @@ TEST_F(MessageStoreTest, EnumStorageLoadsRecordsDropsWhatFailsAndReportsProgress
         progress.uRecordMessage = WM_USER + 7;
         progress.uPercentMessage = WM_USER + 8;
         progress.dwRecordCount = 4;
-        CMessageList::EnumStorage(names[2] + "," + names[0] + ",NOSUCHRECORD", store(), loaded, nullptr, &progress);
+        CMessageList::EnumStorage(names[2] + "," + names[0] + ",NOSUCHRECORD", store(), loaded, nullptr,
+                                  &progress);
     });
     EXPECT_EQ(ids(loaded), (std::vector<DWORD>{13, 11}));
     EXPECT_FALSE(view.StorageExists("NOSUCHRECORD"));
@@ -334,6 +344,7 @@ TEST_F(MessageStoreTest, AnotherReaderListsTheFileWithTheExpectedStreams) {
     ASSERT_EQ(pclose(pipe), 0) << output;
 
     const std::string n = a->GetStorageName().GetString();
-    EXPECT_EQ(output, n + "/Body 8\n" + n + "/Folder 5\n" + n + "/Header " + std::to_string(sizeof kHeader - 1) + "\n" +
-                          n + "/Identification 16\n" + n + "/Numeric Data 32\n");
+    EXPECT_EQ(output, n + "/Body 8\n" + n + "/Folder 5\n" + n + "/Header " +
+                          std::to_string(sizeof kHeader - 1) + "\n" + n + "/Identification 16\n" + n +
+                          "/Numeric Data 32\n");
 }

@@ -49,7 +49,8 @@ TEST(StorageManager, CreatesAMissingFileAndOpensAnExistingOneWithoutTruncating) 
         EXPECT_TRUE(storage.WriteData("Kept", "12345", 5));
     }
     ASSERT_TRUE(fs::exists(path));
-    EXPECT_EQ(fs::status(path).permissions() & fs::perms::all, fs::perms::owner_read | fs::perms::owner_write);
+    EXPECT_EQ(fs::status(path).permissions() & fs::perms::all,
+              fs::perms::owner_read | fs::perms::owner_write);
     {
         CStorageManager storage;
         storage.OpenStorageFile(path.c_str(), false);
@@ -72,7 +73,8 @@ TEST(StorageManager, SubStoragesAreOpenedOrCreatedOnRequest) {
     CStorageManager child;
     EXPECT_FALSE(child.OpenSubStorage(nullptr, "Accounts", kChildMode, true, false));
 
-    auto [code, text] = thrown([&] { child.OpenSubStorage(root.m_pStorage, "Accounts", kChildMode, false, true); });
+    auto [code, text] =
+        thrown([&] { child.OpenSubStorage(root.m_pStorage, "Accounts", kChildMode, false, true); });
     EXPECT_EQ(code, STG_E_FILENOTFOUND);
     EXPECT_EQ(text, "STG_E_FILENOTFOUND: File or Stream not found");
     EXPECT_FALSE(child.IsOpen());
@@ -93,7 +95,8 @@ TEST(StorageManager, SubStoragesAreOpenedOrCreatedOnRequest) {
 
     // An open element cannot be opened twice.
     CStorageManager twice;
-    auto [busy, busyText] = thrown([&] { twice.OpenSubStorage(root.m_pStorage, "Accounts", kChildMode, false, false); });
+    auto [busy, busyText] =
+        thrown([&] { twice.OpenSubStorage(root.m_pStorage, "Accounts", kChildMode, false, false); });
     EXPECT_EQ(busy, STG_E_ACCESSDENIED);
     EXPECT_EQ(busyText.rfind("STG_E_ACCESSDENIED: ", 0), 0u);
 }
@@ -190,7 +193,8 @@ TEST(StorageManager, EnumeratingReadersTakeEveryStreamOnce) {
     CStorageManager root(dir.file("e.tvd").c_str(), false);
     CStorageManager texts;
     ASSERT_TRUE(texts.OpenSubStorage(root.m_pStorage, "Texts", kChildMode, true, false));
-    for (auto [name, value] : {std::pair{"0", "spam@x"}, {"1", "SPAM@X"}, {"2", "ham@y"}}) texts.WriteString(name, value);
+    for (auto [name, value] : {std::pair{"0", "spam@x"}, {"1", "SPAM@X"}, {"2", "ham@y"}})
+        texts.WriteString(name, value);
     CStorageManager nested;
     ASSERT_TRUE(nested.OpenSubStorage(texts.m_pStorage, "Nested", kChildMode, true, false));
     nested.Close();

@@ -32,7 +32,8 @@ TEST(StorageReport, FailuresOnAWorkerThreadArriveAtTheErrorWindow) {
         CStorageManager file(dir.file("w.tvd").c_str(), true);
         CStorageManager child;
         try {
-            child.OpenSubStorage(file.m_pStorage, "Missing", STGM_READWRITE | STGM_SHARE_EXCLUSIVE, false, false);
+            child.OpenSubStorage(file.m_pStorage, "Missing", STGM_READWRITE | STGM_SHARE_EXCLUSIVE, false,
+                                 false);
         } catch (CStorageManagerException* e) {
             e->Delete();
         }

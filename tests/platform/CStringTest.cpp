@@ -53,9 +53,13 @@ TEST(CString, TrimAndCaseInTheCLocale) {
     s.TrimRight("y ");
     EXPECT_EQ(s, "");
 
-    CString t("Stra\xDF" "e \xC4pfel abc");
+    CString t(
+        "Stra\xDF"
+        "e \xC4pfel abc");
     t.MakeUpper();
-    EXPECT_EQ(t, "STRA\xDF" "E \xC4PFEL ABC");  // only ASCII letters change
+    EXPECT_EQ(t,
+              "STRA\xDF"
+              "E \xC4PFEL ABC");  // only ASCII letters change
     EXPECT_EQ(CString("ABC").CompareNoCase("abd"), -1);
 }
 

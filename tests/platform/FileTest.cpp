@@ -136,7 +136,8 @@ TEST(CFileTest, OpenModesCreateTruncateAndFail) {
     EXPECT_FALSE(f.Open(path.c_str(), CFile::modeRead, &error));
     EXPECT_EQ(error.m_cause, CFileException::fileNotFound);
     EXPECT_EQ(error.m_strFileName, CString(path.c_str()));
-    expectFileException([&] { CFile g(path.c_str(), CFile::modeRead); }, CFileException::fileNotFound, "ctor");
+    expectFileException([&] { CFile g(path.c_str(), CFile::modeRead); }, CFileException::fileNotFound,
+                        "ctor");
 
     WriteFile(path, "keep me");
     {
@@ -178,7 +179,8 @@ TEST(CFileTest, ShareModesCollide) {
     EXPECT_EQ(error.m_cause, CFileException::sharingViolation);
     EXPECT_FALSE(second.Open(path.c_str(), CFile::modeRead | CFile::shareDenyNone, &error));
     // A colliding truncating open must leave the data alone.
-    EXPECT_FALSE(second.Open(path.c_str(), CFile::modeCreate | CFile::modeWrite | CFile::shareDenyNone, &error));
+    EXPECT_FALSE(
+        second.Open(path.c_str(), CFile::modeCreate | CFile::modeWrite | CFile::shareDenyNone, &error));
     EXPECT_EQ(ReadFile(path), "data");
     first.Close();
     EXPECT_TRUE(second.Open(path.c_str(), CFile::modeRead | CFile::shareExclusive, &error));
@@ -198,7 +200,8 @@ TEST(CFileTest, StatusRenameAndRemove) {
     ASSERT_TRUE(CFile::GetStatus(a.c_str(), st));
     EXPECT_EQ(st.m_size, 5u);
     EXPECT_EQ(st.m_attribute & CFile::directory, 0);
-    EXPECT_LE(std::llabs(static_cast<long long>((CTime::GetCurrentTime() - st.m_mtime).GetTotalSeconds())), 60);
+    EXPECT_LE(std::llabs(static_cast<long long>((CTime::GetCurrentTime() - st.m_mtime).GetTotalSeconds())),
+              60);
     EXPECT_STREQ(st.m_szFullName, a.c_str());
     ASSERT_TRUE(CFile::GetStatus(dir.path().c_str(), st));
     EXPECT_NE(st.m_attribute & CFile::directory, 0);

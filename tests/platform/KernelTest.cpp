@@ -11,7 +11,9 @@
 
 namespace {
 DWORD elapsedSince(std::chrono::steady_clock::time_point start) {
-    return DWORD(std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count());
+    return DWORD(
+        std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start)
+            .count());
 }
 }  // namespace
 

@@ -16,20 +16,26 @@ std::u16string ToWide(UINT cp, std::string_view in, DWORD flags = 0) {
 }
 
 std::string ToBytes(UINT cp, std::u16string_view in, BOOL* usedDefault = nullptr) {
-    int n = WideCharToMultiByte(cp, 0, in.data(), static_cast<int>(in.size()), nullptr, 0, nullptr, usedDefault);
+    int n =
+        WideCharToMultiByte(cp, 0, in.data(), static_cast<int>(in.size()), nullptr, 0, nullptr, usedDefault);
     std::string out(static_cast<size_t>(n), '\0');
-    EXPECT_EQ(WideCharToMultiByte(cp, 0, in.data(), static_cast<int>(in.size()), out.data(), n, nullptr, usedDefault), n);
+    EXPECT_EQ(WideCharToMultiByte(cp, 0, in.data(), static_cast<int>(in.size()), out.data(), n, nullptr,
+                                  usedDefault),
+              n);
     return out;
 }
 
 TEST(Unicode, Utf8RoundTripsEverySequenceLengthAndSurrogatePairs) {
-    struct Row { const char* utf8; std::u16string wide; };
+    struct Row {
+        const char* utf8;
+        std::u16string wide;
+    };
     const Row rows[] = {
-        {"\xC3\xA9", u"\u00E9"},                    // 2 bytes
-        {"\xE2\x82\xAC", u"\u20AC"},                // 3 bytes
-        {"\xEF\xBF\xBF", u"\uFFFF"},                // last BMP unit
-        {"\xF0\x9F\x98\x80", u"\U0001F600"},        // 4 bytes -> surrogate pair
-        {"\xF4\x8F\xBF\xBF", u"\U0010FFFF"},        // last code point
+        {"\xC3\xA9", u"\u00E9"},              // 2 bytes
+        {"\xE2\x82\xAC", u"\u20AC"},          // 3 bytes
+        {"\xEF\xBF\xBF", u"\uFFFF"},          // last BMP unit
+        {"\xF0\x9F\x98\x80", u"\U0001F600"},  // 4 bytes -> surrogate pair
+        {"\xF4\x8F\xBF\xBF", u"\U0010FFFF"},  // last code point
         {"a\xF0\x90\x80\x80z", u"a\U00010000z"},
     };
     for (const Row& r : rows) {
@@ -40,7 +46,11 @@ TEST(Unicode, Utf8RoundTripsEverySequenceLengthAndSurrogatePairs) {
 }
 
 TEST(Unicode, MalformedUtf8BecomesOneReplacementPerMaximalPart) {
-    struct Row { const char* name; std::string in; std::u16string out; };
+    struct Row {
+        const char* name;
+        std::string in;
+        std::u16string out;
+    };
     const Row rows[] = {
         {"lone continuation", "a\x80z", u"a\uFFFDz"},
         {"C0 overlong", "\xC0\xAF", u"\uFFFD\uFFFD"},
@@ -55,7 +65,8 @@ TEST(Unicode, MalformedUtf8BecomesOneReplacementPerMaximalPart) {
         SCOPED_TRACE(r.name);
         EXPECT_EQ(ToWide(CP_UTF8, r.in), r.out);
         SetLastError(0);
-        int n = MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, r.in.data(), static_cast<int>(r.in.size()), nullptr, 0);
+        int n = MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, r.in.data(), static_cast<int>(r.in.size()),
+                                    nullptr, 0);
         if (r.out.find(u'\uFFFD') != std::u16string::npos) {
             EXPECT_EQ(n, 0);
             EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_NO_UNICODE_TRANSLATION));
@@ -71,8 +82,9 @@ TEST(Unicode, LoneSurrogatesBecomeReplacementOrFailWhenAsked) {
         std::string out = ToBytes(CP_UTF8, w);
         EXPECT_NE(out.find("\xEF\xBF\xBD"), std::string::npos);
         SetLastError(0);
-        EXPECT_EQ(WideCharToMultiByte(CP_UTF8, WC_ERR_INVALID_CHARS, w.data(), static_cast<int>(w.size()), nullptr, 0,
-                                      nullptr, nullptr), 0);
+        EXPECT_EQ(WideCharToMultiByte(CP_UTF8, WC_ERR_INVALID_CHARS, w.data(), static_cast<int>(w.size()),
+                                      nullptr, 0, nullptr, nullptr),
+                  0);
         EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_NO_UNICODE_TRANSLATION));
     }
 }
@@ -104,16 +116,27 @@ TEST(Unicode, LengthsSizeQueriesAndShortBuffersFollowWindows) {
 
     // Bad arguments.
     BOOL used = FALSE;
-    struct Bad { const char* name; std::function<int()> call; LONG error; };
+    struct Bad {
+        const char* name;
+        std::function<int()> call;
+        LONG error;
+    };
     const Bad bad[] = {
-        {"zero input length", [&] { return MultiByteToWideChar(CP_UTF8, 0, "a", 0, wide, 8); }, ERROR_INVALID_PARAMETER},
-        {"null output", [&] { return MultiByteToWideChar(CP_UTF8, 0, "a", 1, nullptr, 8); }, ERROR_INVALID_PARAMETER},
-        {"unknown code page", [&] { return MultiByteToWideChar(932, 0, "a", 1, wide, 8); }, ERROR_INVALID_PARAMETER},
-        {"unknown flag", [&] { return MultiByteToWideChar(CP_UTF8, 0x4, "a", 1, wide, 8); }, ERROR_INVALID_FLAGS},
+        {"zero input length", [&] { return MultiByteToWideChar(CP_UTF8, 0, "a", 0, wide, 8); },
+         ERROR_INVALID_PARAMETER},
+        {"null output", [&] { return MultiByteToWideChar(CP_UTF8, 0, "a", 1, nullptr, 8); },
+         ERROR_INVALID_PARAMETER},
+        {"unknown code page", [&] { return MultiByteToWideChar(932, 0, "a", 1, wide, 8); },
+         ERROR_INVALID_PARAMETER},
+        {"unknown flag", [&] { return MultiByteToWideChar(CP_UTF8, 0x4, "a", 1, wide, 8); },
+         ERROR_INVALID_FLAGS},
         {"UTF-8 with used-default",
-         [&] { return WideCharToMultiByte(CP_UTF8, 0, u"a", 1, bytes, 4, nullptr, &used); }, ERROR_INVALID_PARAMETER},
+         [&] { return WideCharToMultiByte(CP_UTF8, 0, u"a", 1, bytes, 4, nullptr, &used); },
+         ERROR_INVALID_PARAMETER},
         {"UTF-8-only flag on 1252",
-         [&] { return WideCharToMultiByte(CP_ACP, WC_ERR_INVALID_CHARS, u"a", 1, bytes, 4, nullptr, nullptr); },
+         [&] {
+             return WideCharToMultiByte(CP_ACP, WC_ERR_INVALID_CHARS, u"a", 1, bytes, 4, nullptr, nullptr);
+         },
          ERROR_INVALID_FLAGS},
     };
     for (const Bad& b : bad) {

@@ -22,15 +22,21 @@ std::atomic<int> g_destroyed{0};
 
 LRESULT testProc(HWND hwnd, UINT msg, WPARAM w, LPARAM l) {
     switch (msg) {
-    case WM_ADD: return LRESULT(w + WPARAM(l));
-    case WM_BLOCK:
-        SetEvent(reinterpret_cast<HANDLE>(w));
-        WaitForSingleObject(reinterpret_cast<HANDLE>(l), 10000);
-        return 1;
-    case WM_WHO: return LRESULT(GetCurrentThreadId());
-    case WM_ECHO: return SendMessage(reinterpret_cast<HWND>(w), WM_ADD, 1, 2);
-    case WM_DESTROY: ++g_destroyed; return 0;
-    default: return DefWindowProc(hwnd, msg, w, l);
+        case WM_ADD:
+            return LRESULT(w + WPARAM(l));
+        case WM_BLOCK:
+            SetEvent(reinterpret_cast<HANDLE>(w));
+            WaitForSingleObject(reinterpret_cast<HANDLE>(l), 10000);
+            return 1;
+        case WM_WHO:
+            return LRESULT(GetCurrentThreadId());
+        case WM_ECHO:
+            return SendMessage(reinterpret_cast<HWND>(w), WM_ADD, 1, 2);
+        case WM_DESTROY:
+            ++g_destroyed;
+            return 0;
+        default:
+            return DefWindowProc(hwnd, msg, w, l);
     }
 }
 
@@ -266,8 +272,9 @@ TEST(WindowTest, VisibilityUserDataAndCreation) {
     ShowWindow(hwnd, SW_HIDE);
     SendMessage(hwnd, WM_CLOSE, 0, 0);  // the default closes by destroying
     EXPECT_FALSE(IsWindow(hwnd));
-    std::vector<std::pair<UINT, WPARAM>> expected = {{WM_CREATE, 0},     {WM_SHOWWINDOW, TRUE}, {WM_SHOWWINDOW, FALSE},
-                                                     {WM_CLOSE, 0},      {WM_DESTROY, 0},       {WM_NCDESTROY, 0}};
+    std::vector<std::pair<UINT, WPARAM>> expected = {{WM_CREATE, 0},         {WM_SHOWWINDOW, TRUE},
+                                                     {WM_SHOWWINDOW, FALSE}, {WM_CLOSE, 0},
+                                                     {WM_DESTROY, 0},        {WM_NCDESTROY, 0}};
     EXPECT_EQ(seen, expected);
     EXPECT_EQ(CreateMessageWindow(proc, &seen), nullptr);  // WM_CREATE said no
 }

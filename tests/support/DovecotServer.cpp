@@ -113,8 +113,10 @@ GeneratedMessage MakeTestMessage(int index, size_t bodyBytes) {
 
     std::string b;
     for (int i = 0; b.size() < bodyBytes; ++i) {
-        if (i % 5 == 4) b += ".a line that starts with a dot\n";
-        else if (i % 11 == 10) b += "..\n";
+        if (i % 5 == 4)
+            b += ".a line that starts with a dot\n";
+        else if (i % 11 == 10)
+            b += "..\n";
         else {
             std::snprintf(line, sizeof line, "Line %d of message %d, some ordinary words here.\n", i, index);
             b += line;
@@ -190,22 +192,33 @@ std::string DovecotServer::WriteConfig(unsigned short port) {
     std::ostringstream c;
     c << "protocols = pop3\n"
          "listen = 127.0.0.1\n"
-         "base_dir = " << m_dir << "/run\n"
-         "state_dir = " << m_dir << "/state\n"
-         "log_path = " << m_dir << "/dovecot.log\n"
+         "base_dir = "
+      << m_dir
+      << "/run\n"
+         "state_dir = "
+      << m_dir
+      << "/state\n"
+         "log_path = "
+      << m_dir
+      << "/dovecot.log\n"
          "instance_name = tavik-test\n"
          "ssl = no\n"
          "disable_plaintext_auth = no\n"
          "auth_mechanisms = plain login\n"
          "auth_failure_delay = 0\n"
          "mail_fsync = never\n"
-         "mail_location = maildir:" << m_dir << "/Maildir\n"
+         "mail_location = maildir:"
+      << m_dir
+      << "/Maildir\n"
          "mail_max_userip_connections = 100\n"
-         "passdb {\n  driver = passwd-file\n  args = " << m_dir << "/passwd\n}\n"
-         "userdb {\n  driver = static\n  args = uid=" << mailUser << " gid=" << mailGroup
-      << " home=" << m_dir << "/home\n}\n"
-         "service pop3-login {\n  inet_listener pop3 {\n    port = " << port
-      << "\n  }\n  inet_listener pop3s {\n    port = 0\n  }\n";
+         "passdb {\n  driver = passwd-file\n  args = "
+      << m_dir
+      << "/passwd\n}\n"
+         "userdb {\n  driver = static\n  args = uid="
+      << mailUser << " gid=" << mailGroup << " home=" << m_dir
+      << "/home\n}\n"
+         "service pop3-login {\n  inet_listener pop3 {\n    port = "
+      << port << "\n  }\n  inet_listener pop3s {\n    port = 0\n  }\n";
     if (!root) c << "  chroot =\n";
     c << "}\n"
          // Without the penalty socket repeated wrong passwords are not slowed down.

@@ -7,8 +7,8 @@
 // everything runs as that user.
 #pragma once
 
-#include <string>
 #include <sys/types.h>
+#include <string>
 #include <vector>
 
 namespace tavik::test {

@@ -17,13 +17,16 @@ namespace tavik::test {
 std::string Visible(const std::string& bytes) {
     std::string out;
     for (unsigned char c : bytes) {
-        if (c == '\r') out += "\\r";
-        else if (c == '\n') out += "\\n";
+        if (c == '\r')
+            out += "\\r";
+        else if (c == '\n')
+            out += "\\n";
         else if (c < 32 || c >= 127) {
             char hex[8];
             std::snprintf(hex, sizeof hex, "\\x%02x", c);
             out += hex;
-        } else out += static_cast<char>(c);
+        } else
+            out += static_cast<char>(c);
     }
     return out;
 }
@@ -225,53 +228,53 @@ void ScriptedServer::RunSteps() {
         const Step& s = m_steps[i];
         std::string where = "step " + std::to_string(i + 1) + ": ";
         switch (s.kind) {
-        case Step::kExpect: {
-            std::string line;
-            if (!ReadLine(line)) {
-                Error(where + "connection ended while expecting " + Visible(s.text));
-                return;
+            case Step::kExpect: {
+                std::string line;
+                if (!ReadLine(line)) {
+                    Error(where + "connection ended while expecting " + Visible(s.text));
+                    return;
+                }
+                if (line != s.text) {
+                    Error(where + "expected " + Visible(s.text) + ", got " + Visible(line));
+                    CloseConnection();
+                    return;
+                }
+                break;
             }
-            if (line != s.text) {
-                Error(where + "expected " + Visible(s.text) + ", got " + Visible(line));
+            case Step::kSend: {
+                size_t chunk = s.chunk ? s.chunk : s.text.size();
+                bool ok = true;
+                for (size_t at = 0; ok && at < s.text.size(); at += chunk)
+                    ok = WriteAll(s.text.data() + at, std::min(chunk, s.text.size() - at));
+                if (!ok) {
+                    Error(where + "could not send " + Visible(s.text.substr(0, 60)));
+                    return;
+                }
+                break;
+            }
+            case Step::kDelay:
+                if (!Pause(s.ms)) return;
+                break;
+            case Step::kClose:
                 CloseConnection();
+                break;
+            case Step::kHold:
+                MarkDone();
+                while (ReadMore(m_conn, m_wake[0], m_inbuf, m_mutex, m_received)) {
+                }
                 return;
+            case Step::kMark: {
+                std::lock_guard lock(m_mutex);
+                m_marks.insert(s.text);
+                m_cv.notify_all();
+                break;
             }
-            break;
-        }
-        case Step::kSend: {
-            size_t chunk = s.chunk ? s.chunk : s.text.size();
-            bool ok = true;
-            for (size_t at = 0; ok && at < s.text.size(); at += chunk)
-                ok = WriteAll(s.text.data() + at, std::min(chunk, s.text.size() - at));
-            if (!ok) {
-                Error(where + "could not send " + Visible(s.text.substr(0, 60)));
-                return;
+            case Step::kGate: {
+                std::unique_lock lock(m_mutex);
+                m_cv.wait(lock, [&] { return m_stopping || m_open.count(s.text) > 0; });
+                if (m_stopping) return;
+                break;
             }
-            break;
-        }
-        case Step::kDelay:
-            if (!Pause(s.ms)) return;
-            break;
-        case Step::kClose:
-            CloseConnection();
-            break;
-        case Step::kHold:
-            MarkDone();
-            while (ReadMore(m_conn, m_wake[0], m_inbuf, m_mutex, m_received)) {
-            }
-            return;
-        case Step::kMark: {
-            std::lock_guard lock(m_mutex);
-            m_marks.insert(s.text);
-            m_cv.notify_all();
-            break;
-        }
-        case Step::kGate: {
-            std::unique_lock lock(m_mutex);
-            m_cv.wait(lock, [&] { return m_stopping || m_open.count(s.text) > 0; });
-            if (m_stopping) return;
-            break;
-        }
         }
     }
     {

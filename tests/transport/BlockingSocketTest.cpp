@@ -64,7 +64,8 @@ TEST(CBlockingSocketException, TextPrecedenceAndTruncation) {
     e->Delete();
 
     e = withCode(10060, "Connect");
-    EXPECT_EQ(e->GetErrorMessage(), CString("Attempt to connect timed out without establishing a connection"));
+    EXPECT_EQ(e->GetErrorMessage(),
+              CString("Attempt to connect timed out without establishing a connection"));
     e->Delete();
     for (int gap : {12345, 10059, 10063, 10046}) {  // unknown codes and gaps in the known range
         e = withCode(gap, "Op");
@@ -92,7 +93,7 @@ TEST(CSockAddr, LayoutAndConversions) {
     EXPECT_EQ(CSockAddr().sin_family, AF_INET);
     CSockAddr a(0xC0A80102u, 110);
     const auto* raw = reinterpret_cast<const unsigned char*>(&a);
-    EXPECT_EQ(raw[2], 0);    // port 110 in network order
+    EXPECT_EQ(raw[2], 0);  // port 110 in network order
     EXPECT_EQ(raw[3], 110);
     EXPECT_EQ(raw[4], 192);  // address in network order
     EXPECT_EQ(raw[7], 2);
@@ -152,7 +153,11 @@ TEST_F(Sockets, FailuresCarryTheirLabelsAndSentences) {
     EXPECT_EQ(hostCode, WSAHOST_NOT_FOUND);
     EXPECT_EQ(unknown, "Host not found. No such host is known");
 
-    EXPECT_EQ(thrown([] { CBlockingSocket none; none.Close(); }).first, "The descriptor is not a socket");
+    EXPECT_EQ(thrown([] {
+                  CBlockingSocket none;
+                  none.Close();
+              }).first,
+              "The descriptor is not a socket");
     CBlockingSocket closed;
     closed.Create();
     SOCKET stale = closed.m_hSocket;
@@ -217,7 +222,8 @@ TEST_F(Sockets, DatagramsAndLookups) {
     EXPECT_EQ(local.Port(), 110);
     EXPECT_STREQ(CBlockingSocket::GetHostByAddr(CSockAddr(INADDR_LOOPBACK, 0)), "localhost");
 
-    EXPECT_EQ(CBlockingSocket::ResolveHostToIP("pop.nowhere.invalid"), CString("Can't resolve pop.nowhere.invalid"));
+    EXPECT_EQ(CBlockingSocket::ResolveHostToIP("pop.nowhere.invalid"),
+              CString("Can't resolve pop.nowhere.invalid"));
     EXPECT_EQ(CBlockingSocket::ResolveIPToHost("192.0.2.1"), CString("192.0.2.1"));  // no reverse entry
 
     CString name, ip;
@@ -232,7 +238,8 @@ void onAlarm(int) {}
 
 // A signal arriving while Accept waits is the interrupted call: FALSE, no exception, into untouched.
 TEST_F(Sockets, AcceptInterruptedReturnsFalse) {
-    struct sigaction action {}, previous{};
+    struct sigaction action {
+    }, previous{};
     action.sa_handler = onAlarm;  // no SA_RESTART, so the wait is interrupted
     sigemptyset(&action.sa_mask);
     ASSERT_EQ(sigaction(SIGALRM, &action, &previous), 0);

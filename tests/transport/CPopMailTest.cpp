@@ -51,17 +51,28 @@ void ScriptWholeSession(ScriptedServer& s, size_t chunk, const char* ok = "+OK")
     std::string k = ok;
     // The greeting goes whole: Connect takes whatever its single receive returns as the greeting.
     s.Send(k + " POP3 ready <1.2@x>\r\n")
-        .Expect("USER bob\r\n").Send(k + "\r\n", chunk)
-        .Expect("PASS p@ss word\r\n").Send(k + " logged in\r\n", chunk)
-        .Expect("STAT\r\n").Send(k + " 2 5210\r\n", chunk)
-        .Expect("LIST 1\r\n").Send(k + " 1 1234\r\n", chunk)
-        .Expect("TOP 1 0\r\n").Send(k + "\r\n" + kHeader + "\r\n.\r\n", chunk)
-        .Expect("UIDL 1\r\n").Send(k + " 1 uid-one\r\n", chunk)
-        .Expect("RETR 2\r\n").Send(k + " 40 octets\r\n" + kBody + ".\r\n", chunk)
-        .Expect("DELE 2\r\n").Send(k + " deleted\r\n", chunk)
-        .Expect("RSET\r\n").Send(k + "\r\n", chunk)
-        .Expect("NOOP\r\n").Send(k + "\r\n", chunk)
-        .Expect("QUIT\r\n").Send(k + " bye\r\n", chunk);
+        .Expect("USER bob\r\n")
+        .Send(k + "\r\n", chunk)
+        .Expect("PASS p@ss word\r\n")
+        .Send(k + " logged in\r\n", chunk)
+        .Expect("STAT\r\n")
+        .Send(k + " 2 5210\r\n", chunk)
+        .Expect("LIST 1\r\n")
+        .Send(k + " 1 1234\r\n", chunk)
+        .Expect("TOP 1 0\r\n")
+        .Send(k + "\r\n" + kHeader + "\r\n.\r\n", chunk)
+        .Expect("UIDL 1\r\n")
+        .Send(k + " 1 uid-one\r\n", chunk)
+        .Expect("RETR 2\r\n")
+        .Send(k + " 40 octets\r\n" + kBody + ".\r\n", chunk)
+        .Expect("DELE 2\r\n")
+        .Send(k + " deleted\r\n", chunk)
+        .Expect("RSET\r\n")
+        .Send(k + "\r\n", chunk)
+        .Expect("NOOP\r\n")
+        .Send(k + "\r\n", chunk)
+        .Expect("QUIT\r\n")
+        .Send(k + " bye\r\n", chunk);
 }
 
 }  // namespace
@@ -69,8 +80,13 @@ void ScriptWholeSession(ScriptedServer& s, size_t chunk, const char* ok = "+OK")
 TEST_F(Pop3Client, WholeSessionHasTheWireOrderAndStatusLinesOfTheDesign) {
     // Whole replies, replies dribbled byte by byte, and replies in 3-byte pieces (end marks cut apart);
     // last, lower-case positive replies to a client without a status window.
-    struct Row { size_t chunk; const char* ok; bool window; };
-    for (const Row& row : {Row{0, "+OK", true}, Row{1, "+OK", true}, Row{3, "+OK", true}, Row{0, "+ok", false}}) {
+    struct Row {
+        size_t chunk;
+        const char* ok;
+        bool window;
+    };
+    for (const Row& row :
+         {Row{0, "+OK", true}, Row{1, "+OK", true}, Row{3, "+OK", true}, Row{0, "+ok", false}}) {
         SCOPED_TRACE("chunk " + std::to_string(row.chunk) + " " + row.ok);
         ScriptedServer s;
         ScriptWholeSession(s, row.chunk, row.ok);
@@ -134,14 +150,18 @@ TEST_F(Pop3Client, GreetingDecidesConnect) {
     } cases[] = {{"+OK ready\r\n", true}, {"-ERR busy\r\n", false}, {"+ok hi\r\n", true}, {nullptr, true}};
     for (auto& c : cases) {
         ScriptedServer s;
-        if (c.greeting) s.Send(c.greeting).Hold();
-        else s.Close();
+        if (c.greeting)
+            s.Send(c.greeting).Hold();
+        else
+            s.Close();
         s.Start();
         StatusWindow w;
         CPopMail pop(nullptr, w.hwnd(), 5);
         EXPECT_EQ(pop.Connect("127.0.0.1", s.Port()), c.expected) << (c.greeting ? c.greeting : "closed");
-        if (c.greeting) EXPECT_EQ(w.lines.back(), std::string("[01:46:40] ") + c.greeting);
-        else EXPECT_EQ(w.lines.size(), 3u) << "banner, look-up and connect lines only";
+        if (c.greeting)
+            EXPECT_EQ(w.lines.back(), std::string("[01:46:40] ") + c.greeting);
+        else
+            EXPECT_EQ(w.lines.size(), 3u) << "banner, look-up and connect lines only";
         EXPECT_EQ(s.Finish(), "");
     }
 }
@@ -152,7 +172,11 @@ TEST_F(Pop3Client, NegativeRepliesThrowTheReplyButARefusedPasswordIsFalse) {
         std::function<bool(CPopMail&)> call;
     } cases[] = {
         {"USER bob\r\n", [](CPopMail& p) { return p.Login("bob", "x"); }},
-        {"STAT\r\n", [](CPopMail& p) { int a, b; return p.MailBoxStats(&a, &b); }},
+        {"STAT\r\n",
+         [](CPopMail& p) {
+             int a, b;
+             return p.MailBoxStats(&a, &b);
+         }},
         {"LIST 3\r\n", [](CPopMail& p) { return p.GetMsgSize(3) != 0; }},
         {"DELE 3\r\n", [](CPopMail& p) { return p.DeleteMsg(3); }},
         {"RSET\r\n", [](CPopMail& p) { return p.ResetMailbox(); }},
@@ -170,8 +194,10 @@ TEST_F(Pop3Client, NegativeRepliesThrowTheReplyButARefusedPasswordIsFalse) {
     }
 
     server.Send("+OK\r\n")
-        .Expect("USER bob\r\n").Send("+OK\r\n")
-        .Expect("PASS wrong\r\n").Send("-ERR [AUTH] Authentication failed.\r\n");
+        .Expect("USER bob\r\n")
+        .Send("+OK\r\n")
+        .Expect("PASS wrong\r\n")
+        .Send("-ERR [AUTH] Authentication failed.\r\n");
     auto pop = Connected(window.hwnd());
     EXPECT_FALSE(pop->Login("bob", "wrong"));
     EXPECT_EQ(window.lines.back(), "[01:46:40] -ERR [AUTH] Authentication failed.\r\n");
@@ -180,8 +206,11 @@ TEST_F(Pop3Client, NegativeRepliesThrowTheReplyButARefusedPasswordIsFalse) {
 
 TEST_F(Pop3Client, NegativeTopStatusThrowsTheStatusLine) {
     server.Send("+OK\r\n")
-        .Expect("LIST 9\r\n").Send("+OK 9 100\r\n")
-        .Expect("TOP 9 0\r\n").Send("-ERR There's no message 9.\r\n").Close();
+        .Expect("LIST 9\r\n")
+        .Send("+OK 9 100\r\n")
+        .Expect("TOP 9 0\r\n")
+        .Send("-ERR There's no message 9.\r\n")
+        .Close();
     auto pop = Connected(nullptr);
     CMessageList record;
     EXPECT_EQ(PopError([&] { pop->GetHeader(9, record); }), "-ERR There's no message 9.");
@@ -191,9 +220,13 @@ TEST_F(Pop3Client, NegativeTopStatusThrowsTheStatusLine) {
 // A refused UIDL is fatal; unanswered UIDL and LIST fall back to the header's CRC and a size of 0.
 TEST_F(Pop3Client, UidlRefusedIsFatalButUnansweredRepliesFallBack) {
     server.Send("+OK\r\n")
-        .Expect("LIST 1\r\n").Send("+OK 1 300\r\n")
-        .Expect("TOP 1 0\r\n").Send("+OK\r\n" + kHeader + "\r\n.\r\n")
-        .Expect("UIDL 1\r\n").Send("-ERR unknown command\r\n").Hold();
+        .Expect("LIST 1\r\n")
+        .Send("+OK 1 300\r\n")
+        .Expect("TOP 1 0\r\n")
+        .Send("+OK\r\n" + kHeader + "\r\n.\r\n")
+        .Expect("UIDL 1\r\n")
+        .Send("-ERR unknown command\r\n")
+        .Hold();
     auto pop = Connected(window.hwnd());
     CMessageList record;
     const std::string refused =
@@ -205,9 +238,12 @@ TEST_F(Pop3Client, UidlRefusedIsFatalButUnansweredRepliesFallBack) {
 
     ScriptedServer closing;
     closing.Send("+OK\r\n")
-        .Expect("LIST 1\r\n").Send("+OK 1 300\r\n")
-        .Expect("TOP 1 0\r\n").Send("+OK\r\n" + kHeader + "\r\n.\r\n")
-        .Expect("UIDL 1\r\n").Close();
+        .Expect("LIST 1\r\n")
+        .Send("+OK 1 300\r\n")
+        .Expect("TOP 1 0\r\n")
+        .Send("+OK\r\n" + kHeader + "\r\n.\r\n")
+        .Expect("UIDL 1\r\n")
+        .Close();
     closing.Start();
     CPopMail second(nullptr, nullptr, 5);
     ASSERT_TRUE(second.Connect("127.0.0.1", closing.Port()));
@@ -267,8 +303,13 @@ TEST_F(Pop3Client, EventSignalledFromAnotherThreadStopsALongRetrieve) {
     HANDLE release = CreateEvent(nullptr, TRUE, FALSE, nullptr);
     std::string part(100000, 'x');
     server.Send("+OK\r\n")
-        .Expect("RETR 1\r\n").Send("+OK\r\n" + part).Mark("first part sent")
-        .Gate("more").Send(part + "\r\n.\r\n").Mark("all sent").Hold();
+        .Expect("RETR 1\r\n")
+        .Send("+OK\r\n" + part)
+        .Mark("first part sent")
+        .Gate("more")
+        .Send(part + "\r\n.\r\n")
+        .Mark("all sent")
+        .Hold();
     server.Start();
     std::string error;
     std::thread worker([&] {

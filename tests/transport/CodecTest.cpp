@@ -54,7 +54,8 @@ std::string hex(const BYTE* p, size_t n) {
 
 std::string md5Hex(const std::string& s) {
     MD5 md5;
-    md5.Update(reinterpret_cast<unsigned char*>(const_cast<char*>(s.data())), static_cast<unsigned>(s.size()));
+    md5.Update(reinterpret_cast<unsigned char*>(const_cast<char*>(s.data())),
+               static_cast<unsigned>(s.size()));
     MD5::Context ctx = md5.Final();
     return hex(ctx.digest, 16);
 }
@@ -139,7 +140,7 @@ TEST(CBase64Coding, EncodingsEndWithTheirMarker) {
 TEST(CBase64Coding, DecodeResultsAndStops) {
     CBase64Coding coder;
     CByteArray out;
-    out.Add(0x55);  // emptied first
+    out.Add(0x55);                                     // emptied first
     EXPECT_EQ(coder.Decode(CString("YWJj"), out), 0);  // no marker
     EXPECT_EQ(text(out), "abc");
     EXPECT_EQ(coder.Decode(CString("="), out), 1);

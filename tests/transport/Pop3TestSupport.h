@@ -34,7 +34,8 @@ public:
 private:
     static LRESULT Proc(HWND hwnd, UINT message, WPARAM wParam, LPARAM lParam) {
         auto* self = reinterpret_cast<StatusWindow*>(GetWindowLongPtr(hwnd, GWLP_USERDATA));
-        if (self && message == CPopMail::WM_POP_STATUS) self->lines.emplace_back(reinterpret_cast<const char*>(lParam));
+        if (self && message == CPopMail::WM_POP_STATUS)
+            self->lines.emplace_back(reinterpret_cast<const char*>(lParam));
         if (self && message == CPopMail::WM_POP_FINISHED && wParam == 0 && lParam == 0) ++self->finished;
         return DefWindowProc(hwnd, message, wParam, lParam);
     }
@@ -57,7 +58,8 @@ std::string PopError(F&& f) {
 // The id a message record takes from its UIDL reply or header: the CRC-32 of the text.
 inline unsigned long Crc(std::string_view text) {
     CRC32i crc;
-    crc.Update(reinterpret_cast<unsigned char*>(const_cast<char*>(text.data())), static_cast<ULONG>(text.size()));
+    crc.Update(reinterpret_cast<unsigned char*>(const_cast<char*>(text.data())),
+               static_cast<ULONG>(text.size()));
     return crc.Final();
 }
 

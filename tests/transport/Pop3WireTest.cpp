@@ -31,12 +31,12 @@ size_t FeedInPieces(std::string_view mark, const std::string& text, const std::v
 }
 
 const std::vector<std::string> kReplies = {
-    "+OK\r\n.\r\n",                                   // empty listing: status line end + dot line
+    "+OK\r\n.\r\n",  // empty listing: status line end + dot line
     "+OK 2 messages\r\n1 120\r\n2 4400\r\n.\r\n",
-    "+OK\r\nSubject: x\r\n\r\n.\r\n",                  // TOP n 0: header and the empty line
-    "+OK\r\n..\r\n...and more\r\n.\r\n",               // dot-stuffed lines are not the end
-    "+OK\r\n.\r\r\n.\n.\r\n\r\n.\r\n",                  // near misses before the real mark
-    "-ERR no such message\r\n",                       // never ends a listing
+    "+OK\r\nSubject: x\r\n\r\n.\r\n",     // TOP n 0: header and the empty line
+    "+OK\r\n..\r\n...and more\r\n.\r\n",  // dot-stuffed lines are not the end
+    "+OK\r\n.\r\r\n.\n.\r\n\r\n.\r\n",    // near misses before the real mark
+    "-ERR no such message\r\n",           // never ends a listing
     "+OK 1 000000016b03885a\r\n",
 };
 
@@ -52,7 +52,8 @@ TEST(EndMarkScanner, FindsTheFirstMarkHoweverTheReplyArrives) {
             EXPECT_EQ(FeedInPieces(mark, reply, {1}), expected);
             for (size_t cut = 1; cut < reply.size(); ++cut)
                 for (size_t second = 1; cut + second < reply.size(); ++second)
-                    ASSERT_EQ(FeedInPieces(mark, reply, {cut, second, reply.size()}), expected) << cut << "+" << second;
+                    ASSERT_EQ(FeedInPieces(mark, reply, {cut, second, reply.size()}), expected)
+                        << cut << "+" << second;
         }
     }
 }
@@ -87,7 +88,8 @@ TEST(ReplyParts, SplitsTheStatusLineOnlyWhenItHasText) {
         {"+OK 5 octets\r\nhello\r\n.\r\n", true, "+OK 5 octets", "hello"},
         {"\r\n+OK\r\n", false, "unchanged", "\r\n+OK\r\n"},  // a line end at 0 is not a status line
         {"+OK but no line end", false, "unchanged", "+OK but no line end"},
-        {"+OK\r\n.\r\n", true, "+OK", ".\r\n"},  // an empty listing keeps its dot line: the mark would start at 0
+        {"+OK\r\n.\r\n", true, "+OK",
+         ".\r\n"},  // an empty listing keeps its dot line: the mark would start at 0
     };
     for (auto& c : cases) {
         std::string reply = c.in, status = "unchanged";
@@ -116,9 +118,10 @@ TEST(ReplyParts, CutsAtTheFirstEndMarkAndKeepsDotStuffing) {
         std::string in, out;
     } cases[] = {
         {"line one\r\n..\r\n..dotted\r\n.\r\n", "line one\r\n..\r\n..dotted"},  // doubled dots stay
-        {"From: a\r\nSubject: b\r\n\r\n.\r\n", "From: a\r\nSubject: b\r\n"},     // TOP n 0 keeps its last line end
+        {"From: a\r\nSubject: b\r\n\r\n.\r\n",
+         "From: a\r\nSubject: b\r\n"},  // TOP n 0 keeps its last line end
         {".\r\n", ".\r\n"},
-        {"\r\n.\r\n", "\r\n.\r\n"},                                              // mark at 0 is left alone
+        {"\r\n.\r\n", "\r\n.\r\n"},  // mark at 0 is left alone
         {"no mark at all\r\n", "no mark at all\r\n"},
         {"a\r\n.\r\nb\r\n.\r\n", "a"},
     };

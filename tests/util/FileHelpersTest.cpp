@@ -69,7 +69,8 @@ TEST(FileName, DescriptionComesFromTheMimeDatabase) {
 
     // The attribute form needs no file.
     SHFILEINFO info;
-    ASSERT_NE(SHGetFileInfo("nowhere.tar.gz", 0, &info, sizeof info, SHGFI_TYPENAME | SHGFI_USEFILEATTRIBUTES), 0u);
+    ASSERT_NE(
+        SHGetFileInfo("nowhere.tar.gz", 0, &info, sizeof info, SHGFI_TYPENAME | SHGFI_USEFILEATTRIBUTES), 0u);
     EXPECT_STRNE(info.szTypeName, "");
     EXPECT_STRNE(info.szTypeName, "GZ File");
 }
@@ -147,7 +148,8 @@ TEST(PathCalls, TempFileNamesAreCreatedUniqueWithWindowsShape) {
     ASSERT_NE(n1, 0u);
     EXPECT_NE(n1, n2);
     EXPECT_EQ(fs::file_size(first), 0u);
-    EXPECT_EQ(fs::status(first).permissions() & fs::perms::all, fs::perms::owner_read | fs::perms::owner_write);
+    EXPECT_EQ(fs::status(first).permissions() & fs::perms::all,
+              fs::perms::owner_read | fs::perms::owner_write);
     char expected[32];
     std::snprintf(expected, sizeof expected, "tav%X.tmp", n1);
     EXPECT_EQ(fs::path(first).filename().string(), expected);

@@ -44,7 +44,8 @@ TEST_F(MemoryMappedFileTest, ReadsAndWritesAFileThroughTheView) {
     CFile file(path.c_str(), CFile::modeReadWrite);
     {
         CMemoryMappedFile mapped;
-        ASSERT_TRUE(mapped.Open(nullptr, file.m_hFile, PAGE_READWRITE, 0, 8192, 0, FILE_MAP_ALL_ACCESS, 0, 0));
+        ASSERT_TRUE(
+            mapped.Open(nullptr, file.m_hFile, PAGE_READWRITE, 0, 8192, 0, FILE_MAP_ALL_ACCESS, 0, 0));
         EXPECT_EQ(mapped.GetLength(), 8192u);
         mapped.Seek(4096, CFile::begin);
         char word[6] = {};
@@ -79,8 +80,10 @@ TEST_F(MemoryMappedFileTest, ReadsAndWritesAFileThroughTheView) {
 
 TEST_F(MemoryMappedFileTest, NamedMappingsShareMemoryAndHandlesMoveBetweenObjects) {
     CMemoryMappedFile first, second;
-    ASSERT_TRUE(first.Open("tavik-test-share", INVALID_HANDLE_VALUE, PAGE_READWRITE, 0, 4096, 0, FILE_MAP_ALL_ACCESS, 0, 0));
-    ASSERT_TRUE(second.Open("tavik-test-share", INVALID_HANDLE_VALUE, PAGE_READWRITE, 0, 4096, 0, FILE_MAP_ALL_ACCESS, 0, 0));
+    ASSERT_TRUE(first.Open("tavik-test-share", INVALID_HANDLE_VALUE, PAGE_READWRITE, 0, 4096, 0,
+                           FILE_MAP_ALL_ACCESS, 0, 0));
+    ASSERT_TRUE(second.Open("tavik-test-share", INVALID_HANDLE_VALUE, PAGE_READWRITE, 0, 4096, 0,
+                            FILE_MAP_ALL_ACCESS, 0, 0));
     first.WriteFile("ping", 4);
     char got[5] = {};
     second.ReadFile(got, 4);
@@ -103,12 +106,14 @@ TEST_F(MemoryMappedFileTest, NamedMappingsShareMemoryAndHandlesMoveBetweenObject
 TEST_F(MemoryMappedFileTest, FailuresReportByResultAndMessageBox) {
     CMemoryMappedFile mapped;
     // No file and no size: the mapping cannot be made.
-    EXPECT_FALSE(mapped.Open(nullptr, INVALID_HANDLE_VALUE, PAGE_READWRITE, 0, 0, 0, FILE_MAP_ALL_ACCESS, 0, 0));
+    EXPECT_FALSE(
+        mapped.Open(nullptr, INVALID_HANDLE_VALUE, PAGE_READWRITE, 0, 0, 0, FILE_MAP_ALL_ACCESS, 0, 0));
     ASSERT_EQ(g_boxes.size(), 1u);
     EXPECT_EQ(g_boxes[0], "Unable to open shared file\n");
 
     // A view past the mapping's end.
-    ASSERT_FALSE(mapped.Open(nullptr, INVALID_HANDLE_VALUE, PAGE_READWRITE, 0, 4096, 0, FILE_MAP_ALL_ACCESS, 0, 8192));
+    ASSERT_FALSE(
+        mapped.Open(nullptr, INVALID_HANDLE_VALUE, PAGE_READWRITE, 0, 4096, 0, FILE_MAP_ALL_ACCESS, 0, 8192));
     ASSERT_EQ(g_boxes.size(), 2u);
     EXPECT_EQ(g_boxes[1], "Unable to map view of a file");
     // The mapping is kept; a proper view then works, and unmapping twice is harmless.

@@ -83,7 +83,8 @@ TEST_F(XStringTest, RemoveAllMatchesRepeatedFirstRemoval) {
                 for (char& c : t) c = static_cast<char>(c >= 'a' && c <= 'z' ? c - 32 : c);
             return t;
         };
-        for (size_t at; (at = fold(text).find(fold(pattern))) != std::string::npos;) text.erase(at, pattern.size());
+        for (size_t at; (at = fold(text).find(fold(pattern))) != std::string::npos;)
+            text.erase(at, pattern.size());
         return text;
     };
     std::mt19937 rng(7);
@@ -92,9 +93,11 @@ TEST_F(XStringTest, RemoveAllMatchesRepeatedFirstRemoval) {
         std::string text, pattern;
         for (size_t n = rng() % 14; n > 0; --n) text += alphabet[rng() % 4];
         for (size_t n = 1 + rng() % 3; n > 0; --n) pattern += alphabet[rng() % 4];
-        ASSERT_EQ(XString(text.c_str()).RemoveAll(XString(pattern.c_str())).str(), naive(text, pattern, false))
+        ASSERT_EQ(XString(text.c_str()).RemoveAll(XString(pattern.c_str())).str(),
+                  naive(text, pattern, false))
             << text << " - " << pattern;
-        ASSERT_EQ(XString(text.c_str()).NCRemoveAll(XString(pattern.c_str())).str(), naive(text, pattern, true))
+        ASSERT_EQ(XString(text.c_str()).NCRemoveAll(XString(pattern.c_str())).str(),
+                  naive(text, pattern, true))
             << text << " - " << pattern;
     }
 }

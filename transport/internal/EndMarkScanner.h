@@ -16,7 +16,10 @@ public:
     // Position of the first mark in text, or npos. text must be the text of the previous call with
     // bytes appended; after any other change call Reset first.
     std::size_t Find(std::string_view text);
-    void Reset() { m_scanned = 0; m_examined = 0; }
+    void Reset() {
+        m_scanned = 0;
+        m_examined = 0;
+    }
 
     // Bytes looked at since the last Reset (for tests of the linear bound).
     std::size_t Examined() const { return m_examined; }

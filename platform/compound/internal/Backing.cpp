@@ -2,11 +2,10 @@
 #include "platform/compound/internal/FileOps.h"
 #include "platform/compound/internal/Tree.h"
 
-#include <cerrno>
-#include <cstring>
 #include <sys/stat.h>
 #include <unistd.h>
-
+#include <cerrno>
+#include <cstring>
 
 namespace detail {
 namespace {
@@ -155,19 +154,28 @@ std::unique_ptr<ByteStore> MakeFileStore(int fd) { return std::make_unique<FileS
 
 HRESULT ErrnoToStg(int error, HRESULT fallback) {
     switch (error) {
-    case ENOENT: return STG_E_FILENOTFOUND;
-    case ENOTDIR: return STG_E_PATHNOTFOUND;
-    case EACCES:
-    case EPERM: return STG_E_ACCESSDENIED;
-    case EROFS: return STG_E_DISKISWRITEPROTECTED;
-    case ENOSPC:
-    case EDQUOT:
-    case EFBIG: return STG_E_MEDIUMFULL;
-    case EMFILE:
-    case ENFILE: return STG_E_TOOMANYOPENFILES;
-    case ENOMEM: return STG_E_INSUFFICIENTMEMORY;
-    case EWOULDBLOCK: return STG_E_SHAREVIOLATION;
-    default: return fallback;
+        case ENOENT:
+            return STG_E_FILENOTFOUND;
+        case ENOTDIR:
+            return STG_E_PATHNOTFOUND;
+        case EACCES:
+        case EPERM:
+            return STG_E_ACCESSDENIED;
+        case EROFS:
+            return STG_E_DISKISWRITEPROTECTED;
+        case ENOSPC:
+        case EDQUOT:
+        case EFBIG:
+            return STG_E_MEDIUMFULL;
+        case EMFILE:
+        case ENFILE:
+            return STG_E_TOOMANYOPENFILES;
+        case ENOMEM:
+            return STG_E_INSUFFICIENTMEMORY;
+        case EWOULDBLOCK:
+            return STG_E_SHAREVIOLATION;
+        default:
+            return fallback;
     }
 }
 
@@ -203,7 +211,8 @@ HRESULT Backing::MiniChain(const Chain** chain) {
     return m_miniHr;
 }
 
-HRESULT Backing::Resolve(std::uint32_t start, std::uint64_t size, bool mini, std::uint32_t owner, Chain& chain) {
+HRESULT Backing::Resolve(std::uint32_t start, std::uint64_t size, bool mini, std::uint32_t owner,
+                         Chain& chain) {
     chain = Chain{};
     if (size == 0) return S_OK;
     const std::uint32_t unit = mini ? cfb::kMiniSectorSize : SectorSize();
@@ -215,8 +224,8 @@ HRESULT Backing::Resolve(std::uint32_t start, std::uint64_t size, bool mini, std
         HRESULT hr = MiniChain(&miniChain);
         if (FAILED(hr)) return hr;
         table = &miniFat;
-        limit = std::min<std::uint64_t>(miniChain->Size() * (SectorSize() / unit),
-                                        (miniSize + unit - 1) / unit);
+        limit =
+            std::min<std::uint64_t>(miniChain->Size() * (SectorSize() / unit), (miniSize + unit - 1) / unit);
         if (owner != 0 && m_miniOwner.empty()) m_miniOwner.assign(static_cast<std::size_t>(limit), 0);
     }
     // A size beyond what the file could hold is refused before anything is allocated for it.
@@ -264,7 +273,8 @@ HRESULT Backing::Read(const Chain& chain, bool mini, std::uint64_t offset, void*
         long long n = store->ReadAt(runStart, runOut, runLen);
         if (n < 0) return STG_E_READFAULT;
         // A short last sector reads as zeros, as other readers treat it.
-        if (static_cast<std::size_t>(n) < runLen) std::memset(runOut + n, 0, runLen - static_cast<std::size_t>(n));
+        if (static_cast<std::size_t>(n) < runLen)
+            std::memset(runOut + n, 0, runLen - static_cast<std::size_t>(n));
         runLen = 0;
         return S_OK;
     };
@@ -337,7 +347,8 @@ NodePtr CloneTree(const Node& node, bool separateContents) {
         if (node.content->backing) node.content->Resolve();
         copy->content = MakeContent(*node.content);
     }
-    for (const auto& [name, child] : node.children) copy->children.InsertLast(CloneTree(*child, separateContents));
+    for (const auto& [name, child] : node.children)
+        copy->children.InsertLast(CloneTree(*child, separateContents));
     return copy;
 }
 

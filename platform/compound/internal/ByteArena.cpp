@@ -38,7 +38,7 @@ namespace {
 constexpr std::size_t kSlab = 2u << 20;
 constexpr std::size_t kAlign = 16;
 constexpr std::size_t kHeader = 64;
-constexpr int kHugeAfter = 1;  // slabs on ordinary pages before huge pages are asked for
+constexpr int kHugeAfter = 1;              // slabs on ordinary pages before huge pages are asked for
 constexpr std::size_t kRetainSlabs = 128;  // 256 MB of emptied slabs kept for reuse at most
 
 struct Slab {
@@ -97,12 +97,14 @@ private:
         } else {
             // Twice the size, then trimmed to an aligned slab, so that the owner of any buffer is found
             // by masking its address.
-            void* raw = ::mmap(nullptr, 2 * kSlab, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+            void* raw =
+                ::mmap(nullptr, 2 * kSlab, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
             if (raw == MAP_FAILED) return false;
             auto start = reinterpret_cast<std::uintptr_t>(raw);
             auto aligned = (start + kSlab - 1) & ~(kSlab - 1);
             if (aligned > start) ::munmap(raw, aligned - start);
-            if (aligned + kSlab < start + 2 * kSlab) ::munmap(reinterpret_cast<void*>(aligned + kSlab), start + 2 * kSlab - aligned - kSlab);
+            if (aligned + kSlab < start + 2 * kSlab)
+                ::munmap(reinterpret_cast<void*>(aligned + kSlab), start + 2 * kSlab - aligned - kSlab);
             slab = reinterpret_cast<Slab*>(aligned);
             if (m_slabs >= kHugeAfter) ::madvise(slab, kSlab, MADV_HUGEPAGE);
             TAVIK_POISON(reinterpret_cast<unsigned char*>(slab) + kHeader, kSlab - kHeader);
@@ -156,7 +158,8 @@ public:
             if (head) __builtin_prefetch(head, 1);
         } else {
             if (m_left < bytes) {
-                void* raw = ::mmap(nullptr, 2 * kSlab, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+                void* raw =
+                    ::mmap(nullptr, 2 * kSlab, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
                 if (raw == MAP_FAILED) return nullptr;
                 auto start = reinterpret_cast<std::uintptr_t>(raw);
                 auto aligned = (start + kSlab - 1) & ~(kSlab - 1);

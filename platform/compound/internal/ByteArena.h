@@ -65,7 +65,9 @@ struct PoolAllocator {
     T* allocate(std::size_t n) { return static_cast<T*>(PoolAllocate(n * sizeof(T))); }
     void deallocate(T* p, std::size_t n) { PoolFree(p, n * sizeof(T)); }
     template <class U>
-    bool operator==(const PoolAllocator<U>&) const { return true; }
+    bool operator==(const PoolAllocator<U>&) const {
+        return true;
+    }
 };
 
 // Big scratch tables (a directory of 60,000 entries): from 2 MB up they get a mapping of their own with
@@ -82,7 +84,9 @@ struct LargeAllocator {
     T* allocate(std::size_t n) { return static_cast<T*>(LargeAllocate(n * sizeof(T))); }
     void deallocate(T* p, std::size_t n) { LargeFree(p, n * sizeof(T)); }
     template <class U>
-    bool operator==(const LargeAllocator<U>&) const { return true; }
+    bool operator==(const LargeAllocator<U>&) const {
+        return true;
+    }
 };
 
 }  // namespace detail

@@ -112,7 +112,8 @@ public:
     HRESULT Write(const void* pv, ULONG cb, ULONG* pcbWritten) override;
     HRESULT Seek(LARGE_INTEGER move, DWORD origin, ULARGE_INTEGER* newPosition) override;
     HRESULT SetSize(ULARGE_INTEGER size) override;
-    HRESULT CopyTo(IStream* pstm, ULARGE_INTEGER cb, ULARGE_INTEGER* pcbRead, ULARGE_INTEGER* pcbWritten) override;
+    HRESULT CopyTo(IStream* pstm, ULARGE_INTEGER cb, ULARGE_INTEGER* pcbRead,
+                   ULARGE_INTEGER* pcbWritten) override;
     HRESULT Commit(DWORD flags) override;
     HRESULT Revert() override;
     HRESULT LockRegion(ULARGE_INTEGER offset, ULARGE_INTEGER cb, DWORD type) override;

@@ -1,6 +1,6 @@
+#include <locale.h>
 #include <clocale>
 #include <cwctype>
-#include <locale.h>
 
 #include "platform/compound/internal/Format.h"
 

@@ -66,7 +66,8 @@ HRESULT WalkChain(Backing& b, std::uint32_t start, std::uint32_t owner, std::vec
 
 }  // namespace
 
-HRESULT ReadCompoundFile(std::unique_ptr<ByteStore> store, std::shared_ptr<Backing>& backingOut, NodePtr& rootOut) {
+HRESULT ReadCompoundFile(std::unique_ptr<ByteStore> store, std::shared_ptr<Backing>& backingOut,
+                         NodePtr& rootOut) {
     unsigned char h[kHeaderSize];
     const std::uint64_t fileSize = store->Size();
     if (fileSize < kHeaderSize) return STG_E_FILEALREADYEXISTS;
@@ -98,7 +99,8 @@ HRESULT ReadCompoundFile(std::unique_ptr<ByteStore> store, std::shared_ptr<Backi
     std::uint32_t difat = Get32(h + 0x44);
     std::uint32_t difatCount = Get32(h + 0x48);
     while (fatSectors.size() < fatCount) {
-        if (difatCount-- == 0 || difat >= b->fileSectors || !b->Claim(difat, kOwnerTables)) return STG_E_DOCFILECORRUPT;
+        if (difatCount-- == 0 || difat >= b->fileSectors || !b->Claim(difat, kOwnerTables))
+            return STG_E_DOCFILECORRUPT;
         HRESULT hr = b->ReadSector(difat, sector.data());
         if (FAILED(hr)) return hr;
         for (std::uint32_t i = 0; i + 1 < perSector && fatSectors.size() < fatCount; ++i)
@@ -133,7 +135,8 @@ HRESULT ReadCompoundFile(std::unique_ptr<ByteStore> store, std::shared_ptr<Backi
     for (std::uint32_t s : dirChain) {
         hr = b->ReadSector(s, sector.data());
         if (FAILED(hr)) return hr;
-        for (std::uint32_t i = 0; i < perDirSector; ++i) entries.push_back(ParseEntry(sector.data() + i * kDirEntrySize, v3));
+        for (std::uint32_t i = 0; i < perDirSector; ++i)
+            entries.push_back(ParseEntry(sector.data() + i * kDirEntrySize, v3));
     }
     // The root is the first root-typed entry; normally entry 0.
     std::uint32_t rootId = 0;

@@ -14,7 +14,6 @@
 #include <cstring>
 #include <random>
 
-
 namespace detail {
 namespace {
 
@@ -31,7 +30,8 @@ constexpr char kTempEnd[] = ".tmp";
 std::string TempNameFor(const std::string& path) {
     // Fresh entropy each time: a forked child must not repeat its parent's names.
     std::random_device rd;
-    unsigned long long r = (static_cast<unsigned long long>(rd()) << 32) ^ rd() ^ static_cast<unsigned long long>(::getpid());
+    unsigned long long r =
+        (static_cast<unsigned long long>(rd()) << 32) ^ rd() ^ static_cast<unsigned long long>(::getpid());
     char suffix[40];
     std::snprintf(suffix, sizeof suffix, "%s%012llx%s", kTempMark, r & 0xFFFFFFFFFFFFull, kTempEnd);
     return path + suffix;
@@ -73,8 +73,10 @@ HRESULT LockedOpen(const std::string& path, int lock, int& fdOut) {
             CurrentFileOps().close(fd);
             return e == EWOULDBLOCK ? STG_E_SHAREVIOLATION : ErrnoToStg(e, STG_E_LOCKVIOLATION);
         }
-        struct stat a {}, b {};
-        if (::fstat(fd, &a) == 0 && ::stat(path.c_str(), &b) == 0 && a.st_ino == b.st_ino && a.st_dev == b.st_dev) {
+        struct stat a {
+        }, b{};
+        if (::fstat(fd, &a) == 0 && ::stat(path.c_str(), &b) == 0 && a.st_ino == b.st_ino &&
+            a.st_dev == b.st_dev) {
             fdOut = fd;
             return S_OK;
         }
@@ -116,7 +118,8 @@ HRESULT RootFile::Commit(const Node& tree) {
     HRESULT hr = WriteCompoundFile(tree, fd, written);
     if (SUCCEEDED(hr) && ops.fsync(fd) != 0) hr = ErrnoToStg(errno, STG_E_WRITEFAULT);
     if (SUCCEEDED(hr) && m_permissions != 0600) ::fchmod(fd, m_permissions);
-    if (SUCCEEDED(hr) && ops.rename(temp.c_str(), m_path.c_str()) != 0) hr = ErrnoToStg(errno, STG_E_WRITEFAULT);
+    if (SUCCEEDED(hr) && ops.rename(temp.c_str(), m_path.c_str()) != 0)
+        hr = ErrnoToStg(errno, STG_E_WRITEFAULT);
     if (FAILED(hr)) {
         ops.close(fd);
         ops.unlink(temp.c_str());
@@ -201,7 +204,8 @@ HRESULT OpenRootFile(const std::string& path, int lock, bool writable, std::shar
     return S_OK;
 }
 
-HRESULT CreateRootFile(const std::string& path, bool replace, std::shared_ptr<RootFile>& file, NodePtr& tree) {
+HRESULT CreateRootFile(const std::string& path, bool replace, std::shared_ptr<RootFile>& file,
+                       NodePtr& tree) {
     int old = CurrentFileOps().open(path.c_str(), O_RDONLY, 0);
     if (old >= 0) {
         struct stat st {};

@@ -59,8 +59,13 @@ HRESULT MergeInto(const Node& src, Node& dest, bool skipStorages, bool skipStrea
 
 StorageImpl::StorageImpl(std::shared_ptr<RootFile> file, NodePtr node, NodePtr base, DWORD mode, bool root,
                          std::shared_ptr<bool> dirty, std::shared_ptr<bool> parentDirty)
-    : m_file(std::move(file)), m_node(std::move(node)), m_base(std::move(base)), m_mode(mode), m_root(root),
-      m_dirty(std::move(dirty)), m_parentDirty(std::move(parentDirty)) {}
+    : m_file(std::move(file)),
+      m_node(std::move(node)),
+      m_base(std::move(base)),
+      m_mode(mode),
+      m_root(root),
+      m_dirty(std::move(dirty)),
+      m_parentDirty(std::move(parentDirty)) {}
 
 StorageImpl::~StorageImpl() {
     if (m_root) {
@@ -114,7 +119,8 @@ HRESULT StorageImpl::CheckChild(const OLECHAR* name, DWORD mode, bool stream, st
 IStorage* StorageImpl::MakeChild(const NodePtr& node, DWORD mode) {
     node->open = true;
     if (mode & STGM_TRANSACTED)
-        return new StorageImpl(m_file, CloneTree(*node), node, mode, false, std::make_shared<bool>(false), m_dirty);
+        return new StorageImpl(m_file, CloneTree(*node), node, mode, false, std::make_shared<bool>(false),
+                               m_dirty);
     return new StorageImpl(m_file, node, nullptr, mode, false, m_dirty, nullptr);
 }
 
@@ -306,7 +312,9 @@ HRESULT StorageImpl::SetElementTimes(const OLECHAR* name, const FILETIME* pctime
         if (it == m_node->children.end()) return STG_E_FILENOTFOUND;
         node = it->second.get();
     }
-    auto join = [](const FILETIME* t) { return (static_cast<std::uint64_t>(t->dwHighDateTime) << 32) | t->dwLowDateTime; };
+    auto join = [](const FILETIME* t) {
+        return (static_cast<std::uint64_t>(t->dwHighDateTime) << 32) | t->dwLowDateTime;
+    };
     if (pctime) node->ctime = join(pctime);
     if (pmtime) node->mtime = join(pmtime);
     Touch();

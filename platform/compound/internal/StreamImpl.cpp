@@ -118,10 +118,17 @@ HRESULT StreamImpl::Seek(LARGE_INTEGER move, DWORD origin, ULARGE_INTEGER* newPo
     if (m_node->dead) return STG_E_REVERTED;
     long long base;
     switch (origin) {
-    case STREAM_SEEK_SET: base = 0; break;
-    case STREAM_SEEK_CUR: base = static_cast<long long>(m_position); break;
-    case STREAM_SEEK_END: base = static_cast<long long>(m_node->Size()); break;
-    default: return STG_E_INVALIDFUNCTION;
+        case STREAM_SEEK_SET:
+            base = 0;
+            break;
+        case STREAM_SEEK_CUR:
+            base = static_cast<long long>(m_position);
+            break;
+        case STREAM_SEEK_END:
+            base = static_cast<long long>(m_node->Size());
+            break;
+        default:
+            return STG_E_INVALIDFUNCTION;
     }
     long long target = base + move.QuadPart;
     if (target < 0) return STG_E_INVALIDFUNCTION;
@@ -144,7 +151,8 @@ HRESULT StreamImpl::SetSize(ULARGE_INTEGER size) {
     return S_OK;
 }
 
-HRESULT StreamImpl::CopyTo(IStream* pstm, ULARGE_INTEGER cb, ULARGE_INTEGER* pcbRead, ULARGE_INTEGER* pcbWritten) {
+HRESULT StreamImpl::CopyTo(IStream* pstm, ULARGE_INTEGER cb, ULARGE_INTEGER* pcbRead,
+                           ULARGE_INTEGER* pcbWritten) {
     if (pcbRead) pcbRead->QuadPart = 0;
     if (pcbWritten) pcbWritten->QuadPart = 0;
     if (!pstm) return STG_E_INVALIDPOINTER;

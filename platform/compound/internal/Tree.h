@@ -54,7 +54,9 @@ public:
         std::vector<std::uint32_t> list;
         std::uint32_t first = 0;
         std::uint64_t count = 0;
-        std::uint32_t At(std::uint64_t i) const { return list.empty() ? static_cast<std::uint32_t>(first + i) : list[i]; }
+        std::uint32_t At(std::uint64_t i) const {
+            return list.empty() ? static_cast<std::uint32_t>(first + i) : list[i];
+        }
         std::uint64_t Size() const { return count; }
     };
 
@@ -169,10 +171,10 @@ struct Node {
     std::uint32_t stateBits = 0;
     std::uint64_t ctime = 0;
     std::uint64_t mtime = 0;
-    std::shared_ptr<StreamContent> content;          // streams
-    Children children;  // storages
-    bool open = false;  // a handle is open on it (share mode exclusive)
-    bool dead = false;  // removed from its tree: handles on it are reverted
+    std::shared_ptr<StreamContent> content;  // streams
+    Children children;                       // storages
+    bool open = false;                       // a handle is open on it (share mode exclusive)
+    bool dead = false;                       // removed from its tree: handles on it are reverted
 
     bool IsStorage() const { return type != cfb::kTypeStream; }
     std::uint64_t Size() const { return content ? content->size : 0; }

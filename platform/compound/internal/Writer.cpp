@@ -107,7 +107,8 @@ private:
             m_io.push_back({p.outside ? p.outside : m_buffer.data() + p.offset, p.length});
         std::size_t first = 0;
         while (first < m_io.size()) {
-            long long n = CurrentFileOps().writev(m_fd, m_io.data() + first, static_cast<int>(m_io.size() - first));
+            long long n =
+                CurrentFileOps().writev(m_fd, m_io.data() + first, static_cast<int>(m_io.size() - first));
             if (n < 0) return ErrnoToStg(errno, STG_E_WRITEFAULT);
             if (n == 0) return STG_E_MEDIUMFULL;
             // A short write is continued from the first byte that did not go out.
@@ -296,7 +297,8 @@ HRESULT WriteCompoundFile(const Node& root, int fd, WrittenFile& out) {
         if (e.size < kMiniCutoff) {
             std::uint64_t n = Ceil(e.size, kMiniSectorSize);
             for (std::uint64_t i = 0; i < n; ++i)
-                miniFat[e.start + i] = (i + 1 == n) ? ENDOFCHAIN : static_cast<std::uint32_t>(e.start + i + 1);
+                miniFat[e.start + i] =
+                    (i + 1 == n) ? ENDOFCHAIN : static_cast<std::uint32_t>(e.start + i + 1);
             out.placements.push_back({e.node->content, e.start, static_cast<std::uint32_t>(n), true});
         } else {
             std::uint64_t n = Ceil(e.size, kSector);
@@ -360,7 +362,8 @@ HRESULT WriteCompoundFile(const Node& root, int fd, WrittenFile& out) {
             std::uint64_t f = kHeaderDifatSlots + d * (kPerSector - 1) + i;
             if (f < fatSectors) slots[i] = static_cast<std::uint32_t>(fatFirst + f);
         }
-        slots[kPerSector - 1] = d + 1 < difatSectors ? static_cast<std::uint32_t>(difatFirst + d + 1) : ENDOFCHAIN;
+        slots[kPerSector - 1] =
+            d + 1 < difatSectors ? static_cast<std::uint32_t>(difatFirst + d + 1) : ENDOFCHAIN;
         PutTable(w, slots, hr);
     }
     if (SUCCEEDED(hr)) hr = w.Flush();

@@ -20,7 +20,8 @@ std::vector<MimeType> ReadMimeTypes(const std::string& path) {
         std::string type, extension;
         if (!(words >> type)) continue;
         size_t slash = type.find('/');
-        if (slash == 0 || slash == std::string::npos || slash + 1 == type.size() || type.size() > 255) continue;
+        if (slash == 0 || slash == std::string::npos || slash + 1 == type.size() || type.size() > 255)
+            continue;
         if (type.find('\\') != std::string::npos) continue;
         words >> extension;
         if (!extension.empty() && extension[0] != '.') extension.insert(0, 1, '.');

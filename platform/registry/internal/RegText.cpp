@@ -47,7 +47,8 @@ bool DecodeUtf8(std::string_view in, std::u16string* out, int* badLine) {
         size_t end = std::min(in.find('\n', start), in.size() - 1) + 1;
         std::string_view chunk = in.substr(start, end - start);
         start = end;
-        if (chunk.size() > static_cast<size_t>(std::numeric_limits<int>::max())) return *badLine = line, false;
+        if (chunk.size() > static_cast<size_t>(std::numeric_limits<int>::max()))
+            return *badLine = line, false;
         int n = static_cast<int>(chunk.size());
         int needed = MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, chunk.data(), n, nullptr, 0);
         if (needed == 0) return *badLine = line, false;
@@ -110,7 +111,8 @@ bool ParseHexBytes(std::u16string_view s, std::string* bytes) {
     size_t start = 0;
     while (true) {
         size_t comma = s.find(u',', start);
-        std::u16string_view token = Trim(s.substr(start, comma == std::u16string_view::npos ? s.npos : comma - start));
+        std::u16string_view token =
+            Trim(s.substr(start, comma == std::u16string_view::npos ? s.npos : comma - start));
         DWORD v;
         if (token.size() > 2 || !ParseHexNumber(token, &v)) return false;
         bytes->push_back(static_cast<char>(v));
@@ -179,9 +181,11 @@ bool ParseRegText(std::string_view bytes, std::vector<RegTextKey>* keys, std::st
     keys->clear();
     std::u16string text;
     bool version5 = true;
-    if (bytes.size() >= 2 && static_cast<unsigned char>(bytes[0]) == 0xFF && static_cast<unsigned char>(bytes[1]) == 0xFE) {
+    if (bytes.size() >= 2 && static_cast<unsigned char>(bytes[0]) == 0xFF &&
+        static_cast<unsigned char>(bytes[1]) == 0xFE) {
         if (bytes.size() % 2 != 0) {
-            *error = "line " + std::to_string(LineOfOffset(bytes, bytes.size())) + ": the file ends inside a character";
+            *error = "line " + std::to_string(LineOfOffset(bytes, bytes.size())) +
+                     ": the file ends inside a character";
             return false;
         }
         for (size_t i = 2; i + 1 < bytes.size(); i += 2)
@@ -244,7 +248,8 @@ bool ParseRegText(std::string_view bytes, std::vector<RegTextKey>* keys, std::st
             keys->push_back(std::move(key));
             continue;
         }
-        if (line.front() != u'"' && line.front() != u'@') return fail(i, "expected a [key] or a \"name\"=value line");
+        if (line.front() != u'"' && line.front() != u'@')
+            return fail(i, "expected a [key] or a \"name\"=value line");
         if (keys->empty()) return fail(i, "a value before the first [key]");
         if (keys->back().remove) return fail(i, "a value under a key that is being deleted");
 
@@ -256,7 +261,8 @@ bool ParseRegText(std::string_view bytes, std::vector<RegTextKey>* keys, std::st
         } else {
             std::u16string name;
             if (!ParseQuoted(rest, &name)) return fail(i, "the value name is not a properly quoted string");
-            if (!ToAnsi(name, &value.name)) return fail(i, "the value name has characters this system cannot keep");
+            if (!ToAnsi(name, &value.name))
+                return fail(i, "the value name has characters this system cannot keep");
             if (value.name.size() > 16383) return fail(i, "a value name longer than 16383 characters");
         }
         rest = Trim(rest);
@@ -274,7 +280,8 @@ bool ParseRegText(std::string_view bytes, std::vector<RegTextKey>* keys, std::st
             value.data.push_back('\0');
         } else if (rest.substr(0, 6) == u"dword:") {
             DWORD v;
-            if (!ParseHexNumber(rest.substr(6), &v)) return fail(i, "dword: needs one to eight hexadecimal digits");
+            if (!ParseHexNumber(rest.substr(6), &v))
+                return fail(i, "dword: needs one to eight hexadecimal digits");
             value.type = REG_DWORD;
             for (int b = 0; b < 4; ++b) value.data.push_back(static_cast<char>((v >> (8 * b)) & 0xFF));
         } else if (rest.substr(0, 3) == u"hex") {
@@ -292,12 +299,14 @@ bool ParseRegText(std::string_view bytes, std::vector<RegTextKey>* keys, std::st
             size_t first = i;
             while (!list.empty() && list.back() == u'\\') {
                 list.pop_back();
-                if (++i >= lines.size()) return fail(first, "the hexadecimal list continues past the end of the file");
+                if (++i >= lines.size())
+                    return fail(first, "the hexadecimal list continues past the end of the file");
                 list += Trim(lines[i]);
             }
             if (!ParseHexBytes(list, &value.data)) return fail(first, "the hexadecimal list is malformed");
             // Version 5 files hold text types in UTF-16.
-            if (version5 && (value.type == REG_SZ || value.type == REG_EXPAND_SZ || value.type == REG_MULTI_SZ)) {
+            if (version5 &&
+                (value.type == REG_SZ || value.type == REG_EXPAND_SZ || value.type == REG_MULTI_SZ)) {
                 std::string ansi;
                 if (!Utf16BytesToAnsi(value.data, &ansi))
                     return fail(first, "the text data is not UTF-16 this system can keep");
@@ -315,7 +324,8 @@ std::string AnsiToUtf16Bytes(std::string_view ansi) {
     std::string out;
     if (ansi.empty() || ansi.size() > static_cast<size_t>(std::numeric_limits<int>::max())) return out;
     std::u16string wide(ansi.size(), u'\0');  // 1252 gives one WCHAR per byte
-    MultiByteToWideChar(CP_ACP, 0, ansi.data(), static_cast<int>(ansi.size()), wide.data(), static_cast<int>(wide.size()));
+    MultiByteToWideChar(CP_ACP, 0, ansi.data(), static_cast<int>(ansi.size()), wide.data(),
+                        static_cast<int>(wide.size()));
     out.reserve(wide.size() * 2);
     for (char16_t c : wide) {
         out.push_back(static_cast<char>(c & 0xFF));
@@ -333,9 +343,7 @@ bool Utf16BytesToAnsi(std::string_view bytes, std::string* ansi) {
     return ToAnsi(wide, ansi);
 }
 
-RegTextWriter::RegTextWriter() {
-    Line(Widen(kHeader5));
-}
+RegTextWriter::RegTextWriter() { Line(Widen(kHeader5)); }
 
 void RegTextWriter::Line(const std::u16string& text) {
     m_text += text;
@@ -356,7 +364,8 @@ void RegTextWriter::Value(const std::string& name, DWORD type, const std::string
     if (HasLineBreak(name)) m_error = "the value name \"" + name + "\" holds a line break";
     std::u16string line = name.empty() ? u"@" : u"\"" + Escape(AnsiToWide(name)) + u"\"";
     line += u'=';
-    bool plainText = type == REG_SZ && !data.empty() && data.find('\0') == data.size() - 1 && !HasLineBreak(data);
+    bool plainText =
+        type == REG_SZ && !data.empty() && data.find('\0') == data.size() - 1 && !HasLineBreak(data);
     if (plainText) {
         Line(line + u"\"" + Escape(AnsiToWide(std::string_view(data).substr(0, data.size() - 1))) + u"\"");
         return;

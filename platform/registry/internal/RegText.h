@@ -16,13 +16,13 @@ struct RegTextValue {
     std::string name;     // empty: the key's default value ("@")
     bool remove = false;  // "name"=-
     DWORD type = 0;
-    std::string data;     // as stored: a REG_SZ text ends with its terminator
+    std::string data;  // as stored: a REG_SZ text ends with its terminator
 };
 
 struct RegTextKey {
     int line = 0;
-    bool remove = false;  // [-key]: the key and everything below it
-    int root = 0;         // StoreDatabase::Root
+    bool remove = false;            // [-key]: the key and everything below it
+    int root = 0;                   // StoreDatabase::Root
     std::vector<std::string> path;  // the parts below the root
     std::vector<RegTextValue> values;
 };

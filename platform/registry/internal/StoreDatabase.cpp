@@ -1,8 +1,8 @@
 #include "platform/registry/internal/StoreDatabase.h"
 
+#include <fcntl.h>
 #include <sqlite3.h>
 #include <sys/stat.h>
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -132,36 +132,36 @@ LONG StoreDatabase::Fail(int rc, const char* what) {
     LONG code;
     std::string why;
     switch (rc & 0xFF) {
-    case SQLITE_CORRUPT:
-    case SQLITE_NOTADB:
-        code = ERROR_REGISTRY_CORRUPT;
-        why = "the registry store " + m_path + " is damaged (" + detail + "); it was left as it is";
-        break;
-    case SQLITE_BUSY:
-    case SQLITE_LOCKED:
-        code = ERROR_CANTWRITE;
-        why = "the registry store " + m_path + " stayed locked by another process";
-        break;
-    case SQLITE_NOMEM:
-    case SQLITE_TOOBIG:
-        code = ERROR_NOT_ENOUGH_MEMORY;
-        why = std::string("out of memory in the registry store (") + detail + ")";
-        break;
-    case SQLITE_CANTOPEN:
-        code = ERROR_CANTOPEN;
-        why = "cannot open the registry store " + m_path + " (" + detail + ")";
-        break;
-    case SQLITE_FULL:
-    case SQLITE_IOERR:
-    case SQLITE_READONLY:
-    case SQLITE_PERM:
-        code = ERROR_CANTWRITE;
-        why = "cannot write the registry store " + m_path + " (" + detail + ")";
-        break;
-    default:
-        code = ERROR_CANTREAD;
-        why = "the registry store " + m_path + " failed (" + detail + ")";
-        break;
+        case SQLITE_CORRUPT:
+        case SQLITE_NOTADB:
+            code = ERROR_REGISTRY_CORRUPT;
+            why = "the registry store " + m_path + " is damaged (" + detail + "); it was left as it is";
+            break;
+        case SQLITE_BUSY:
+        case SQLITE_LOCKED:
+            code = ERROR_CANTWRITE;
+            why = "the registry store " + m_path + " stayed locked by another process";
+            break;
+        case SQLITE_NOMEM:
+        case SQLITE_TOOBIG:
+            code = ERROR_NOT_ENOUGH_MEMORY;
+            why = std::string("out of memory in the registry store (") + detail + ")";
+            break;
+        case SQLITE_CANTOPEN:
+            code = ERROR_CANTOPEN;
+            why = "cannot open the registry store " + m_path + " (" + detail + ")";
+            break;
+        case SQLITE_FULL:
+        case SQLITE_IOERR:
+        case SQLITE_READONLY:
+        case SQLITE_PERM:
+            code = ERROR_CANTWRITE;
+            why = "cannot write the registry store " + m_path + " (" + detail + ")";
+            break;
+        default:
+            code = ERROR_CANTREAD;
+            why = "the registry store " + m_path + " failed (" + detail + ")";
+            break;
     }
     m_message = std::string(what) + ": " + why;
     // SQLite rolls a transaction back by itself after some failures; follow it.
@@ -223,8 +223,10 @@ LONG StoreDatabase::Open(const std::string& path) {
         m_message = "the registry store " + path + " is not a regular file";
         return ERROR_CANTOPEN;
     }
-    if (got > 0 && (got < static_cast<ssize_t>(sizeof header) || std::memcmp(header, "SQLite format 3", 16) != 0)) {
-        m_message = "the file " + path + " is not a registry store (not an SQLite database); it was left as it is";
+    if (got > 0 &&
+        (got < static_cast<ssize_t>(sizeof header) || std::memcmp(header, "SQLite format 3", 16) != 0)) {
+        m_message =
+            "the file " + path + " is not a registry store (not an SQLite database); it was left as it is";
         return ERROR_BADDB;
     }
     // Allocation statistics cost a global mutex on every allocation; nothing here reads them. Too late
@@ -287,7 +289,8 @@ LONG StoreDatabase::CheckAndInitialise() {
         if ((code = readInt("PRAGMA user_version", &version)) != ERROR_SUCCESS) return code;
     }
     if (appId != kApplicationId) {
-        m_message = "the file " + m_path + " is not a registry store (it belongs to another program); it was left as it is";
+        m_message = "the file " + m_path +
+                    " is not a registry store (it belongs to another program); it was left as it is";
         return ERROR_BADDB;
     }
     if (version > kSchemaVersion) {
@@ -306,7 +309,8 @@ LONG StoreDatabase::CheckAndInitialise() {
         std::int64_t id = 0;
         if ((code = FindChild(0, kRootNames[r], &id)) != ERROR_SUCCESS) return code;
         if (id == 0) {
-            m_message = "the registry store " + m_path + " is damaged (a root key is missing); it was left as it is";
+            m_message =
+                "the registry store " + m_path + " is damaged (a root key is missing); it was left as it is";
             return ERROR_REGISTRY_CORRUPT;
         }
         m_roots[r] = id;
@@ -365,7 +369,8 @@ LONG StoreDatabase::Children(std::int64_t parent, std::vector<StoredChild>* chil
     return rc == SQLITE_DONE ? ERROR_SUCCESS : Fail(rc, "list sub-keys");
 }
 
-LONG StoreDatabase::GetValue(std::int64_t key, const std::string& name, bool* found, DWORD* type, std::string* data) {
+LONG StoreDatabase::GetValue(std::int64_t key, const std::string& name, bool* found, DWORD* type,
+                             std::string* data) {
     sqlite3_stmt* s = Prepare(kGetValue);
     if (!s) return ERROR_CANTREAD;
     StatementScope scope{s};
@@ -389,7 +394,8 @@ LONG StoreDatabase::Values(std::int64_t key, std::vector<StoredValue>* values) {
     sqlite3_bind_int64(s, 1, key);
     int rc;
     while ((rc = sqlite3_step(s)) == SQLITE_ROW)
-        values->push_back({ColumnText(s, 0), static_cast<DWORD>(sqlite3_column_int64(s, 1)), ColumnBlob(s, 2)});
+        values->push_back(
+            {ColumnText(s, 0), static_cast<DWORD>(sqlite3_column_int64(s, 1)), ColumnBlob(s, 2)});
     return rc == SQLITE_DONE ? ERROR_SUCCESS : Fail(rc, "list values");
 }
 
@@ -419,7 +425,8 @@ LONG StoreDatabase::CreateChild(std::int64_t parent, const std::string& name, st
     return ERROR_SUCCESS;
 }
 
-LONG StoreDatabase::SetValue(std::int64_t key, const std::string& name, DWORD type, const void* data, size_t size) {
+LONG StoreDatabase::SetValue(std::int64_t key, const std::string& name, DWORD type, const void* data,
+                             size_t size) {
     sqlite3_stmt* s = Prepare(kSetValue);
     if (!s) return ERROR_CANTWRITE;
     StatementScope scope{s};

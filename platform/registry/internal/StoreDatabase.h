@@ -88,8 +88,20 @@ public:
 
 private:
     enum Statement {
-        kFindChild, kKeyExists, kKeyRow, kChildren, kGetValue, kValues, kDataVersion,
-        kCreateChild, kSetValue, kDeleteValue, kDeleteValues, kDeleteKey, kTouch, kMaxSeq,
+        kFindChild,
+        kKeyExists,
+        kKeyRow,
+        kChildren,
+        kGetValue,
+        kValues,
+        kDataVersion,
+        kCreateChild,
+        kSetValue,
+        kDeleteValue,
+        kDeleteValues,
+        kDeleteKey,
+        kTouch,
+        kMaxSeq,
         kStatementCount
     };
     sqlite3_stmt* Prepare(Statement which);

@@ -62,7 +62,11 @@ TEST(COleStreamFile, ReadsWritesAndReportsFailures) {
     ASSERT_EQ(root->DestroyElement("Body"), S_OK);
     char c;
     EXPECT_EQ(Thrown([&] { file.Read(&c, 1); }).second, STG_E_REVERTED);
-    EXPECT_EQ(Thrown([&] { COleStreamFile empty; empty.Read(&c, 1); }).first, CFileException::invalidFile);
+    EXPECT_EQ(Thrown([&] {
+                  COleStreamFile empty;
+                  empty.Read(&c, 1);
+              }).first,
+              CFileException::invalidFile);
 }
 
 }  // namespace

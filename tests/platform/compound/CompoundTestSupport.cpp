@@ -50,7 +50,8 @@ std::vector<unsigned char> GetStream(IStorage* stg, const char* name, HRESULT* r
         // In pieces: a damaged file may declare a size far beyond its bytes.
         unsigned char buf[65536];
         ULONG got = 0;
-        while (SUCCEEDED(hr = s->Read(buf, sizeof buf, &got)) && got > 0) data.insert(data.end(), buf, buf + got);
+        while (SUCCEEDED(hr = s->Read(buf, sizeof buf, &got)) && got > 0)
+            data.insert(data.end(), buf, buf + got);
         STATSTG st;
         if (SUCCEEDED(hr)) hr = s->Stat(&st, STATFLAG_NONAME);
         if (SUCCEEDED(hr) && st.cbSize.QuadPart != data.size()) hr = E_FAIL;
@@ -124,8 +125,11 @@ std::vector<std::string> ListFile(const std::string& path) {
 ToolResult RunTool(const std::string& command) {
     static int counter = 0;
     auto dir = std::filesystem::temp_directory_path();
-    std::string out = (dir / ("tavik-run-" + std::to_string(::getpid()) + "-" + std::to_string(counter) + ".out")).string();
-    std::string err = (dir / ("tavik-run-" + std::to_string(::getpid()) + "-" + std::to_string(counter++) + ".err")).string();
+    std::string out =
+        (dir / ("tavik-run-" + std::to_string(::getpid()) + "-" + std::to_string(counter) + ".out")).string();
+    std::string err =
+        (dir / ("tavik-run-" + std::to_string(::getpid()) + "-" + std::to_string(counter++) + ".err"))
+            .string();
     int rc = std::system((command + " >" + out + " 2>" + err).c_str());
     ToolResult r;
     r.status = WIFEXITED(rc) ? WEXITSTATUS(rc) : -1;
@@ -152,8 +156,10 @@ std::vector<std::string> Lines(const std::string& text) {
 std::string Quote(const std::string& text) {
     std::string q = "'";
     for (char c : text) {
-        if (c == '\'') q += "'\\''";
-        else q += c;
+        if (c == '\'')
+            q += "'\\''";
+        else
+            q += c;
     }
     return q + "'";
 }

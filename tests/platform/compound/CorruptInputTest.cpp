@@ -50,7 +50,9 @@ protected:
     std::uint32_t& MiniFatOf(std::uint32_t sector) {
         return *reinterpret_cast<std::uint32_t*>(&m_bytes[512 * (Get32(&m_bytes[0x3C]) + 1) + 4 * sector]);
     }
-    HRESULT Open(Com<IStorage>& root) { return StgOpenStorageOnMemory(m_bytes.data(), m_bytes.size(), root.out()); }
+    HRESULT Open(Com<IStorage>& root) {
+        return StgOpenStorageOnMemory(m_bytes.data(), m_bytes.size(), root.out());
+    }
     HRESULT ReadResult(IStorage* stg, const char* name) {
         HRESULT hr;
         GetStream(stg, name, &hr);
@@ -75,8 +77,9 @@ TEST_F(CompoundCorrupt, HeaderDamage) {
         {[](auto& b) { b[0x1E] = 10; }, STG_E_FILEALREADYEXISTS},  // sector shift
         {[](auto& b) { b[0x20] = 7; }, STG_E_FILEALREADYEXISTS},   // mini sector shift
         {[](auto& b) { b.resize(300); }, STG_E_FILEALREADYEXISTS},
-        {[](auto& b) { Put32(&b[0x2C], 0x7FFFFFFF); }, STG_E_DOCFILECORRUPT},  // FAT count far beyond the file
-        {[](auto& b) { Put32(&b[0x4C], 5000); }, STG_E_DOCFILECORRUPT},        // FAT sector past the end
+        {[](auto& b) { Put32(&b[0x2C], 0x7FFFFFFF); },
+         STG_E_DOCFILECORRUPT},                                          // FAT count far beyond the file
+        {[](auto& b) { Put32(&b[0x4C], 5000); }, STG_E_DOCFILECORRUPT},  // FAT sector past the end
     };
     for (const auto& c : cases) {
         m_bytes = s_good;
@@ -156,14 +159,14 @@ TEST_F(CompoundCorrupt, DirectoryCyclesAndBadIds) {
 
 TEST_F(CompoundCorrupt, WhatRealWritersGetWrongIsAccepted) {
     std::uint32_t beta = EntryId("beta"), sub = EntryId("Sub");
-    Put32(Entry(beta) + 0x78, 4500);                 // chain longer than the size
-    Put32(Entry(sub) + 0x74, 0xDEADBEEF);            // storage start garbage
-    Put32(Entry(sub) + 0x78, 77);                    // storage size garbage
-    Put32(Entry(EntryId("alpha")) + 0x7C, 1);        // high size half in a version 3 file
+    Put32(Entry(beta) + 0x78, 4500);                               // chain longer than the size
+    Put32(Entry(sub) + 0x74, 0xDEADBEEF);                          // storage start garbage
+    Put32(Entry(sub) + 0x78, 77);                                  // storage size garbage
+    Put32(Entry(EntryId("alpha")) + 0x7C, 1);                      // high size half in a version 3 file
     for (std::uint32_t id = 0; id < 5; ++id) Entry(id)[0x43] = 0;  // every node red
-    Put16(Entry(0), 'X');                            // root not named "Root Entry"
-    Put32(&m_bytes[0x4C + 4 * 50], 12345);           // header list garbage past the FAT count
-    std::memset(Entry(5), 0, 128);                   // free entry with zero links
+    Put16(Entry(0), 'X');                                          // root not named "Root Entry"
+    Put32(&m_bytes[0x4C + 4 * 50], 12345);                         // header list garbage past the FAT count
+    std::memset(Entry(5), 0, 128);                                 // free entry with zero links
     Com<IStorage> root;
     ASSERT_EQ(Open(root), S_OK);
     auto b = Pattern(5000, 2);

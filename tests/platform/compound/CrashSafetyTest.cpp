@@ -41,7 +41,9 @@ long long FaultyWrite(int fd, const detail::IoPiece* pieces, int count) {
     return detail::RealFileOps().writev(fd, pieces, count);
 }
 int FaultyFsync(int fd) { return Trip(Kind::Fsync) ? -1 : detail::RealFileOps().fsync(fd); }
-int FaultyRename(const char* a, const char* b) { return Trip(Kind::Rename) ? -1 : detail::RealFileOps().rename(a, b); }
+int FaultyRename(const char* a, const char* b) {
+    return Trip(Kind::Rename) ? -1 : detail::RealFileOps().rename(a, b);
+}
 
 class FaultScope {
 public:
@@ -57,7 +59,8 @@ public:
 
 std::vector<std::string> DirListing(const TempDir& dir) {
     std::vector<std::string> names;
-    for (auto& e : std::filesystem::directory_iterator(dir.path())) names.push_back(e.path().filename().string());
+    for (auto& e : std::filesystem::directory_iterator(dir.path()))
+        names.push_back(e.path().filename().string());
     std::sort(names.begin(), names.end());
     return names;
 }
@@ -91,7 +94,8 @@ TEST(CompoundCrashSafety, EveryFailurePointLeavesOldOrNew) {
             ASSERT_LT(n, 100) << "commit never finished";
             MakeOldState(file);
             Com<IStorage> root;
-            ASSERT_EQ(StgOpenStorage(file.c_str(), nullptr, kRW | STGM_TRANSACTED, nullptr, 0, root.out()), S_OK);
+            ASSERT_EQ(StgOpenStorage(file.c_str(), nullptr, kRW | STGM_TRANSACTED, nullptr, 0, root.out()),
+                      S_OK);
             MakeNewState(root.get());
             const auto expected = ListTree(root.get());
             HRESULT hr;

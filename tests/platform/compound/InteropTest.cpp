@@ -63,7 +63,8 @@ TEST(CompoundInterop, StreamsAroundEveryBoundaryAndNestedStorages) {
         IStorage* parent = root.get();
         for (int depth = 0; depth < 10; ++depth) {
             Com<IStorage> next;
-            ASSERT_EQ(parent->CreateStorage(("level" + std::to_string(depth)).c_str(), kRW, 0, 0, next.out()), S_OK);
+            ASSERT_EQ(parent->CreateStorage(("level" + std::to_string(depth)).c_str(), kRW, 0, 0, next.out()),
+                      S_OK);
             ASSERT_EQ(PutStream(next.get(), "data", Pattern(depth == 9 ? 100000 : 10 * depth, depth)), S_OK);
             at = std::move(next);
             parent = at.get();
@@ -85,7 +86,9 @@ TEST(CompoundInterop, HundredsOfSiblingsFormAValidBalancedTree) {
         Com<IStorage> root;
         ASSERT_EQ(StgCreateDocfile(file.c_str(), kRW | STGM_CREATE, 0, root.out()), S_OK);
         for (int i = 0; i < 1500; ++i)
-            ASSERT_EQ(PutStream(root.get(), ("n" + std::to_string(i * 7919 % 1500)).c_str(), Pattern(i % 70, i)), S_OK);
+            ASSERT_EQ(
+                PutStream(root.get(), ("n" + std::to_string(i * 7919 % 1500)).c_str(), Pattern(i % 70, i)),
+                S_OK);
     }
     // olefile walks siblings recursively and fails on a degenerate tree this wide.
     ExpectReadersAgree(file);
@@ -127,15 +130,19 @@ TEST(CompoundInterop, ReadsFilesFromOtherWriters) {
     std::filesystem::create_directories(dir.path() / "src" / "Sub");
     for (auto [name, size] : {std::pair{"src/a", 10}, {"src/b4096", 4096}, {"src/Sub/c", 70000}}) {
         auto data = Pattern(size, size);
-        std::ofstream(dir.file(name), std::ios::binary).write(reinterpret_cast<const char*>(data.data()), size);
+        std::ofstream(dir.file(name), std::ios::binary)
+            .write(reinterpret_cast<const char*>(data.data()), size);
     }
     std::string created = dir.file("created.ole");
-    ASSERT_EQ(RunTool("cd " + Quote(dir.file("src")) + " && gsf createole " + Quote(created) + " a b4096 Sub").status, 0);
+    ASSERT_EQ(RunTool("cd " + Quote(dir.file("src")) + " && gsf createole " + Quote(created) + " a b4096 Sub")
+                  .status,
+              0);
     EXPECT_EQ(ListFile(created), Lines(RunTool(Olelist(created)).out));
     // msibuild: MSI-encoded names, a summary stream and the installer class id.
     std::string msi = dir.file("pkg.msi");
     auto payload = Pattern(9000, 3);
-    std::ofstream(dir.file("payload"), std::ios::binary).write(reinterpret_cast<const char*>(payload.data()), 9000);
+    std::ofstream(dir.file("payload"), std::ios::binary)
+        .write(reinterpret_cast<const char*>(payload.data()), 9000);
     ASSERT_EQ(RunTool("msibuild " + Quote(msi) + " -a payload " + Quote(dir.file("payload"))).status, 0);
     auto listed = ListFile(msi);
     ASSERT_FALSE(listed.empty());

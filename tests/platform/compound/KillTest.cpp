@@ -20,14 +20,16 @@ namespace {
 constexpr int kStreams = 12;
 
 std::vector<unsigned char> Generation(int stream, unsigned g) {
-    return std::vector<unsigned char>(static_cast<std::size_t>(stream * 997 + (g % 7) * 3000), static_cast<unsigned char>(g));
+    return std::vector<unsigned char>(static_cast<std::size_t>(stream * 997 + (g % 7) * 3000),
+                                      static_cast<unsigned char>(g));
 }
 
 [[noreturn]] void CommitForever(const std::string& file) {
     for (unsigned g = 1;; ++g) {
         IStorage* root = nullptr;
         if (FAILED(StgOpenStorage(file.c_str(), nullptr, kRW, nullptr, 0, &root))) _exit(3);
-        for (int s = 0; s < kStreams; ++s) PutStream(root, ("s" + std::to_string(s)).c_str(), Generation(s, g));
+        for (int s = 0; s < kStreams; ++s)
+            PutStream(root, ("s" + std::to_string(s)).c_str(), Generation(s, g));
         if (FAILED(root->Commit(STGC_DEFAULT))) _exit(4);
         root->Release();
     }
@@ -39,7 +41,8 @@ TEST(CompoundKill, KilledCommitsLeaveOneWholeGeneration) {
     {
         Com<IStorage> root;
         ASSERT_EQ(StgCreateDocfile(file.c_str(), kRW | STGM_CREATE, 0, root.out()), S_OK);
-        for (int s = 0; s < kStreams; ++s) ASSERT_EQ(PutStream(root.get(), ("s" + std::to_string(s)).c_str(), Generation(s, 0)), S_OK);
+        for (int s = 0; s < kStreams; ++s)
+            ASSERT_EQ(PutStream(root.get(), ("s" + std::to_string(s)).c_str(), Generation(s, 0)), S_OK);
     }
     std::mt19937 rng(42);
     for (int round = 0; round < 40; ++round) {
@@ -62,7 +65,8 @@ TEST(CompoundKill, KilledCommitsLeaveOneWholeGeneration) {
             ASSERT_EQ(hr, S_OK);
             // Generations wrap at 256 in the byte; the size pins the generation modulo 7 as well.
             EXPECT_EQ(data.size(), Generation(s, g).size()) << "round " << round << " stream " << s;
-            EXPECT_TRUE(std::all_of(data.begin(), data.end(), [&](unsigned char c) { return c == static_cast<unsigned char>(g); }));
+            EXPECT_TRUE(std::all_of(data.begin(), data.end(),
+                                    [&](unsigned char c) { return c == static_cast<unsigned char>(g); }));
         }
     }
     // The next writer clears what the killed commits left behind.

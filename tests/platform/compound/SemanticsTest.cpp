@@ -67,7 +67,8 @@ int CheckDirectoryTrees(const std::string& path) {
     int deepest = 0;
     // Returns the black height; checks order within (lo, hi).
     std::function<int(std::uint32_t, int, bool, const std::u16string*, const std::u16string*)> check =
-        [&](std::uint32_t id, int depth, bool parentRed, const std::u16string* lo, const std::u16string* hi) -> int {
+        [&](std::uint32_t id, int depth, bool parentRed, const std::u16string* lo,
+            const std::u16string* hi) -> int {
         if (id == detail::cfb::NOSTREAM) return 1;
         deepest = std::max(deepest, depth + 1);
         const unsigned char* e = entries.at(id);
@@ -127,8 +128,8 @@ TEST_F(CompoundSemantics, NamesFollowTheFormatRules) {
     for (const char* n : {"B", "AA", "a", "\001CompObj"}) ASSERT_EQ(PutStream(m_root.get(), n, {}), S_OK);
     s.reset();
     // Shorter names first, then by upper-cased units.
-    EXPECT_EQ(Names(m_root.get()),
-              (std::vector<std::string>{"a", "B", "\xdf", "AA", "SS", "Abc", "caf\xe9", "\001CompObj", longest}));
+    EXPECT_EQ(Names(m_root.get()), (std::vector<std::string>{"a", "B", "\xdf", "AA", "SS", "Abc", "caf\xe9",
+                                                             "\001CompObj", longest}));
     m_root.reset();
     EXPECT_GT(CheckDirectoryTrees(m_file), 0);
     Com<IStorage> again;
@@ -145,7 +146,8 @@ TEST_F(CompoundSemantics, ElementModesAndOpenElements) {
     EXPECT_EQ(m_root->CreateStream("s", kRW | STGM_CREATE, 0, 0, b.out()), STG_E_ACCESSDENIED);
     EXPECT_EQ(m_root->RenameElement("s", "t"), STG_E_ACCESSDENIED);
     a.reset();
-    EXPECT_EQ(m_root->OpenStream("s", nullptr, STGM_READ | STGM_SHARE_DENY_NONE, 0, b.out()), STG_E_INVALIDFLAG);
+    EXPECT_EQ(m_root->OpenStream("s", nullptr, STGM_READ | STGM_SHARE_DENY_NONE, 0, b.out()),
+              STG_E_INVALIDFLAG);
     EXPECT_EQ(m_root->OpenStream("s", nullptr, kRW | STGM_TRANSACTED, 0, b.out()), STG_E_INVALIDFUNCTION);
     EXPECT_EQ(m_root->OpenStream("missing", nullptr, kRO, 0, b.out()), STG_E_FILENOTFOUND);
     EXPECT_EQ(m_root->CreateStream("s", kRW, 0, 0, b.out()), STG_E_FILEALREADYEXISTS);
@@ -163,13 +165,19 @@ TEST_F(CompoundSemantics, ElementModesAndOpenElements) {
 TEST_F(CompoundSemantics, FileLevelCodes) {
     Com<IStorage> other;
     EXPECT_EQ(StgCreateDocfile(m_file.c_str(), kRW, 0, other.out()), STG_E_FILEALREADYEXISTS);
-    EXPECT_EQ(StgCreateDocfile(m_dir.file("x").c_str(), kRO | STGM_CREATE, 0, other.out()), STG_E_INVALIDFLAG);
-    EXPECT_EQ(StgCreateDocfile(m_dir.file("x").c_str(), STGM_READWRITE | STGM_CREATE, 0, other.out()), STG_E_INVALIDFLAG);
-    EXPECT_EQ(StgOpenStorage(m_dir.file("none").c_str(), nullptr, kRO, nullptr, 0, other.out()), STG_E_FILENOTFOUND);
-    EXPECT_EQ(StgOpenStorage(m_dir.file("no/dir").c_str(), nullptr, kRO, nullptr, 0, other.out()), STG_E_PATHNOTFOUND);
-    EXPECT_EQ(StgOpenStorage(m_file.c_str(), nullptr, kRW | STGM_CREATE, nullptr, 0, other.out()), STG_E_INVALIDFLAG);
+    EXPECT_EQ(StgCreateDocfile(m_dir.file("x").c_str(), kRO | STGM_CREATE, 0, other.out()),
+              STG_E_INVALIDFLAG);
+    EXPECT_EQ(StgCreateDocfile(m_dir.file("x").c_str(), STGM_READWRITE | STGM_CREATE, 0, other.out()),
+              STG_E_INVALIDFLAG);
+    EXPECT_EQ(StgOpenStorage(m_dir.file("none").c_str(), nullptr, kRO, nullptr, 0, other.out()),
+              STG_E_FILENOTFOUND);
+    EXPECT_EQ(StgOpenStorage(m_dir.file("no/dir").c_str(), nullptr, kRO, nullptr, 0, other.out()),
+              STG_E_PATHNOTFOUND);
+    EXPECT_EQ(StgOpenStorage(m_file.c_str(), nullptr, kRW | STGM_CREATE, nullptr, 0, other.out()),
+              STG_E_INVALIDFLAG);
     std::ofstream(m_dir.file("text")) << "not a compound file, but long enough to have a header........";
-    EXPECT_EQ(StgOpenStorage(m_dir.file("text").c_str(), nullptr, kRO, nullptr, 0, other.out()), STG_E_FILEALREADYEXISTS);
+    EXPECT_EQ(StgOpenStorage(m_dir.file("text").c_str(), nullptr, kRO, nullptr, 0, other.out()),
+              STG_E_FILEALREADYEXISTS);
     EXPECT_EQ(StgIsStorageFile(m_dir.file("text").c_str()), S_FALSE);
     EXPECT_EQ(StgIsStorageFile(m_file.c_str()), S_OK);
     // The open file is locked, in this process and in another.
@@ -253,7 +261,8 @@ TEST_F(CompoundSemantics, TransactedStoragesPublishOnlyAtCommit) {
         std::snprintf(b, sizeof b, "f %s 1 %08x", path, Crc32({byte}));
         return std::string(b);
     };
-    EXPECT_EQ(ListFile(m_file), (std::vector<std::string>{"d msg", line("msg/Folder", 6), line("msg/Header", 2)}));
+    EXPECT_EQ(ListFile(m_file),
+              (std::vector<std::string>{"d msg", line("msg/Folder", 6), line("msg/Header", 2)}));
 }
 
 TEST_F(CompoundSemantics, DestroyRevertsHandlesAndFreesSpace) {
@@ -324,7 +333,8 @@ TEST_F(CompoundSemantics, StreamsGrowShrinkAndSeek) {
     s.reset();
     m_root.reset();
     EXPECT_EQ(ListFile(m_file).size(), 1u);
-    EXPECT_EQ(RunTool("/usr/bin/python3 " + Quote(SourceDir() + "/olelist.py") + " " + Quote(m_file)).status, 0);
+    EXPECT_EQ(RunTool("/usr/bin/python3 " + Quote(SourceDir() + "/olelist.py") + " " + Quote(m_file)).status,
+              0);
 }
 
 TEST_F(CompoundSemantics, ManySiblingsStayBalancedThroughDeletes) {
@@ -333,7 +343,8 @@ TEST_F(CompoundSemantics, ManySiblingsStayBalancedThroughDeletes) {
     for (int i : ids) ASSERT_EQ(PutStream(m_root.get(), ("e" + std::to_string(i)).c_str(), {}), S_OK);
     std::mt19937 rng(7);
     std::shuffle(ids.begin(), ids.end(), rng);
-    for (int k = 0; k < 2000; ++k) ASSERT_EQ(m_root->DestroyElement(("E" + std::to_string(ids[k])).c_str()), S_OK);
+    for (int k = 0; k < 2000; ++k)
+        ASSERT_EQ(m_root->DestroyElement(("E" + std::to_string(ids[k])).c_str()), S_OK);
     m_root.reset();
     // A red-black tree of 1000 has depth at most 2*log2(1001) ~ 20.
     EXPECT_LE(CheckDirectoryTrees(m_file), 20);
@@ -398,8 +409,9 @@ TEST_F(CompoundSemantics, CopyToCopiesTheWholeTree) {
     ASSERT_EQ(m_root->CopyTo(0, nullptr, exclude, dest.get()), S_OK);
     dest.reset();
     auto expected = ListTree(m_root.get());
-    expected.erase(std::remove_if(expected.begin(), expected.end(), [](auto& l) { return l.rfind("f skip", 0) == 0; }),
-                   expected.end());
+    expected.erase(
+        std::remove_if(expected.begin(), expected.end(), [](auto& l) { return l.rfind("f skip", 0) == 0; }),
+        expected.end());
     EXPECT_EQ(ListFile(copy), expected);
     Com<IStorage> r;
     ASSERT_EQ(StgOpenStorage(copy.c_str(), nullptr, kRO, nullptr, 0, r.out()), S_OK);

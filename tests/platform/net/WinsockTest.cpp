@@ -84,10 +84,10 @@ TEST(WinsockStartup, IsCountedAndGuardsEveryCall) {
 
 TEST(WinsockAddresses, ParseAndFormatAsWindows) {
     EXPECT_EQ(inet_addr("127.0.0.1"), htonl(0x7f000001u));
-    EXPECT_EQ(inet_addr("10.258"), htonl(0x0a000102u));       // a.b: b fills three bytes
-    EXPECT_EQ(inet_addr("0x7f.1"), htonl(0x7f000001u));       // hex part
-    EXPECT_EQ(inet_addr("010.0.0.1"), htonl(0x08000001u));    // octal part
-    EXPECT_EQ(inet_addr("3232235777"), htonl(0xc0a80101u));   // one number
+    EXPECT_EQ(inet_addr("10.258"), htonl(0x0a000102u));      // a.b: b fills three bytes
+    EXPECT_EQ(inet_addr("0x7f.1"), htonl(0x7f000001u));      // hex part
+    EXPECT_EQ(inet_addr("010.0.0.1"), htonl(0x08000001u));   // octal part
+    EXPECT_EQ(inet_addr("3232235777"), htonl(0xc0a80101u));  // one number
     for (const char* bad : {"", "1.2.3.256", "1.2.3.4.5", "08.1.1.1", "a.b.c.d", "1..2", "1.2.3.4x",
                             "4294967296", "1.2.65536", "-1.2.3.4", "255.255.255.255"})
         EXPECT_EQ(inet_addr(bad), INADDR_NONE) << bad;
@@ -130,7 +130,9 @@ TEST_F(Started, LoopbackStreamCarriesBytesAndReportsClose) {
 
     // A receive limit ends a blocking receive with the Windows time-out code.
     const DWORD limitMs = 100;
-    ASSERT_EQ(setsockopt(server, SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<const char*>(&limitMs), sizeof limitMs), 0);
+    ASSERT_EQ(
+        setsockopt(server, SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<const char*>(&limitMs), sizeof limitMs),
+        0);
     EXPECT_EQ(recv(server, buf, sizeof buf, 0), SOCKET_ERROR);
     EXPECT_EQ(WSAGetLastError(), WSAETIMEDOUT);
 

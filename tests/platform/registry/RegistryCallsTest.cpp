@@ -37,7 +37,8 @@ TEST_F(RegistryCalls, CreateMakesMissingParentsAndReportsDisposition) {
     EXPECT_EQ(RegCreateKeyEx(HKEY_CURRENT_USER, std::string(256, 'k').c_str(), 0, nullptr, 0, KEY_ALL_ACCESS,
                              nullptr, &missing, nullptr),
               ERROR_INVALID_PARAMETER);
-    EXPECT_EQ(RegOpenKeyEx(HKEY_LOCAL_MACHINE, "Software", 0, KEY_READ, &missing), ERROR_CALL_NOT_IMPLEMENTED);
+    EXPECT_EQ(RegOpenKeyEx(HKEY_LOCAL_MACHINE, "Software", 0, KEY_READ, &missing),
+              ERROR_CALL_NOT_IMPLEMENTED);
     EXPECT_NE(RegGetLastMessage().find("HKEY_CURRENT_USER"), std::string::npos);
 }
 
@@ -52,7 +53,8 @@ TEST_F(RegistryCalls, NamesIgnoreCaseKeepTheirFirstSpellingAndSubKeysSortAsInThe
     for (const char* name : {"Alpha", "_under", "gamma", "Zulu", "10", "9"})
         RegCloseKey(Create((std::string("Software\\MixedCase\\") + name).c_str()));
     // Upper-cased comparison: digits, letters, then '_' (which sorts after 'Z').
-    EXPECT_EQ(SubKeys(key), (std::vector<std::string>{"10", "9", "Alpha", "beta", "gamma", "Zulu", "_under"}));
+    EXPECT_EQ(SubKeys(key),
+              (std::vector<std::string>{"10", "9", "Alpha", "beta", "gamma", "Zulu", "_under"}));
     char name[16];
     DWORD chars = sizeof name;
     EXPECT_EQ(RegEnumKeyEx(key, 7, name, &chars, nullptr, nullptr, nullptr, nullptr), ERROR_NO_MORE_ITEMS);
@@ -78,7 +80,8 @@ TEST_F(RegistryCalls, ValuesComeBackInCreationOrderAndAnOverwriteKeepsItsPlace) 
     EXPECT_EQ(ValueNames(key), expected);
     EXPECT_EQ(RegDeleteValue(key, "value0x"), ERROR_FILE_NOT_FOUND);
     DWORD value = 0, size = 4;
-    ASSERT_EQ(RegQueryValueEx(key, "Value3", nullptr, nullptr, reinterpret_cast<BYTE*>(&value), &size), ERROR_SUCCESS);
+    ASSERT_EQ(RegQueryValueEx(key, "Value3", nullptr, nullptr, reinterpret_cast<BYTE*>(&value), &size),
+              ERROR_SUCCESS);
     EXPECT_EQ(value, 33u);
     RegCloseKey(key);
 }
@@ -121,10 +124,11 @@ TEST_F(RegistryCalls, SmallBuffersGiveMoreDataWithTheNeededSize) {
     EXPECT_STREQ(name, "Four");
 
     DWORD subKeys = 0, values = 0, maxName = 0, maxData = 0, maxSubKey = 0;
-    ASSERT_EQ(RegQueryInfoKey(key, nullptr, nullptr, nullptr, &subKeys, &maxSubKey, nullptr, &values, &maxName,
-                              &maxData, nullptr, nullptr),
+    ASSERT_EQ(RegQueryInfoKey(key, nullptr, nullptr, nullptr, &subKeys, &maxSubKey, nullptr, &values,
+                              &maxName, &maxData, nullptr, nullptr),
               ERROR_SUCCESS);
-    EXPECT_EQ((std::vector<DWORD>{subKeys, maxSubKey, values, maxName, maxData}), (std::vector<DWORD>{1, 4, 1, 4, 11}));
+    EXPECT_EQ((std::vector<DWORD>{subKeys, maxSubKey, values, maxName, maxData}),
+              (std::vector<DWORD>{1, 4, 1, 4, 11}));
     RegCloseKey(key);
 }
 
@@ -183,10 +187,12 @@ TEST_F(RegistryCalls, HandlesHonourTheirAccessAndEveryHandleSeesWritesAtOnce) {
     ASSERT_EQ(RegOpenKeyEx(HKEY_CURRENT_USER, "Software\\Shared", 0, KEY_READ, &reader), ERROR_SUCCESS);
     SetString(writer, "Now", "visible");  // not closed, not flushed
     EXPECT_EQ(GetString(reader, "Now"), "visible");
-    EXPECT_EQ(RegSetValueEx(reader, "No", 0, REG_SZ, reinterpret_cast<const BYTE*>("x"), 2), ERROR_ACCESS_DENIED);
+    EXPECT_EQ(RegSetValueEx(reader, "No", 0, REG_SZ, reinterpret_cast<const BYTE*>("x"), 2),
+              ERROR_ACCESS_DENIED);
     EXPECT_EQ(RegDeleteValue(reader, "Now"), ERROR_ACCESS_DENIED);
     HKEY sub = nullptr;
-    EXPECT_EQ(RegCreateKeyEx(reader, "New", 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &sub, nullptr), ERROR_ACCESS_DENIED);
+    EXPECT_EQ(RegCreateKeyEx(reader, "New", 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &sub, nullptr),
+              ERROR_ACCESS_DENIED);
 
     HKEY blind = nullptr;
     ASSERT_EQ(RegOpenKeyEx(HKEY_CURRENT_USER, "Software\\Shared", 0, KEY_SET_VALUE, &blind), ERROR_SUCCESS);

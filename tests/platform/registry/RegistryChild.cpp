@@ -20,7 +20,8 @@ int Fail(const char* what, LONG code) {
 
 HKEY Open(const char* path) {
     HKEY key = nullptr;
-    LONG code = RegCreateKeyEx(HKEY_CURRENT_USER, path, 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &key, nullptr);
+    LONG code =
+        RegCreateKeyEx(HKEY_CURRENT_USER, path, 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &key, nullptr);
     if (code != ERROR_SUCCESS) Fail("create", code);
     return key;
 }
@@ -50,7 +51,8 @@ int main(int argc, char** argv) {
             for (int end = std::min(count, i + batch); i < end; ++i) {
                 std::string name = std::string(argv[4]) + std::to_string(i);
                 DWORD value = static_cast<DWORD>(i);
-                if (LONG c = RegSetValueEx(key, name.c_str(), 0, REG_DWORD, reinterpret_cast<BYTE*>(&value), 4))
+                if (LONG c =
+                        RegSetValueEx(key, name.c_str(), 0, REG_DWORD, reinterpret_cast<BYTE*>(&value), 4))
                     return Fail("write", c);
             }
             if (LONG c = RegCloseKey(key)) return Fail("close", c);

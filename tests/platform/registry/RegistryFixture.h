@@ -27,8 +27,8 @@ protected:
     // Creates (or opens) HKCU\path with full access.
     HKEY Create(const char* path, DWORD* disposition = nullptr, HKEY root = HKEY_CURRENT_USER) {
         HKEY key = nullptr;
-        EXPECT_EQ(RegCreateKeyEx(root, path, 0, nullptr, REG_OPTION_NON_VOLATILE, KEY_ALL_ACCESS, nullptr, &key,
-                                 disposition),
+        EXPECT_EQ(RegCreateKeyEx(root, path, 0, nullptr, REG_OPTION_NON_VOLATILE, KEY_ALL_ACCESS, nullptr,
+                                 &key, disposition),
                   ERROR_SUCCESS)
             << path << ": " << RegGetLastMessage();
         return key;
@@ -39,13 +39,15 @@ protected:
                   ERROR_SUCCESS);
     }
     static void SetDword(HKEY key, const char* name, DWORD value) {
-        ASSERT_EQ(RegSetValueEx(key, name, 0, REG_DWORD, reinterpret_cast<const BYTE*>(&value), 4), ERROR_SUCCESS);
+        ASSERT_EQ(RegSetValueEx(key, name, 0, REG_DWORD, reinterpret_cast<const BYTE*>(&value), 4),
+                  ERROR_SUCCESS);
     }
     // The text of a value, or "<missing>".
     static std::string GetString(HKEY key, const char* name) {
         char buffer[1001];
         DWORD size = 1000;
-        if (RegQueryValueEx(key, name, nullptr, nullptr, reinterpret_cast<BYTE*>(buffer), &size) != ERROR_SUCCESS)
+        if (RegQueryValueEx(key, name, nullptr, nullptr, reinterpret_cast<BYTE*>(buffer), &size) !=
+            ERROR_SUCCESS)
             return "<missing>";
         buffer[size] = '\0';
         return buffer;

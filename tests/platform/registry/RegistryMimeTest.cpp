@@ -25,7 +25,8 @@ protected:
     std::string Extension(const char* type) {
         HKEY key = nullptr;
         std::string path = std::string(kContentType) + "\\" + type;
-        if (RegOpenKeyEx(HKEY_CLASSES_ROOT, path.c_str(), 0, KEY_READ, &key) != ERROR_SUCCESS) return "<no key>";
+        if (RegOpenKeyEx(HKEY_CLASSES_ROOT, path.c_str(), 0, KEY_READ, &key) != ERROR_SUCCESS)
+            return "<no key>";
         std::string text = GetString(key, "Extension");
         RegCloseKey(key);
         return text;
@@ -42,7 +43,8 @@ TEST_F(RegistryMime, ContentTypesComeFromTheListWithTheirFirstExtension) {
 
     HKEY root = nullptr;
     ASSERT_EQ(RegOpenKeyEx(HKEY_CLASSES_ROOT, kContentType, 0, KEY_ALL_ACCESS, &root), ERROR_SUCCESS);
-    EXPECT_EQ(SubKeys(root), (std::vector<std::string>{"application/x-bare", "image/gif", "text/html", "video/mp4"}));
+    EXPECT_EQ(SubKeys(root),
+              (std::vector<std::string>{"application/x-bare", "image/gif", "text/html", "video/mp4"}));
     RegCloseKey(root);
 }
 
@@ -57,13 +59,14 @@ TEST_F(RegistryMime, KeysTheProgramWritesTakePrecedenceAndTheListCannotBeDeleted
     RegCloseKey(gif);
 
     // A type the list does not know, as a lookup that creates its key would leave it.
-    HKEY mine = Create((std::string(kContentType) + "\\application/x-mine").c_str(), &disposition, HKEY_CLASSES_ROOT);
+    HKEY mine =
+        Create((std::string(kContentType) + "\\application/x-mine").c_str(), &disposition, HKEY_CLASSES_ROOT);
     EXPECT_EQ(disposition, REG_CREATED_NEW_KEY);
     RegCloseKey(mine);
     HKEY root = nullptr;
     ASSERT_EQ(RegOpenKeyEx(HKEY_CLASSES_ROOT, kContentType, 0, KEY_READ, &root), ERROR_SUCCESS);
-    EXPECT_EQ(SubKeys(root), (std::vector<std::string>{"application/x-bare", "application/x-mine", "image/gif",
-                                                        "text/html", "video/mp4"}));
+    EXPECT_EQ(SubKeys(root), (std::vector<std::string>{"application/x-bare", "application/x-mine",
+                                                       "image/gif", "text/html", "video/mp4"}));
 
     EXPECT_EQ(RegDeleteKey(root, "text/html"), ERROR_ACCESS_DENIED);
     // Deleting the program's own key brings the list's answer back.

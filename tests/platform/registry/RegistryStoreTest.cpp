@@ -73,7 +73,8 @@ TEST_F(RegistryStore, NewStoreIsOwnerOnlyAndKeepsItsContentAcrossReopening) {
     RegCloseKey(key);
     ASSERT_EQ(RegCloseStore(), ERROR_SUCCESS);
 
-    struct stat file {}, dir {};
+    struct stat file {
+    }, dir{};
     ASSERT_EQ(::stat(path.c_str(), &file) | ::stat(m_dir.file("deeper/tavikmail").c_str(), &dir), 0);
     EXPECT_EQ(file.st_mode & 0777, 0600u);
     EXPECT_EQ(dir.st_mode & 0777, 0700u);
@@ -113,20 +114,23 @@ TEST_F(RegistryStore, ForeignAndDamagedFilesAreReportedAndLeftAlone) {
     RegSetStorePath(text.c_str());
     EXPECT_EQ(RegOpenKeyEx(HKEY_CURRENT_USER, "Software", 0, KEY_READ, &key), ERROR_BADDB);
     EXPECT_NE(RegGetLastMessage().find(text), std::string::npos) << RegGetLastMessage();
-    EXPECT_EQ(RegCreateKeyEx(HKEY_CURRENT_USER, "Software", 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &key, nullptr),
-              ERROR_BADDB);
+    EXPECT_EQ(
+        RegCreateKeyEx(HKEY_CURRENT_USER, "Software", 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &key, nullptr),
+        ERROR_BADDB);
     EXPECT_EQ(ReadFile(text), "these are my notes, not a registry\n");
 
     // Another program's SQLite database.
     std::string other = m_dir.file("other.db");
     sqlite3* db = nullptr;
     ASSERT_EQ(sqlite3_open(other.c_str(), &db), SQLITE_OK);
-    sqlite3_exec(db, "CREATE TABLE songs(title TEXT); INSERT INTO songs VALUES('one');", nullptr, nullptr, nullptr);
+    sqlite3_exec(db, "CREATE TABLE songs(title TEXT); INSERT INTO songs VALUES('one');", nullptr, nullptr,
+                 nullptr);
     sqlite3_close(db);
     std::string before = ReadFile(other);
     RegSetStorePath(other.c_str());
-    EXPECT_EQ(RegCreateKeyEx(HKEY_CURRENT_USER, "Software", 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &key, nullptr),
-              ERROR_BADDB);
+    EXPECT_EQ(
+        RegCreateKeyEx(HKEY_CURRENT_USER, "Software", 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &key, nullptr),
+        ERROR_BADDB);
     EXPECT_NE(RegGetLastMessage().find("another program"), std::string::npos) << RegGetLastMessage();
     RegCloseStore();
     EXPECT_EQ(ReadFile(other), before);
@@ -157,7 +161,8 @@ TEST_F(RegistryStore, TwoProcessesAndThisOneWritingAtOnceLoseNothing) {
     Child b({"write", StoreFile(), "Software\\Shared", "b", "400", "25"});
     for (int i = 0; i < 400;) {
         HKEY key = Create("Software\\Shared");
-        for (int end = i + 20; i < end; ++i) SetDword(key, ("c" + std::to_string(i)).c_str(), static_cast<DWORD>(i));
+        for (int end = i + 20; i < end; ++i)
+            SetDword(key, ("c" + std::to_string(i)).c_str(), static_cast<DWORD>(i));
         RegCloseKey(key);
     }
     EXPECT_EQ(a.Wait(), 0);
@@ -190,7 +195,8 @@ TEST_F(RegistryStore, ThreadsOfOneProcessShareTheStore) {
     threads.emplace_back([] {
         for (int round = 0; round < 50; ++round) {
             HKEY key = nullptr;
-            if (RegOpenKeyEx(HKEY_CURRENT_USER, "Software\\Threads", 0, KEY_READ, &key) != ERROR_SUCCESS) continue;
+            if (RegOpenKeyEx(HKEY_CURRENT_USER, "Software\\Threads", 0, KEY_READ, &key) != ERROR_SUCCESS)
+                continue;
             for (DWORD i = 0;; ++i) {
                 char name[32];
                 DWORD chars = sizeof name;

@@ -29,7 +29,8 @@ Tree Read(HKEY key) {
         BYTE data[4096];
         DWORD chars = sizeof name, size = sizeof data, type = 0;
         if (RegEnumValue(key, i, name, &chars, nullptr, &type, data, &size) != ERROR_SUCCESS) break;
-        tree.values.push_back({std::string(name, chars), {type, std::string(reinterpret_cast<char*>(data), size)}});
+        tree.values.push_back(
+            {std::string(name, chars), {type, std::string(reinterpret_cast<char*>(data), size)}});
     }
     for (DWORD i = 0;; ++i) {
         char name[1024];
@@ -113,7 +114,8 @@ TEST_F(RegistryText, ExportWritesWhatTheRegistryEditorWrites) {
     RegCloseKey(key);
 
     std::string file = m_dir.file("export.reg");
-    ASSERT_EQ(RegExportKey("HKCU\\Software\\brannick\\TAVIK MAIL", file.c_str()), ERROR_SUCCESS) << RegGetLastMessage();
+    ASSERT_EQ(RegExportKey("HKCU\\Software\\brannick\\TAVIK MAIL", file.c_str()), ERROR_SUCCESS)
+        << RegGetLastMessage();
     EXPECT_EQ(Narrow(ReadFile(file)),
               "Windows Registry Editor Version 5.00\r\n"
               "\r\n"
@@ -156,7 +158,7 @@ TEST_F(RegistryText, MalformedImportsNameTheLineAndChangeNothing) {
         {good + "just words\n", 5},
         {"Windows Registry Editor Version 5.00\n\"a\"=\"value before key\"\n", 2},
         {good + "\"b\"=\"\xE2\x82\xAC\xF0\x9F\x98\x80\"\n", 5},  // an emoji has no single-byte form
-        {good + "\"b\"=\"\xC3\x28\"\n", 5},                       // not UTF-8
+        {good + "\"b\"=\"\xC3\x28\"\n", 5},                      // not UTF-8
     };
     for (const auto& c : cases) {
         std::string file = m_dir.file("bad.reg");
@@ -165,7 +167,8 @@ TEST_F(RegistryText, MalformedImportsNameTheLineAndChangeNothing) {
         EXPECT_NE(RegGetLastMessage().find("line " + std::to_string(c.line) + ":"), std::string::npos)
             << c.text << " -> " << RegGetLastMessage();
         HKEY key = nullptr;
-        EXPECT_EQ(RegOpenKeyEx(HKEY_CURRENT_USER, "Software\\Import", 0, KEY_READ, &key), ERROR_FILE_NOT_FOUND)
+        EXPECT_EQ(RegOpenKeyEx(HKEY_CURRENT_USER, "Software\\Import", 0, KEY_READ, &key),
+                  ERROR_FILE_NOT_FOUND)
             << c.text;
     }
     EXPECT_EQ(RegImportFile(m_dir.file("missing.reg").c_str()), ERROR_FILE_NOT_FOUND);
@@ -180,16 +183,15 @@ TEST_F(RegistryText, ImportAppliesDeletionsAndReadsUtf8AndTheOldFormat) {
     RegCloseKey(app);
 
     std::string file = m_dir.file("in.reg");
-    std::ofstream(file, std::ios::binary)
-        << "\xEF\xBB\xBFWindows Registry Editor Version 5.00\r\n"
-           "; a comment\r\n"
-           "[-HKEY_CURRENT_USER\\Software\\App\\Old]\r\n"
-           "[HKEY_CURRENT_USER\\Software\\App]\r\n"
-           "\"gone\"=-\r\n"
-           "\"caf\xC3\xA9\"=\"\xE2\x82\xAC 5\"\r\n"
-           "\"long\"=hex:01,02,\\\r\n"
-           "    03,04\r\n"
-           "  \"spaced\" = dword:00000001  \r\n";
+    std::ofstream(file, std::ios::binary) << "\xEF\xBB\xBFWindows Registry Editor Version 5.00\r\n"
+                                             "; a comment\r\n"
+                                             "[-HKEY_CURRENT_USER\\Software\\App\\Old]\r\n"
+                                             "[HKEY_CURRENT_USER\\Software\\App]\r\n"
+                                             "\"gone\"=-\r\n"
+                                             "\"caf\xC3\xA9\"=\"\xE2\x82\xAC 5\"\r\n"
+                                             "\"long\"=hex:01,02,\\\r\n"
+                                             "    03,04\r\n"
+                                             "  \"spaced\" = dword:00000001  \r\n";
     ASSERT_EQ(RegImportFile(file.c_str()), ERROR_SUCCESS) << RegGetLastMessage();
     app = Create("Software\\App");
     EXPECT_EQ(ValueNames(app), (std::vector<std::string>{"kept", "caf\xE9", "long", "spaced"}));
