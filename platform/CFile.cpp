@@ -3,14 +3,15 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 #include <string>
 
-#include "platform/internal/FileSystemHooks.h"
 #include "platform/internal/OsErrors.h"
+#include "platform/internal/SystemCalls.h"
+
+using tavik::platform::Sys;
 
 IMPLEMENT_DYNAMIC(CFile, CObject)
 
@@ -34,8 +35,6 @@ int descriptorOf(HANDLE h) {
     return v >= 0 && v <= kMaxDescriptor ? static_cast<int>(v) : -1;
 }
 
-detail::FileSystemHooks& fs() { return detail::GetFileSystemHooks(); }
-
 [[noreturn]] void throwErrno(int e, const CString& name) {
     CFileException::ThrowErrno(e == 0 ? EIO : e, name);
     AfxThrowFileException(CFileException::genericException, -1, name);  // not reached
@@ -44,7 +43,7 @@ detail::FileSystemHooks& fs() { return detail::GetFileSystemHooks(); }
 std::string absolutePath(const char* name) {
     if (name[0] == '/') return name;
     char cwd[4096];
-    if (getcwd(cwd, sizeof cwd) == nullptr) return name;
+    if (Sys().getcwd(cwd, sizeof cwd) == nullptr) return name;
     std::string path = cwd;
     if (path.back() != '/') path += '/';
     return path + name;
@@ -54,7 +53,7 @@ std::string absolutePath(const char* name) {
 
 int detail::FileDescriptorOfHandle(HANDLE file) {
     int fd = descriptorOf(file);
-    return fd >= 0 && fcntl(fd, F_GETFD) != -1 ? fd : -1;
+    return fd >= 0 && Sys().fcntl(fd, F_GETFD, 0) != -1 ? fd : -1;
 }
 
 CFile::CFile() : m_hFile(hFileNull), m_bCloseOnDelete(FALSE) {}
@@ -107,19 +106,19 @@ BOOL CFile::Open(LPCTSTR fileName, UINT openFlags, CFileException* error) {
 
     int fdesc;
     do {
-        fdesc = fs().open(fileName, flags, mode);
+        fdesc = Sys().open(fileName, flags, mode);
     } while (fdesc < 0 && errno == EINTR);
     if (fdesc < 0) {
         LONG os = detail::Win32ErrorFromErrno(errno);
         return fail(CFileException::OsErrorToException(os), os);
     }
     auto failOpen = [&](int e) {
-        fs().close(fdesc);
+        Sys().close(fdesc);
         LONG os = detail::Win32ErrorFromErrno(e);
         return fail(CFileException::OsErrorToException(os), os);
     };
     struct stat st;
-    if (fstat(fdesc, &st) == 0 && S_ISDIR(st.st_mode)) return failOpen(EISDIR);
+    if (Sys().fstat(fdesc, &st) == 0 && S_ISDIR(st.st_mode)) return failOpen(EISDIR);
     if (fdesc > kMaxDescriptor) return failOpen(EMFILE);
 
     // Share modes as advisory locks; the truncation waits until the lock says the file is ours.
@@ -137,9 +136,10 @@ BOOL CFile::Open(LPCTSTR fileName, UINT openFlags, CFileException* error) {
         lockOp = wantsWrite ? LOCK_EX : LOCK_SH;
         keepLock = false;
     }
-    if (flock(fdesc, lockOp | LOCK_NB) != 0) return failOpen(errno == EWOULDBLOCK ? EWOULDBLOCK : errno);
-    if (!keepLock) flock(fdesc, LOCK_UN);
-    if (truncate && fs().ftruncate(fdesc, 0) != 0) return failOpen(errno);
+    if (Sys().flock(fdesc, lockOp | LOCK_NB) != 0)
+        return failOpen(errno == EWOULDBLOCK ? EWOULDBLOCK : errno);
+    if (!keepLock) Sys().flock(fdesc, LOCK_UN);
+    if (truncate && Sys().ftruncate(fdesc, 0) != 0) return failOpen(errno);
 
     m_hFile = handleOf(fdesc);
     m_bCloseOnDelete = TRUE;
@@ -152,7 +152,7 @@ UINT CFile::Read(void* buffer, UINT count) {
     if (fd() < 0) AfxThrowFileException(CFileException::invalidFile, ERROR_INVALID_HANDLE, m_strFileName);
     UINT done = 0;
     while (done < count) {
-        std::ptrdiff_t n = fs().read(fd(), static_cast<char*>(buffer) + done, count - done);
+        std::ptrdiff_t n = Sys().read(fd(), static_cast<char*>(buffer) + done, count - done);
         if (n < 0) {
             if (errno == EINTR) continue;
             // An open descriptor refusing the call was opened without that access, as Windows says.
@@ -169,7 +169,7 @@ void CFile::Write(const void* buffer, UINT count) {
     if (fd() < 0) AfxThrowFileException(CFileException::invalidFile, ERROR_INVALID_HANDLE, m_strFileName);
     UINT done = 0;
     while (done < count) {
-        std::ptrdiff_t n = fs().write(fd(), static_cast<const char*>(buffer) + done, count - done);
+        std::ptrdiff_t n = Sys().write(fd(), static_cast<const char*>(buffer) + done, count - done);
         if (n < 0) {
             if (errno == EINTR) continue;
             throwErrno(errno == EBADF ? EACCES : errno, m_strFileName);
@@ -183,7 +183,7 @@ ULONGLONG CFile::Seek(LONGLONG offset, UINT from) {
     if (fd() < 0) AfxThrowFileException(CFileException::invalidFile, ERROR_INVALID_HANDLE, m_strFileName);
     int whence = from == begin ? SEEK_SET : from == current ? SEEK_CUR : from == end ? SEEK_END : -1;
     if (whence < 0) AfxThrowFileException(CFileException::badSeek, ERROR_INVALID_PARAMETER, m_strFileName);
-    std::int64_t pos = fs().lseek(fd(), offset, whence);
+    std::int64_t pos = Sys().lseek(fd(), offset, whence);
     if (pos < 0) {
         if (errno == EINVAL)
             AfxThrowFileException(CFileException::badSeek, detail::ERROR_NEGATIVE_SEEK, m_strFileName);
@@ -194,7 +194,7 @@ ULONGLONG CFile::Seek(LONGLONG offset, UINT from) {
 
 ULONGLONG CFile::GetPosition() const {
     if (fd() < 0) AfxThrowFileException(CFileException::invalidFile, ERROR_INVALID_HANDLE, m_strFileName);
-    std::int64_t pos = fs().lseek(fd(), 0, SEEK_CUR);
+    std::int64_t pos = Sys().lseek(fd(), 0, SEEK_CUR);
     if (pos < 0) throwErrno(errno, m_strFileName);
     return static_cast<ULONGLONG>(pos);
 }
@@ -202,7 +202,7 @@ ULONGLONG CFile::GetPosition() const {
 ULONGLONG CFile::GetLength() const {
     if (fd() < 0) AfxThrowFileException(CFileException::invalidFile, ERROR_INVALID_HANDLE, m_strFileName);
     struct stat st;
-    if (fstat(fd(), &st) != 0) throwErrno(errno, m_strFileName);
+    if (Sys().fstat(fd(), &st) != 0) throwErrno(errno, m_strFileName);
     return static_cast<ULONGLONG>(st.st_size);
 }
 
@@ -210,12 +210,12 @@ void CFile::SetLength(ULONGLONG newLength) {
     if (fd() < 0) AfxThrowFileException(CFileException::invalidFile, ERROR_INVALID_HANDLE, m_strFileName);
     if (newLength > ULONGLONG(INT64_MAX))
         AfxThrowFileException(CFileException::badSeek, ERROR_INVALID_PARAMETER, m_strFileName);
-    if (fs().ftruncate(fd(), std::int64_t(newLength)) != 0) throwErrno(errno, m_strFileName);
+    if (Sys().ftruncate(fd(), std::int64_t(newLength)) != 0) throwErrno(errno, m_strFileName);
 }
 
 void CFile::Flush() {
     if (fd() < 0) return;
-    if (fs().fsync(fd()) != 0) throwErrno(errno, m_strFileName);
+    if (Sys().fsync(fd()) != 0) throwErrno(errno, m_strFileName);
 }
 
 void CFile::Close() {
@@ -223,14 +223,14 @@ void CFile::Close() {
     m_hFile = hFileNull;
     m_bCloseOnDelete = FALSE;
     // The descriptor is gone after close() even when it reports an error, so never retry it.
-    if (fdesc >= 0 && fs().close(fdesc) != 0 && errno != EINTR) throwErrno(errno, m_strFileName);
+    if (fdesc >= 0 && Sys().close(fdesc) != 0 && errno != EINTR) throwErrno(errno, m_strFileName);
 }
 
 void CFile::Abort() {
     int fdesc = fd();
     m_hFile = hFileNull;
     m_bCloseOnDelete = FALSE;
-    if (fdesc >= 0) fs().close(fdesc);
+    if (fdesc >= 0) Sys().close(fdesc);
 }
 
 UINT CFile::GetBufferPtr(UINT, UINT, void**, void**) { return 0; }
@@ -254,7 +254,7 @@ BOOL CFile::GetStatus(CFileStatus& status) const {
 BOOL CFile::GetStatus(LPCTSTR fileName, CFileStatus& status) {
     if (fileName == nullptr || *fileName == '\0') return FALSE;
     struct stat st;
-    if (stat(fileName, &st) != 0) return FALSE;
+    if (Sys().stat(fileName, &st) != 0) return FALSE;
     status.m_ctime = CTime(std::time_t(st.st_ctime));
     status.m_mtime = CTime(std::time_t(st.st_mtime));
     status.m_atime = CTime(std::time_t(st.st_atime));
@@ -276,10 +276,10 @@ BOOL CFile::GetStatus(LPCTSTR fileName, CFileStatus& status) {
 void CFile::Rename(LPCTSTR oldName, LPCTSTR newName) {
     if (oldName == nullptr || newName == nullptr)
         AfxThrowFileException(CFileException::badPath, ERROR_INVALID_PARAMETER, oldName);
-    if (fs().rename(oldName, newName) != 0) throwErrno(errno, oldName);
+    if (Sys().rename(oldName, newName) != 0) throwErrno(errno, oldName);
 }
 
 void CFile::Remove(LPCTSTR fileName) {
     if (fileName == nullptr) AfxThrowFileException(CFileException::badPath, ERROR_INVALID_PARAMETER);
-    if (fs().unlink(fileName) != 0) throwErrno(errno == EISDIR ? EACCES : errno, fileName);
+    if (Sys().unlink(fileName) != 0) throwErrno(errno == EISDIR ? EACCES : errno, fileName);
 }

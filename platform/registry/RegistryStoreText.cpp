@@ -1,18 +1,22 @@
 // Export, import, save and restore of keys in the registry editor's text format.
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
+#include <random>
 
+#include "platform/internal/SystemCalls.h"
 #include "platform/registry/RegistryStore.h"
 #include "platform/registry/internal/RegText.h"
 
 namespace detail {
 
 namespace {
+
+using tavik::platform::Sys;
 
 // Larger files than this are refused rather than read into memory.
 constexpr off_t kMaxTextFile = 256L * 1024 * 1024;
@@ -27,29 +31,37 @@ std::string DirectoryOf(const std::string& path) {
 // new one. The file is owner-only: settings can hold passwords. With replace false an existing file
 // is kept and ERROR_ALREADY_EXISTS returned.
 LONG WriteWholeFile(const std::string& path, const std::string& bytes, bool replace, std::string* error) {
-    std::string temp = path + ".tmp-XXXXXX";
-    int fd = ::mkstemp(temp.data());
+    std::string temp;
+    int fd = -1;
+    std::random_device random;
+    for (int attempt = 0; attempt < 100 && fd < 0; ++attempt) {
+        char suffix[16];
+        std::snprintf(suffix, sizeof suffix, ".tmp-%06x", random() & 0xFFFFFF);
+        temp = path + suffix;
+        fd = Sys().open(temp.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+        if (fd < 0 && errno != EEXIST && errno != EINTR) break;
+    }
     if (fd < 0) {
         *error = "cannot create a file beside " + path + ": " + std::strerror(errno);
         return ERROR_CANTWRITE;
     }
     size_t done = 0;
     while (done < bytes.size()) {
-        ssize_t n = ::write(fd, bytes.data() + done, bytes.size() - done);
+        ssize_t n = Sys().write(fd, bytes.data() + done, bytes.size() - done);
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) break;
         done += static_cast<size_t>(n);
     }
-    bool ok = done == bytes.size() && ::fsync(fd) == 0;
+    bool ok = done == bytes.size() && Sys().fsync(fd) == 0;
     int savedErrno = errno;
-    ::close(fd);
+    Sys().close(fd);
     if (ok) {
         if (replace) {
-            ok = ::rename(temp.c_str(), path.c_str()) == 0;
+            ok = Sys().rename(temp.c_str(), path.c_str()) == 0;
         } else {
-            ok = ::link(temp.c_str(), path.c_str()) == 0;
+            ok = Sys().link(temp.c_str(), path.c_str()) == 0;
             savedErrno = errno;
-            ::unlink(temp.c_str());
+            Sys().unlink(temp.c_str());
             if (!ok && savedErrno == EEXIST) {
                 *error = "the file " + path + " already exists";
                 return ERROR_ALREADY_EXISTS;
@@ -58,39 +70,39 @@ LONG WriteWholeFile(const std::string& path, const std::string& bytes, bool repl
         if (!ok) savedErrno = errno;
     }
     if (!ok) {
-        ::unlink(temp.c_str());
+        Sys().unlink(temp.c_str());
         *error = "cannot write " + path + ": " + std::strerror(savedErrno);
         return ERROR_CANTWRITE;
     }
-    int dir = ::open(DirectoryOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    int dir = Sys().open(DirectoryOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC, 0);
     if (dir >= 0) {
-        ::fsync(dir);
-        ::close(dir);
+        Sys().fsync(dir);
+        Sys().close(dir);
     }
     return ERROR_SUCCESS;
 }
 
 LONG ReadWholeFile(const char* path, std::string* bytes, std::string* error) {
-    int fd = ::open(path, O_RDONLY | O_CLOEXEC);
+    int fd = Sys().open(path, O_RDONLY | O_CLOEXEC, 0);
     if (fd < 0) {
         *error = std::string("cannot open ") + path + ": " + std::strerror(errno);
         return errno == ENOENT ? ERROR_FILE_NOT_FOUND : ERROR_CANTOPEN;
     }
     struct stat st {};
-    if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_size > kMaxTextFile) {
-        ::close(fd);
+    if (Sys().fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_size > kMaxTextFile) {
+        Sys().close(fd);
         *error = std::string(path) + " is not a regular file of a sensible size";
         return ERROR_INVALID_DATA;
     }
     bytes->resize(static_cast<size_t>(st.st_size));
     size_t done = 0;
     while (done < bytes->size()) {
-        ssize_t n = ::read(fd, bytes->data() + done, bytes->size() - done);
+        ssize_t n = Sys().read(fd, bytes->data() + done, bytes->size() - done);
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) break;
         done += static_cast<size_t>(n);
     }
-    ::close(fd);
+    Sys().close(fd);
     bytes->resize(done);
     return ERROR_SUCCESS;
 }
@@ -178,7 +190,7 @@ LONG RegistryStore::SaveKey(HKEY key, const char* file) {
     std::lock_guard<std::mutex> lock(m_mutex);
     if (!file || !*file) return ERROR_INVALID_PARAMETER;
     if (LONG c = Ready(); c != ERROR_SUCCESS) return c;
-    if (::access(file, F_OK) == 0) return ERROR_ALREADY_EXISTS;
+    if (Sys().access(file, F_OK) == 0) return ERROR_ALREADY_EXISTS;
     Handle* h = nullptr;
     if (LONG c = Resolve(key, 0, &h); c != ERROR_SUCCESS) return c;
     std::string path;

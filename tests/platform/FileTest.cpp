@@ -12,7 +12,7 @@
 #include "platform/CMemFile.h"
 #include "platform/CStdioFile.h"
 #include "platform/MessageBox.h"
-#include "platform/internal/FileSystemHooks.h"
+#include "platform/internal/SystemCalls.h"
 #include "tests/support/TempDir.h"
 
 using tavik::test::ReadFile;
@@ -214,12 +214,28 @@ TEST(CFileTest, StatusRenameAndRemove) {
     expectFileException([&] { CFile::Remove(b.c_str()); }, CFileException::fileNotFound, "remove");
 }
 
+namespace {
+// Short writes of one byte, one EINTR at the second call, then the sixth call fails with a full disk.
+int g_writes = 0;
+ssize_t OneByteWrites(int fd, const void* buf, size_t n) {
+    ++g_writes;
+    if (g_writes == 2) {
+        errno = EINTR;
+        return -1;
+    }
+    if (g_writes == 6) {
+        errno = ENOSPC;
+        return -1;
+    }
+    return tavik::platform::RealSystemCalls().write(fd, buf, n > 0 ? 1 : 0);
+}
+}  // namespace
+
 TEST(CFileTest, FileSystemFaultsBecomeExceptions) {
     TempDir dir;
     std::string path = dir.file("faulty");
-    detail::ScopedFileSystemHooks scope;
-    auto real = detail::RealFileSystemHooks();
-    scope.hooks().open = [](const char*, int, unsigned) {
+    tavik::platform::ScopedSystemCalls calls;
+    calls->open = [](const char*, int, mode_t) {
         errno = EMFILE;
         return -1;
     };
@@ -227,25 +243,13 @@ TEST(CFileTest, FileSystemFaultsBecomeExceptions) {
     CFileException error;
     EXPECT_FALSE(f.Open(path.c_str(), CFile::modeCreate | CFile::modeReadWrite, &error));
     EXPECT_EQ(error.m_cause, CFileException::tooManyOpenFiles);
-    scope.hooks().open = real.open;
+    calls->open = tavik::platform::RealSystemCalls().open;
 
-    int writes = 0, interrupted = 0;
-    // Short writes of one byte, one EINTR, then the sixth write call fails with a full disk.
-    scope.hooks().write = [&](int fd, const void* buf, std::size_t n) -> std::ptrdiff_t {
-        ++writes;
-        if (writes == 2 && interrupted++ == 0) {
-            errno = EINTR;
-            return -1;
-        }
-        if (writes == 6) {
-            errno = ENOSPC;
-            return -1;
-        }
-        return real.write(fd, buf, n > 0 ? 1 : 0);
-    };
+    g_writes = 0;
+    calls->write = OneByteWrites;
     ASSERT_TRUE(f.Open(path.c_str(), CFile::modeCreate | CFile::modeReadWrite));
     f.Write("abc", 3);  // 1 byte, EINTR, 1 byte, 1 byte
-    EXPECT_EQ(writes, 4);
+    EXPECT_EQ(g_writes, 4);
     EXPECT_EQ(ReadFile(path), "abc");
     f.Write("d", 1);
     try {
@@ -256,7 +260,7 @@ TEST(CFileTest, FileSystemFaultsBecomeExceptions) {
         EXPECT_EQ(e->m_strFileName, CString(path.c_str()));
         e->Delete();
     }
-    scope.hooks().fsync = [](int) {
+    calls->fsync = [](int) {
         errno = EIO;
         return -1;
     };

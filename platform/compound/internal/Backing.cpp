@@ -1,14 +1,14 @@
 // Reading stream bytes out of a compound file, chain by chain, with every chain bounded by the file.
-#include "platform/compound/internal/FileOps.h"
-#include "platform/compound/internal/Tree.h"
-
-#include <sys/stat.h>
-#include <unistd.h>
 #include <cerrno>
 #include <cstring>
 
+#include "platform/compound/internal/Tree.h"
+#include "platform/internal/SystemCalls.h"
+
 namespace detail {
 namespace {
+
+using tavik::platform::Sys;
 
 class MemoryStore final : public ByteStore {
 public:
@@ -33,9 +33,9 @@ class FileStore final : public ByteStore {
 public:
     explicit FileStore(int fd) : m_fd(fd) {
         struct stat st {};
-        if (::fstat(fd, &st) == 0) m_size = static_cast<std::uint64_t>(st.st_size);
+        if (Sys().fstat(fd, &st) == 0) m_size = static_cast<std::uint64_t>(st.st_size);
     }
-    ~FileStore() override { CurrentFileOps().close(m_fd); }
+    ~FileStore() override { Sys().close(m_fd); }
     long long ReadAt(std::uint64_t offset, void* buffer, std::size_t count) override {
         if (offset >= m_size) return 0;
         count = static_cast<std::size_t>(std::min<std::uint64_t>(count, m_size - offset));
@@ -70,7 +70,8 @@ private:
     long long Direct(std::uint64_t offset, unsigned char* out, std::size_t count) {
         std::size_t done = 0;
         while (done < count) {
-            long long n = CurrentFileOps().pread(m_fd, out + done, count - done, offset + done);
+            ssize_t n = Sys().pread(m_fd, out + done, count - done, static_cast<off_t>(offset + done));
+            if (n < 0 && errno == EINTR) continue;
             if (n < 0) return -1;
             if (n == 0) break;
             done += static_cast<std::size_t>(n);
@@ -109,14 +110,14 @@ private:
 class ScratchStore final : public ByteStore {
 public:
     explicit ScratchStore(int fd) : m_fd(fd) {}
-    ~ScratchStore() override { ::close(m_fd); }
+    ~ScratchStore() override { Sys().close(m_fd); }
     long long ReadAt(std::uint64_t offset, void* buffer, std::size_t count) override {
         if (offset >= m_size) return 0;
         count = static_cast<std::size_t>(std::min<std::uint64_t>(count, m_size - offset));
         auto* out = static_cast<unsigned char*>(buffer);
         std::size_t done = 0;
         while (done < count) {
-            ssize_t n = ::pread(m_fd, out + done, count - done, static_cast<off_t>(offset + done));
+            ssize_t n = Sys().pread(m_fd, out + done, count - done, static_cast<off_t>(offset + done));
             if (n < 0 && errno == EINTR) continue;
             if (n < 0) return -1;
             if (n == 0) break;
@@ -129,7 +130,7 @@ public:
         const auto* in = static_cast<const unsigned char*>(data);
         std::size_t done = 0;
         while (done < count) {
-            ssize_t n = ::pwrite(m_fd, in + done, count - done, static_cast<off_t>(offset + done));
+            ssize_t n = Sys().pwrite(m_fd, in + done, count - done, static_cast<off_t>(offset + done));
             if (n < 0 && errno == EINTR) continue;
             if (n <= 0) return false;
             done += static_cast<std::size_t>(n);

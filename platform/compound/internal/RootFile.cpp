@@ -1,21 +1,19 @@
 // The file behind a root storage: opening under a lock, and the crash-safe commit (new file beside the
 // old one, flushed, renamed over it, directory flushed).
-#include "platform/compound/internal/FileOps.h"
-#include "platform/compound/internal/Handles.h"
-
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/file.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
 #include <cstring>
 #include <random>
 
+#include "platform/compound/internal/Handles.h"
+#include "platform/internal/SystemCalls.h"
+
 namespace detail {
 namespace {
+
+using tavik::platform::Sys;
 
 std::string DirectoryOf(const std::string& path) {
     auto slash = path.rfind('/');
@@ -30,11 +28,19 @@ constexpr char kTempEnd[] = ".tmp";
 std::string TempNameFor(const std::string& path) {
     // Fresh entropy each time: a forked child must not repeat its parent's names.
     std::random_device rd;
-    unsigned long long r =
-        (static_cast<unsigned long long>(rd()) << 32) ^ rd() ^ static_cast<unsigned long long>(::getpid());
+    unsigned long long r = (static_cast<unsigned long long>(rd()) << 32) ^ rd() ^
+                           static_cast<unsigned long long>(Sys().getpid());
     char suffix[40];
     std::snprintf(suffix, sizeof suffix, "%s%012llx%s", kTempMark, r & 0xFFFFFFFFFFFFull, kTempEnd);
     return path + suffix;
+}
+
+// Nothing here starts child processes, so no descriptor is left to one.
+int OpenFile(const char* path, int flags, mode_t mode) {
+    int fd;
+    do fd = Sys().open(path, flags | O_CLOEXEC, mode);
+    while (fd < 0 && errno == EINTR);
+    return fd;
 }
 
 // Temporary files of commits cut short by a crash. Only the lock holder commits, so while we hold the
@@ -43,44 +49,44 @@ void RemoveStaleTemps(const std::string& path) {
     std::string dir = DirectoryOf(path);
     std::string base = path.substr(path.rfind('/') == std::string::npos ? 0 : path.rfind('/') + 1);
     std::string prefix = base + kTempMark;
-    DIR* d = ::opendir(dir.c_str());
+    DIR* d = Sys().opendir(dir.c_str());
     if (!d) return;
-    while (dirent* e = ::readdir(d)) {
+    while (dirent* e = Sys().readdir(d)) {
         std::string name = e->d_name;
         if (name.size() > prefix.size() + 4 && name.compare(0, prefix.size(), prefix) == 0 &&
             name.compare(name.size() - 4, 4, kTempEnd) == 0)
-            CurrentFileOps().unlink((dir + "/" + name).c_str());
+            Sys().unlink((dir + "/" + name).c_str());
     }
-    ::closedir(d);
+    Sys().closedir(d);
 }
 
 // Takes the lock and makes sure the path still names the file locked: a commit by the previous holder
 // may have replaced it between our open and our lock.
 HRESULT LockedOpen(const std::string& path, int lock, int& fdOut) {
     for (int attempt = 0; attempt < 20; ++attempt) {
-        int fd = CurrentFileOps().open(path.c_str(), O_RDONLY, 0);
+        int fd = OpenFile(path.c_str(), O_RDONLY, 0);
         if (fd < 0 && errno == ENOENT) {
             struct stat st {};
-            return ::stat(DirectoryOf(path).c_str(), &st) == 0 ? STG_E_FILENOTFOUND : STG_E_PATHNOTFOUND;
+            return Sys().stat(DirectoryOf(path).c_str(), &st) == 0 ? STG_E_FILENOTFOUND : STG_E_PATHNOTFOUND;
         }
         if (fd < 0) return ErrnoToStg(errno, STG_E_FILENOTFOUND);
         if (lock == 0) {
             fdOut = fd;
             return S_OK;
         }
-        if (::flock(fd, (lock == 2 ? LOCK_EX : LOCK_SH) | LOCK_NB) != 0) {
+        if (Sys().flock(fd, (lock == 2 ? LOCK_EX : LOCK_SH) | LOCK_NB) != 0) {
             int e = errno;
-            CurrentFileOps().close(fd);
+            Sys().close(fd);
             return e == EWOULDBLOCK ? STG_E_SHAREVIOLATION : ErrnoToStg(e, STG_E_LOCKVIOLATION);
         }
         struct stat a {
         }, b{};
-        if (::fstat(fd, &a) == 0 && ::stat(path.c_str(), &b) == 0 && a.st_ino == b.st_ino &&
+        if (Sys().fstat(fd, &a) == 0 && Sys().stat(path.c_str(), &b) == 0 && a.st_ino == b.st_ino &&
             a.st_dev == b.st_dev) {
             fdOut = fd;
             return S_OK;
         }
-        CurrentFileOps().close(fd);
+        Sys().close(fd);
     }
     return STG_E_LOCKVIOLATION;
 }
@@ -88,9 +94,11 @@ HRESULT LockedOpen(const std::string& path, int lock, int& fdOut) {
 }  // namespace
 
 std::uint64_t NowFileTime() {
-    using namespace std::chrono;
-    auto ticks = duration_cast<nanoseconds>(system_clock::now().time_since_epoch()).count() / 100;
-    return static_cast<std::uint64_t>(ticks) + 116444736000000000ull;
+    struct timespec ts {};
+    Sys().clock_gettime(CLOCK_REALTIME, &ts);
+    // 100 ns ticks since 1601-01-01.
+    return (static_cast<std::uint64_t>(ts.tv_sec) + 11644473600ull) * 10000000ull +
+           static_cast<std::uint64_t>(ts.tv_nsec) / 100;
 }
 
 LPOLESTR CopyName(std::u16string_view name) {
@@ -103,21 +111,21 @@ LPOLESTR CopyName(std::u16string_view name) {
 
 HRESULT RootFile::Commit(const Node& tree) {
     if (!m_writable || m_path.empty()) return STG_E_ACCESSDENIED;
-    const FileOps& ops = CurrentFileOps();
+    const auto& ops = Sys();
     std::string temp;
     int fd = -1;
     for (int attempt = 0; attempt < 10 && fd < 0; ++attempt) {
         temp = TempNameFor(m_path);
-        fd = ops.open(temp.c_str(), O_RDWR | O_CREAT | O_EXCL, 0600);
+        fd = OpenFile(temp.c_str(), O_RDWR | O_CREAT | O_EXCL, 0600);
         if (fd < 0 && errno != EEXIST) return ErrnoToStg(errno, STG_E_CANTSAVE);
     }
     if (fd < 0) return STG_E_CANTSAVE;
     // Locked before it becomes visible under the real name, so no other opener slips in.
-    ::flock(fd, LOCK_EX | LOCK_NB);
+    ops.flock(fd, LOCK_EX | LOCK_NB);
     WrittenFile written;
     HRESULT hr = WriteCompoundFile(tree, fd, written);
     if (SUCCEEDED(hr) && ops.fsync(fd) != 0) hr = ErrnoToStg(errno, STG_E_WRITEFAULT);
-    if (SUCCEEDED(hr) && m_permissions != 0600) ::fchmod(fd, m_permissions);
+    if (SUCCEEDED(hr) && m_permissions != 0600) ops.fchmod(fd, m_permissions);
     if (SUCCEEDED(hr) && ops.rename(temp.c_str(), m_path.c_str()) != 0)
         hr = ErrnoToStg(errno, STG_E_WRITEFAULT);
     if (FAILED(hr)) {
@@ -127,7 +135,7 @@ HRESULT RootFile::Commit(const Node& tree) {
     }
     // The rename is durable only once the directory is flushed. A failure here cannot be undone (the new
     // file is already in place), and the data itself is on disk, so it is not reported.
-    int dir = ops.open(DirectoryOf(m_path).c_str(), O_RDONLY | O_DIRECTORY, 0);
+    int dir = OpenFile(DirectoryOf(m_path).c_str(), O_RDONLY | O_DIRECTORY, 0);
     if (dir >= 0) {
         ops.fsync(dir);
         ops.close(dir);
@@ -155,7 +163,7 @@ void RootFile::Spill(StreamContent& c) {
         return;
     }
     if (!m_scratch) {
-        int fd = ::open(DirectoryOf(m_path).c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
+        int fd = OpenFile(DirectoryOf(m_path).c_str(), O_TMPFILE | O_RDWR, 0600);
         if (fd < 0) {
             // Unnamed files are not to be had here; memory it is, and no more tries.
             if (errno == EOPNOTSUPP || errno == EISDIR || errno == EINVAL) m_noScratch = true;
@@ -184,13 +192,13 @@ void RootFile::Spill(StreamContent& c) {
 
 HRESULT OpenRootFile(const std::string& path, int lock, bool writable, std::shared_ptr<RootFile>& file,
                      NodePtr& tree) {
-    if (writable && ::access(path.c_str(), W_OK) != 0 && errno == EACCES) return STG_E_ACCESSDENIED;
+    if (writable && Sys().access(path.c_str(), W_OK) != 0 && errno == EACCES) return STG_E_ACCESSDENIED;
     int fd = -1;
     HRESULT hr = LockedOpen(path, lock, fd);
     if (FAILED(hr)) return hr;
     struct stat st {};
-    if (::fstat(fd, &st) == 0 && S_ISDIR(st.st_mode)) {
-        CurrentFileOps().close(fd);
+    if (Sys().fstat(fd, &st) == 0 && S_ISDIR(st.st_mode)) {
+        Sys().close(fd);
         return STG_E_ACCESSDENIED;
     }
     if (writable && lock == 2) RemoveStaleTemps(path);
@@ -206,12 +214,12 @@ HRESULT OpenRootFile(const std::string& path, int lock, bool writable, std::shar
 
 HRESULT CreateRootFile(const std::string& path, bool replace, std::shared_ptr<RootFile>& file,
                        NodePtr& tree) {
-    int old = CurrentFileOps().open(path.c_str(), O_RDONLY, 0);
+    int old = OpenFile(path.c_str(), O_RDONLY, 0);
     if (old >= 0) {
         struct stat st {};
-        bool isDir = ::fstat(old, &st) == 0 && S_ISDIR(st.st_mode);
-        bool locked = ::flock(old, LOCK_EX | LOCK_NB) != 0;
-        CurrentFileOps().close(old);
+        bool isDir = Sys().fstat(old, &st) == 0 && S_ISDIR(st.st_mode);
+        bool locked = Sys().flock(old, LOCK_EX | LOCK_NB) != 0;
+        Sys().close(old);
         if (isDir) return STG_E_ACCESSDENIED;
         if (!replace) return STG_E_FILEALREADYEXISTS;
         if (locked) return STG_E_SHAREVIOLATION;
@@ -219,7 +227,7 @@ HRESULT CreateRootFile(const std::string& path, bool replace, std::shared_ptr<Ro
         return ErrnoToStg(errno, STG_E_ACCESSDENIED);
     } else {
         struct stat st {};
-        if (::stat(DirectoryOf(path).c_str(), &st) != 0) return STG_E_PATHNOTFOUND;
+        if (Sys().stat(DirectoryOf(path).c_str(), &st) != 0) return STG_E_PATHNOTFOUND;
     }
     auto f = std::make_shared<RootFile>();
     f->m_path = path;

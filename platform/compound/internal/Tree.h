@@ -225,7 +225,7 @@ struct WrittenFile {
     Backing::Chain miniChain;
 };
 
-// Writes the whole tree as a version 3 file to fd (positioned at 0) through CurrentFileOps().
+// Writes the whole tree as a version 3 file to fd (positioned at 0) through the system-call table.
 HRESULT WriteCompoundFile(const Node& root, int fd, WrittenFile& out);
 // Points the written streams at the new file and lets go of their in-memory bytes.
 void RebindWritten(WrittenFile& written, std::unique_ptr<ByteStore> store);

@@ -1,17 +1,22 @@
 // Writing a tree as a fresh version 3 file in one sequential pass: header, directory, MiniFAT, mini
 // stream, large streams, FAT, DIFAT. Every chain is contiguous, so the file is compact and the tables are
 // computed before the first byte goes out.
+#include <sys/uio.h>
+
 #include <bit>
 #include <cerrno>
 #include <cstring>
 
-#include "platform/compound/internal/FileOps.h"
 #include "platform/compound/internal/Tree.h"
+#include "platform/internal/SystemCalls.h"
 
 namespace detail {
 namespace {
 
 using namespace cfb;
+using tavik::platform::Sys;
+
+constexpr int kMaxIoPieces = 1024;  // what one writev takes on Linux (IOV_MAX)
 
 constexpr std::uint32_t kSector = 512;
 constexpr std::uint32_t kPerSector = kSector / 4;
@@ -104,19 +109,20 @@ private:
     HRESULT WritePieces() {
         m_io.clear();
         for (const Piece& p : m_pieces)
-            m_io.push_back({p.outside ? p.outside : m_buffer.data() + p.offset, p.length});
+            m_io.push_back(
+                {const_cast<unsigned char*>(p.outside ? p.outside : m_buffer.data() + p.offset), p.length});
         std::size_t first = 0;
         while (first < m_io.size()) {
-            long long n =
-                CurrentFileOps().writev(m_fd, m_io.data() + first, static_cast<int>(m_io.size() - first));
+            ssize_t n = Sys().writev(m_fd, m_io.data() + first, static_cast<int>(m_io.size() - first));
+            if (n < 0 && errno == EINTR) continue;
             if (n < 0) return ErrnoToStg(errno, STG_E_WRITEFAULT);
             if (n == 0) return STG_E_MEDIUMFULL;
             // A short write is continued from the first byte that did not go out.
             auto done = static_cast<std::size_t>(n);
-            while (first < m_io.size() && done >= m_io[first].length) done -= m_io[first++].length;
+            while (first < m_io.size() && done >= m_io[first].iov_len) done -= m_io[first++].iov_len;
             if (done > 0) {
-                m_io[first].base = static_cast<const unsigned char*>(m_io[first].base) + done;
-                m_io[first].length -= done;
+                m_io[first].iov_base = static_cast<unsigned char*>(m_io[first].iov_base) + done;
+                m_io[first].iov_len -= done;
             }
         }
         return S_OK;
@@ -127,7 +133,7 @@ private:
     std::size_t m_segment = 0;            // start of the buffered bytes not yet in a piece
     std::size_t m_referred = 0;           // bytes in outside pieces since the last flush
     std::vector<Piece> m_pieces;
-    std::vector<IoPiece> m_io;
+    std::vector<iovec> m_io;
 };
 
 struct Entry {

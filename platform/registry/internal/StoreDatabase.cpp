@@ -2,18 +2,19 @@
 
 #include <fcntl.h>
 #include <sqlite3.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
+
+#include "platform/internal/SystemCalls.h"
 
 namespace detail {
 
 namespace {
+
+using tavik::platform::Sys;
 
 // "TVRG": tells our store from any other SQLite file.
 constexpr int kApplicationId = 0x54565247;
@@ -53,6 +54,12 @@ const char kSchema[] =
 
 const char* const kRootNames[] = {"HKEY_CLASSES_ROOT", "HKEY_CURRENT_USER"};
 
+std::int64_t NowSeconds() {
+    struct timespec ts {};
+    Sys().clock_gettime(CLOCK_REALTIME, &ts);
+    return static_cast<std::int64_t>(ts.tv_sec);
+}
+
 // Creates the missing directories of path's parent, owner-only.
 bool MakeParentDirectories(const std::string& path, std::string& error) {
     size_t slash = path.rfind('/');
@@ -61,7 +68,7 @@ bool MakeParentDirectories(const std::string& path, std::string& error) {
     for (size_t pos = 1; pos <= dir.size(); ++pos) {
         if (pos != dir.size() && dir[pos] != '/') continue;
         std::string part = dir.substr(0, pos);
-        if (::mkdir(part.c_str(), 0700) != 0 && errno != EEXIST) {
+        if (Sys().mkdir(part.c_str(), 0700) != 0 && errno != EEXIST) {
             error = "cannot create the directory " + part + ": " + std::strerror(errno);
             return false;
         }
@@ -205,20 +212,21 @@ LONG StoreDatabase::Open(const std::string& path) {
     }
     // Created here rather than by SQLite so that it is owner-only from its first byte; SQLite gives its
     // companion files the same mode.
-    int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600);
+    int fd = Sys().open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600);
     if (fd < 0 && errno != EEXIST) {
         m_message = "cannot create the registry store " + path + ": " + std::strerror(errno);
         return ERROR_CANTOPEN;
     }
-    if (fd < 0) fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) fd = Sys().open(path.c_str(), O_RDONLY | O_CLOEXEC, 0);
     if (fd < 0) {
         m_message = "cannot open the registry store " + path + ": " + std::strerror(errno);
         return ERROR_CANTOPEN;
     }
     struct stat st {};
     char header[16] = {};
-    ssize_t got = ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) ? ::pread(fd, header, sizeof header, 0) : -1;
-    ::close(fd);
+    ssize_t got =
+        Sys().fstat(fd, &st) == 0 && S_ISREG(st.st_mode) ? Sys().pread(fd, header, sizeof header, 0) : -1;
+    Sys().close(fd);
     if (got < 0) {
         m_message = "the registry store " + path + " is not a regular file";
         return ERROR_CANTOPEN;
@@ -417,7 +425,7 @@ LONG StoreDatabase::CreateChild(std::int64_t parent, const std::string& name, st
     sqlite3_bind_int64(s, 1, parent);
     BindBlob(s, 2, fold.data(), fold.size());
     BindBlob(s, 3, name.data(), name.size());
-    sqlite3_bind_int64(s, 4, static_cast<std::int64_t>(std::time(nullptr)));
+    sqlite3_bind_int64(s, 4, NowSeconds());
     int rc = sqlite3_step(s);
     if (rc != SQLITE_DONE) return Fail(rc, "create key");
     *id = sqlite3_last_insert_rowid(m_db);
@@ -527,7 +535,7 @@ LONG StoreDatabase::Commit() {
     if (!m_touched.empty()) {
         std::sort(m_touched.begin(), m_touched.end());
         m_touched.erase(std::unique(m_touched.begin(), m_touched.end()), m_touched.end());
-        std::int64_t now = static_cast<std::int64_t>(std::time(nullptr));
+        std::int64_t now = NowSeconds();
         if (sqlite3_stmt* s = Prepare(kTouch)) {
             for (std::int64_t id : m_touched) {
                 StatementScope scope{s};

@@ -5,7 +5,7 @@
 #include <cerrno>
 #include <filesystem>
 
-#include "platform/compound/internal/FileOps.h"
+#include "platform/internal/SystemCalls.h"
 #include "tests/platform/compound/CompoundTestSupport.h"
 #include "tests/support/TempDir.h"
 
@@ -31,30 +31,31 @@ bool Trip(Kind k) {
     return true;
 }
 
-long long FaultyWrite(int fd, const detail::IoPiece* pieces, int count) {
+const platform::SystemCalls& Real() { return platform::RealSystemCalls(); }
+
+ssize_t FaultyWrite(int fd, const iovec* pieces, int count) {
     if (Trip(Kind::Write)) return -1;
     // Short writes are legal and must be continued, not taken for failures: half of the first piece.
-    if (g_fault.shortWrites && pieces[0].length > 1) {
-        detail::IoPiece half{pieces[0].base, pieces[0].length / 2};
-        return detail::RealFileOps().writev(fd, &half, 1);
+    if (g_fault.shortWrites && pieces[0].iov_len > 1) {
+        iovec half{pieces[0].iov_base, pieces[0].iov_len / 2};
+        return Real().writev(fd, &half, 1);
     }
-    return detail::RealFileOps().writev(fd, pieces, count);
+    return Real().writev(fd, pieces, count);
 }
-int FaultyFsync(int fd) { return Trip(Kind::Fsync) ? -1 : detail::RealFileOps().fsync(fd); }
-int FaultyRename(const char* a, const char* b) {
-    return Trip(Kind::Rename) ? -1 : detail::RealFileOps().rename(a, b);
-}
+int FaultyFsync(int fd) { return Trip(Kind::Fsync) ? -1 : Real().fsync(fd); }
+int FaultyRename(const char* a, const char* b) { return Trip(Kind::Rename) ? -1 : Real().rename(a, b); }
 
 class FaultScope {
 public:
     FaultScope(Kind kind, int failAt, int error, bool shortWrites) {
         g_fault = Fault{kind, failAt, 0, error, shortWrites};
-        auto& ops = detail::CurrentFileOps();
-        ops.writev = FaultyWrite;
-        ops.fsync = FaultyFsync;
-        ops.rename = FaultyRename;
+        m_calls->writev = FaultyWrite;
+        m_calls->fsync = FaultyFsync;
+        m_calls->rename = FaultyRename;
     }
-    ~FaultScope() { detail::CurrentFileOps() = detail::RealFileOps(); }
+
+private:
+    platform::ScopedSystemCalls m_calls;
 };
 
 std::vector<std::string> DirListing(const TempDir& dir) {
@@ -130,8 +131,8 @@ TEST(CompoundCrashSafety, EveryFailurePointLeavesOldOrNew) {
 }
 
 std::uint64_t g_bytesRead = 0;
-long long CountingPread(int fd, void* buf, std::size_t n, std::uint64_t off) {
-    long long got = detail::RealFileOps().pread(fd, buf, n, off);
+ssize_t CountingPread(int fd, void* buf, std::size_t n, off_t off) {
+    ssize_t got = Real().pread(fd, buf, n, off);
     if (got > 0) g_bytesRead += static_cast<std::uint64_t>(got);
     return got;
 }
@@ -147,9 +148,10 @@ TEST(CompoundLazy, OpenReadsTablesNotStreams) {
         ASSERT_EQ(PutStream(root.get(), "big", Pattern(20 << 20, 1)), S_OK);
         ASSERT_EQ(PutStream(root.get(), "small", Pattern(100, 2)), S_OK);
     }
-    detail::CurrentFileOps().pread = CountingPread;
     g_bytesRead = 0;
     {
+        platform::ScopedSystemCalls calls;
+        calls->pread = CountingPread;
         Com<IStorage> root;
         ASSERT_EQ(StgOpenStorage(file.c_str(), nullptr, kRW, nullptr, 0, root.out()), S_OK);
         EXPECT_EQ(GetStream(root.get(), "small"), Pattern(100, 2));
@@ -157,7 +159,6 @@ TEST(CompoundLazy, OpenReadsTablesNotStreams) {
         EXPECT_LT(g_bytesRead, 2u << 20);
         ASSERT_EQ(PutStream(root.get(), "small", Pattern(50, 3)), S_OK);
     }
-    detail::CurrentFileOps() = detail::RealFileOps();
     Com<IStorage> root;
     ASSERT_EQ(StgOpenStorage(file.c_str(), nullptr, kRO, nullptr, 0, root.out()), S_OK);
     EXPECT_EQ(GetStream(root.get(), "big"), Pattern(20 << 20, 1));

@@ -1,0 +1,65 @@
+// The system-call table filled with the POSIX calls. The only file of the platform that calls them.
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cstdio>
+
+#include "platform/internal/SystemCalls.h"
+
+namespace tavik::platform {
+namespace {
+
+int Open(const char* path, int flags, mode_t mode) { return ::open(path, flags, mode); }
+int Fcntl(int fd, int command, int argument) { return ::fcntl(fd, command, argument); }
+int Rename(const char* from, const char* to) { return std::rename(from, to); }
+int Stat(const char* path, struct stat* out) { return ::stat(path, out); }
+int Fstat(int fd, struct stat* out) { return ::fstat(fd, out); }
+pid_t Getpid() { return ::getpid(); }
+
+constexpr SystemCalls MakeReal() {
+    return SystemCalls{
+        .open = Open,
+        .close = ::close,
+        .read = ::read,
+        .pread = ::pread,
+        .write = ::write,
+        .pwrite = ::pwrite,
+        .writev = ::writev,
+        .lseek = ::lseek,
+        .fsync = ::fsync,
+        .ftruncate = ::ftruncate,
+        .flock = ::flock,
+        .fcntl = Fcntl,
+        .fstat = Fstat,
+        .fchmod = ::fchmod,
+        .stat = Stat,
+        .access = ::access,
+        .rename = Rename,
+        .link = ::link,
+        .unlink = ::unlink,
+        .mkdir = ::mkdir,
+        .readlink = ::readlink,
+        .getcwd = ::getcwd,
+        .opendir = ::opendir,
+        .readdir = ::readdir,
+        .closedir = ::closedir,
+        .mmap = ::mmap,
+        .munmap = ::munmap,
+        .clock_gettime = ::clock_gettime,
+        .getpid = Getpid,
+        .sysconf = ::sysconf,
+    };
+}
+
+const SystemCalls kReal = MakeReal();
+// Constant-initialised, so that calls made while other files' statics are built find it filled.
+constinit SystemCalls g_current = MakeReal();
+
+}  // namespace
+
+const SystemCalls& RealSystemCalls() { return kReal; }
+SystemCalls& Sys() { return g_current; }
+
+}  // namespace tavik::platform
