@@ -1,19 +1,21 @@
 // tavik store: looks inside any compound file (the library's stores, or any other).
 //   tavik store tree FILE        one line per element: type, size, path
-//   tavik store cat FILE PATH    one stream's bytes to standard output
+//   tavik store cat FILE PATH    one stream's bytes
 // Names are shown as UTF-8 with control characters as \xNN; the same escapes are accepted in PATH.
-#include <cstdio>
+#include <cctype>
+#include <list>
 #include <string>
 #include <vector>
 
 #include "host/Commands.h"
+#include "messages/CStorageManager.h"
 #include "platform/OleStorage.h"
 #include "platform/Unicode.h"
 
 namespace tavik::host {
+
 namespace {
 
-constexpr DWORD kReadMode = STGM_READ | STGM_SHARE_DENY_NONE | STGM_TRANSACTED;
 constexpr DWORD kElementMode = STGM_READ | STGM_SHARE_EXCLUSIVE;
 
 std::string Show(const OLECHAR* name) {
@@ -30,28 +32,49 @@ std::string Show(const OLECHAR* name) {
     return out + ::detail::WideToUtf8(text.substr(run));
 }
 
-// UTF-8 with \xNN escapes -> UTF-16.
-std::u16string Parse(const std::string& s) {
-    std::u16string out;
+// UTF-8 with \xNN escapes -> the library's single-byte names (Windows-1252). False when a character has
+// no place in it: no store of the library's has such a name.
+bool Parse(const std::string& s, std::string& name) {
+    std::u16string wide;
     std::size_t run = 0;
     for (std::size_t i = 0; i < s.size();) {
-        if (s[i] == '\\' && i + 3 < s.size() && s[i + 1] == 'x') {
-            out += ::detail::Utf8ToWide(std::string_view(s).substr(run, i - run));
-            out.push_back(static_cast<char16_t>(std::stoul(s.substr(i + 2, 2), nullptr, 16)));
+        if (s[i] == '\\' && i + 3 < s.size() && s[i + 1] == 'x' &&
+            std::isxdigit(static_cast<unsigned char>(s[i + 2])) &&
+            std::isxdigit(static_cast<unsigned char>(s[i + 3]))) {
+            wide += ::detail::Utf8ToWide(std::string_view(s).substr(run, i - run));
+            wide.push_back(static_cast<char16_t>(std::stoul(s.substr(i + 2, 2), nullptr, 16)));
             run = i += 4;
         } else {
             ++i;
         }
     }
-    return out + ::detail::Utf8ToWide(std::string_view(s).substr(run));
+    wide += ::detail::Utf8ToWide(std::string_view(s).substr(run));
+    name.assign(wide.size(), '\0');
+    BOOL lossy = FALSE;
+    int n =
+        WideCharToMultiByte(CP_ACP, 0, reinterpret_cast<LPCWSTR>(wide.data()), static_cast<int>(wide.size()),
+                            name.data(), static_cast<int>(name.size()), nullptr, &lossy);
+    return wide.empty() || (n == static_cast<int>(wide.size()) && !lossy);
 }
 
-int Fail(const std::string& what, HRESULT hr) {
-    std::fprintf(stderr, "tavik store: %s: error 0x%08X\n", what.c_str(), static_cast<unsigned>(hr));
-    return 1;
+std::string Describe(HRESULT hr) {
+    char text[16];
+    std::snprintf(text, sizeof text, "0x%08X", static_cast<unsigned>(hr));
+    return text;
 }
 
-HRESULT Tree(IStorage* stg, const std::string& prefix, int depth) {
+// Read-only and shared, so that a store the library holds open can be looked at and a missing file is
+// not created: the storage manager opens its files to write and creates them. Null after a failure.
+IStorage* OpenForReading(const Invocation& call, const std::string& file) {
+    IStorage* root = nullptr;
+    HRESULT hr = StgOpenStorage(file.c_str(), nullptr, STGM_READ | STGM_SHARE_DENY_NONE | STGM_TRANSACTED,
+                                nullptr, 0, &root);
+    if (FAILED(hr)) call.Fail(file + ": error " + Describe(hr));
+    return FAILED(hr) ? nullptr : root;
+}
+
+// The storage manager has no listing of elements: the tree walks the storages itself.
+HRESULT Tree(FILE* out, IStorage* stg, const std::string& prefix, int depth) {
     IEnumSTATSTG* en = nullptr;
     HRESULT hr = stg->EnumElements(0, nullptr, 0, &en);
     if (FAILED(hr)) return hr;
@@ -60,13 +83,13 @@ HRESULT Tree(IStorage* stg, const std::string& prefix, int depth) {
     while (SUCCEEDED(hr) && en->Next(1, &st, &got) == S_OK) {
         std::string path = prefix + "/" + Show(st.pwcsName);
         bool storage = st.type == STGTY_STORAGE;
-        std::printf("%-7s %12llu  %s\n", storage ? "storage" : "stream",
-                    static_cast<unsigned long long>(st.cbSize.QuadPart), path.c_str());
+        std::fprintf(out, "%-7s %12llu  %s\n", storage ? "storage" : "stream",
+                     static_cast<unsigned long long>(st.cbSize.QuadPart), path.c_str());
         if (storage && depth < 256) {
             IStorage* sub = nullptr;
             hr = stg->OpenStorage(st.pwcsName, nullptr, kElementMode, nullptr, 0, &sub);
             if (SUCCEEDED(hr)) {
-                hr = Tree(sub, path, depth + 1);
+                hr = Tree(out, sub, path, depth + 1);
                 sub->Release();
             }
         }
@@ -76,63 +99,86 @@ HRESULT Tree(IStorage* stg, const std::string& prefix, int depth) {
     return hr;
 }
 
-int Cat(IStorage* root, const std::string& path) {
+int RunTree(const Invocation& call) {
+    const std::string& file = call.args.Positional(0);
+    IStorage* root = OpenForReading(call, file);
+    if (!root) return 1;
+    CStorageManager store(root);
+    root->Release();
+    std::fprintf(call.out, "%-7s %12s  %s\n", "storage", "0", "/");
+    HRESULT hr = Tree(call.out, store.GetStorage(), "", 0);
+    return FAILED(hr) ? call.Fail(file + ": error " + Describe(hr)) : 0;
+}
+
+int RunCat(const Invocation& call) {
+    const std::string& file = call.args.Positional(0);
+    const std::string& path = call.args.Positional(1);
     std::vector<std::string> parts;
-    std::size_t start = 0;
-    while (start <= path.size()) {
+    for (std::size_t start = 0; start <= path.size();) {
         std::size_t slash = path.find('/', start);
         if (slash == std::string::npos) slash = path.size();
-        if (slash > start) parts.push_back(path.substr(start, slash - start));
+        if (slash > start) {
+            std::string name;
+            if (!Parse(path.substr(start, slash - start), name))
+                return call.Fail(path + ": a name outside Windows-1252, which no store of the library uses");
+            parts.push_back(name);
+        }
         start = slash + 1;
     }
-    if (parts.empty()) return Fail(path + ": no stream named", STG_E_INVALIDNAME);
-    IStorage* at = root;
-    at->AddRef();
-    for (std::size_t i = 0; i + 1 < parts.size(); ++i) {
-        IStorage* next = nullptr;
-        HRESULT hr = at->OpenStorage(Parse(parts[i]).c_str(), nullptr, kElementMode, nullptr, 0, &next);
-        at->Release();
-        if (FAILED(hr)) return Fail(parts[i], hr);
-        at = next;
-    }
-    IStream* s = nullptr;
-    HRESULT hr = at->OpenStream(Parse(parts.back()).c_str(), nullptr, kElementMode, 0, &s);
-    at->Release();
-    if (FAILED(hr)) return Fail(path, hr);
-    std::vector<unsigned char> buf(1 << 16);
-    ULONG n = 0;
-    while (SUCCEEDED(hr = s->Read(buf.data(), static_cast<ULONG>(buf.size()), &n)) && n > 0) {
-        if (std::fwrite(buf.data(), 1, n, stdout) != n) {
-            s->Release();
-            return Fail("standard output", STG_E_WRITEFAULT);
+    if (parts.empty()) throw UsageError("PATH names no stream");
+    IStorage* root = OpenForReading(call, file);
+    if (!root) return 1;
+    // The innermost storage first, so that each is closed before its parent.
+    std::list<CStorageManager> open;
+    open.emplace_front(root);
+    root->Release();
+    std::string bytes;
+    try {
+        for (std::size_t i = 0; i + 1 < parts.size(); ++i) {
+            IStorage* parent = open.front().GetStorage();
+            open.emplace_front().OpenSubStorage(parent, parts[i].c_str(), kElementMode, false, false);
         }
+        if (!open.front().ReadBytes(parts.back().c_str(), bytes)) return call.Fail(path + ": no such stream");
+    } catch (CStorageManagerException* e) {
+        // Its text has gone to the error window already.
+        e->Delete();
+        return call.Fail("cannot read " + path + " in " + file);
     }
-    s->Release();
-    if (FAILED(hr)) return Fail(path, hr);
-    return std::fflush(stdout) == 0 ? 0 : 1;
+    if (std::fwrite(bytes.data(), 1, bytes.size(), call.out) != bytes.size() || std::fflush(call.out) != 0)
+        return call.Fail("cannot write the stream's bytes");
+    return 0;
 }
 
 }  // namespace
 
-int RunStore(const Args& args) {
-    if (args.size() < 2 || (args[0] == "tree" && args.size() != 2) ||
-        (args[0] == "cat" && args.size() != 3) || (args[0] != "tree" && args[0] != "cat")) {
-        std::fprintf(stderr, "usage: tavik store tree FILE\n       tavik store cat FILE PATH\n");
-        return 2;
-    }
-    IStorage* root = nullptr;
-    HRESULT hr = StgOpenStorage(args[1].c_str(), nullptr, kReadMode, nullptr, 0, &root);
-    if (FAILED(hr)) return Fail(args[1], hr);
-    int rc;
-    if (args[0] == "tree") {
-        std::printf("%-7s %12s  %s\n", "storage", "0", "/");
-        hr = Tree(root, "", 0);
-        rc = FAILED(hr) ? Fail(args[1], hr) : 0;
-    } else {
-        rc = Cat(root, args[2]);
-    }
-    root->Release();
-    return rc;
+const Command& StoreCommand() {
+    static const Command command{
+        .name = "store",
+        .summary = "show the tree of a compound file, or one stream's bytes",
+        .details = "Names are shown as UTF-8 with control characters as \\xNN; PATH takes the same escapes.",
+        .subcommands =
+            {
+                {
+                    .name = "tree",
+                    .summary = "one line per element of FILE: type, size, path",
+                    .arguments = "FILE",
+                    .minArguments = 1,
+                    .maxArguments = 1,
+                    .run = RunTree,
+                },
+                {
+                    .name = "cat",
+                    .summary = "the bytes of the stream at PATH (storages/stream) in FILE",
+                    .arguments = "FILE PATH",
+                    .minArguments = 2,
+                    .maxArguments = 2,
+                    .details =
+                        "Names are written as 'tree' shows them, UTF-8 with control characters as \\xNN.",
+                    .run = RunCat,
+                },
+            },
+    };
+    return command;
 }
 
 }  // namespace tavik::host

@@ -1,24 +1,20 @@
-// The host's sub-commands. Each returns the process exit code: 0 done, 1 failed, 2 bad usage.
+// The commands of `tavik`, each defined in its own host/Cmd*.cpp (host/CommandLine.h tells how to add one).
 #pragma once
 
-#include <string>
 #include <vector>
+
+#include "host/CommandLine.h"
 
 namespace tavik::host {
 
-using Args = std::vector<std::string>;
+const Command& VersionCommand();
+const Command& CheckCommand();
+const Command& DemoCommand();
+const Command& ScanCommand();
+const Command& RegistryCommand();
+const Command& StoreCommand();
 
-struct Command {
-    const char* name;
-    const char* summary;
-    int (*run)(const Args& args);
-};
-
-int RunVersion(const Args& args);
-int RunCheck(const Args& args);
-int RunDemo(const Args& args);
-int RunScan(const Args& args);
-int RunRegistry(const Args& args);
-int RunStore(const Args& args);
+// Every command, in the order `tavik help` lists them.
+const std::vector<const Command*>& AllCommands();
 
 }  // namespace tavik::host

@@ -7,10 +7,10 @@
 
 namespace tavik::host {
 
-ErrorWindowHost::ErrorWindowHost() {
-    CErrorWindow::SetRowObserver([](const CString& row) {
-        std::fprintf(stderr, "tavik: error: %s\n", row.GetString());
-        std::fflush(stderr);
+ErrorWindowHost::ErrorWindowHost(FILE* err) {
+    CErrorWindow::SetRowObserver([err](const CString& row) {
+        std::fprintf(err, "tavik: error: %s\n", row.GetString());
+        std::fflush(err);
     });
     m_thread = AfxBeginThread(RUNTIME_CLASS(CErrorWindow), 0, 0, CREATE_SUSPENDED);
     if (!m_thread) return;

@@ -1,6 +1,8 @@
-// The library's error window for the command-line host: started for the whole run, its new rows
-// printed to standard error as they arrive.
+// The library's error window for the command-line host: started while a command runs, its new rows
+// printed to the command's error stream as they arrive.
 #pragma once
+
+#include <cstdio>
 
 class CWinThread;
 
@@ -9,7 +11,7 @@ namespace tavik::host {
 class ErrorWindowHost {
 public:
     // Starts the error thread and waits (briefly) until it takes reports.
-    ErrorWindowHost();
+    explicit ErrorWindowHost(FILE* err);
     // Cancels the dialog and waits for the thread to end.
     ~ErrorWindowHost();
     ErrorWindowHost(const ErrorWindowHost&) = delete;

@@ -1,0 +1,114 @@
+#include "host/Dispatch.h"
+
+#include "host/Commands.h"
+#include "host/ErrorWindowHost.h"
+
+namespace tavik::host {
+
+namespace {
+
+const Command* Find(const std::vector<Command>& commands, const std::string& name) {
+    for (const Command& c : commands)
+        if (c.name == name) return &c;
+    return nullptr;
+}
+
+const Command* FindTop(const std::string& name) {
+    for (const Command* c : AllCommands())
+        if (c->name == name) return c;
+    return nullptr;
+}
+
+void PrintOverview(FILE* to) {
+    std::fprintf(to, "usage: tavik COMMAND [ARGS...]\n\ncommands:\n");
+    for (const Command* c : AllCommands())
+        std::fprintf(to, "  %-10s %s\n", c->name.c_str(), c->summary.c_str());
+    std::fprintf(to, "  %-10s %s\n", "help", "describe a command: tavik help COMMAND");
+}
+
+// Walks from args[at] down the sub-commands; returns the command reached (its path in path) and leaves
+// at on its first argument. Null, with the message in error, when a name is missing or unknown.
+const Command* Resolve(const std::vector<std::string>& args, size_t& at, std::string& path,
+                       std::string& error) {
+    const Command* command = FindTop(args[at]);
+    if (!command) {
+        error = "tavik: unknown command '" + args[at] + "'";
+        return nullptr;
+    }
+    path = "tavik " + command->name;
+    for (++at; !command->subcommands.empty(); ++at) {
+        if (at == args.size() || args[at] == "--help" || args[at] == "-h") return command;
+        const Command* sub = Find(command->subcommands, args[at]);
+        if (!sub) {
+            error = path + ": unknown command '" + args[at] + "'";
+            return nullptr;
+        }
+        command = sub;
+        path += " " + sub->name;
+    }
+    return command;
+}
+
+int Help(const std::vector<std::string>& names, FILE* out, FILE* err) {
+    if (names.empty()) {
+        PrintOverview(out);
+        return 0;
+    }
+    size_t at = 0;
+    std::string path, error;
+    const Command* command = Resolve(names, at, path, error);
+    if (!command) {
+        std::fprintf(err, "%s\n", error.c_str());
+        return 2;
+    }
+    std::fputs(HelpText(*command, path).c_str(), out);
+    return 0;
+}
+
+}  // namespace
+
+int RunTavik(const std::vector<std::string>& args, FILE* out, FILE* err) {
+    if (args.empty()) {
+        PrintOverview(err);
+        return 2;
+    }
+    if (args[0] == "help" || args[0] == "--help" || args[0] == "-h")
+        return Help(std::vector<std::string>(args.begin() + 1, args.end()), out, err);
+    size_t at = 0;
+    std::string path, error;
+    const Command* command = Resolve(args, at, path, error);
+    if (!command) {
+        std::fprintf(err, "%s\n", error.c_str());
+        if (path.empty())
+            PrintOverview(err);
+        else
+            std::fprintf(err, "try '%s --help'\n", path.c_str());
+        return 2;
+    }
+    const std::vector<std::string> rest(args.begin() + static_cast<std::ptrdiff_t>(at), args.end());
+    if (!command->run) {  // a command with sub-commands, none named (Resolve stopped at --help or the end)
+        if (!rest.empty()) {
+            std::fputs(HelpText(*command, path).c_str(), out);
+            return 0;
+        }
+        std::fprintf(err, "%stry '%s --help'\n", UsageText(*command, path).c_str(), path.c_str());
+        return 2;
+    }
+    Invocation call{path, {}, out, err};
+    try {
+        call.args = ParseArguments(*command, rest);
+        if (call.args.HelpWanted()) {
+            std::fputs(HelpText(*command, path).c_str(), out);
+            return 0;
+        }
+        // Storage failures the library reports go to err while the command runs.
+        ErrorWindowHost errorWindow(err);
+        return command->run(call);
+    } catch (const UsageError& e) {
+        std::fprintf(err, "%s: %s\n%stry '%s --help'\n", path.c_str(), e.what(),
+                     UsageText(*command, path).c_str(), path.c_str());
+        return 2;
+    }
+}
+
+}  // namespace tavik::host
