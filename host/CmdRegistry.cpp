@@ -12,8 +12,8 @@ namespace tavik::host {
 
 namespace {
 
-int Report(const Invocation& call, const std::string& what, LONG code) {
-    std::string why = RegGetLastMessage();
+int Report(const Invocation& call, const std::string& what, LONG code,
+           const std::string& why = RegGetLastMessage()) {
     return call.Fail(what + " (error " + std::to_string(code) + ")" + (why.empty() ? "" : ": " + why));
 }
 
@@ -60,8 +60,9 @@ int Export(const Invocation& call) {
         temp = file + ".new" + (n ? std::to_string(n) : "");
         code = registry.SaveRegistryKey(temp.c_str());
     }
+    const std::string why = RegGetLastMessage();  // before Close clears it
     registry.Close();
-    if (code != ERROR_SUCCESS) return Report(call, "cannot write " + file, code);
+    if (code != ERROR_SUCCESS) return Report(call, "cannot write " + file, code, why);
     std::error_code error;
     std::filesystem::rename(temp, file, error);
     if (error) {

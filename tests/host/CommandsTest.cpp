@@ -119,6 +119,9 @@ TEST_F(Commands, RegistryImportMergesAndExportWritesThroughTheRegistryManager) {
     EXPECT_EQ(missing.rc, 1);
     EXPECT_EQ(missing.err, "tavik registry export: no key HKEY_CURRENT_USER\\Software\\Nobody\n");
     EXPECT_FALSE(KeyExists("Software\\Nobody"));
+    Outcome unwritable = Tavik({"registry", "export", "HKCU\\Software", m_dir.file("none/out.reg")});
+    EXPECT_EQ(unwritable.rc, 1);
+    EXPECT_NE(unwritable.err.find("No such file or directory"), std::string::npos) << unwritable.err;
     EXPECT_FALSE(KeyExists("X"));
     EXPECT_EQ(Tavik({"registry", "export", "hkey_current_user\\Software\\Brannick\\Tavik Mail", out}).rc, 0);
     EXPECT_EQ(ReadFile(out), kExported);
