@@ -1,0 +1,73 @@
+#include "transport/CTextPlain.h"
+
+#include <algorithm>
+#include <cstring>
+#include <string>
+#include <string_view>
+
+#include "transport/internal/LineBreaks.h"
+
+namespace {
+
+bool IsSpace(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
+
+}  // namespace
+
+int CTextPlain::AppendPart(const char* content, const char* parameters, int encoding, int isPath,
+                           CString& destination) {
+    destination += build_sub_header(content, parameters, encoding, isPath);
+    if (content == nullptr) return 1;
+    std::string text(content);
+    detail::CrlfLineEnds(text);
+    destination += wrap_text(text.c_str());
+    return 1;
+}
+
+CString CTextPlain::build_sub_header(const char* content, const char* parameters, int encoding, int isPath) {
+    CString header;
+    header.Format("Content-Type: %s%s\r\n", GetContentTypeString().GetString(),
+                  detail::OneLine(parameters ? parameters : "").c_str());
+    header += "Content-Transfer-Encoding: ";
+    header += "7Bit";
+    header += "\r\n\r\n";
+    return header;
+}
+
+// The wrapper edits the text it walks: a break replaces the white space around the last space seen by
+// CRLF, and the walk goes on at the next index of the edited text. Redoing that on one string would copy
+// the whole rest at every break, so the edited text grows in `s` while the untouched rest stays in the
+// input; edits happen at or behind the walk, and an edit that would change nothing is skipped (a long
+// word re-breaks at the same place at every width step).
+CString CTextPlain::wrap_text(const char* text) const {
+    if (text == nullptr) return CString();
+    std::string_view rest(text, std::strlen(text));
+    std::string s;
+    s.reserve(rest.size() + rest.size() / 32 + 16);
+    auto has = [&](size_t index) {
+        if (index >= s.size() && !rest.empty()) {
+            size_t take = std::min(rest.size(), std::max<size_t>(index + 1 - s.size(), 64 * 1024));
+            s.append(rest.substr(0, take));
+            rest.remove_prefix(take);
+        }
+        return index < s.size();
+    };
+    const size_t width = m_nWrapPos;
+    size_t column = 0, lastSpace = 0;
+    for (size_t i = 0; has(i); ++i) {
+        if (s[i] == ' ') lastSpace = i;
+        size_t here = (s[i] == '\r' && has(i + 1) && s[i + 1] == '\n') ? 0 : column;
+        if (here > width) {
+            // Left and right of the last space as the string functions clamp them.
+            size_t at = lastSpace;
+            if (!has(at)) at = s.size();
+            size_t lo = at, hi = at;
+            while (lo > 0 && IsSpace(s[lo - 1])) --lo;
+            while (has(hi) && IsSpace(s[hi])) ++hi;
+            if (!(hi - lo == 2 && s[lo] == '\r' && s[lo + 1] == '\n')) s.replace(lo, hi - lo, "\r\n");
+            column = 0;
+        } else {
+            column = here + 1;
+        }
+    }
+    return CString(std::move(s));
+}
