@@ -56,6 +56,10 @@ ScriptedServer& ScriptedServer::Expect(std::string line) {
     m_steps.push_back({Step::kExpect, std::move(line)});
     return *this;
 }
+ScriptedServer& ScriptedServer::ExpectData(std::string text) {
+    m_steps.push_back({Step::kExpectData, std::move(text)});
+    return *this;
+}
 ScriptedServer& ScriptedServer::Send(std::string bytes, size_t chunk) {
     m_steps.push_back({Step::kSend, std::move(bytes), chunk});
     return *this;
@@ -105,7 +109,9 @@ std::string ScriptedServer::Finish(int timeoutMs) {
             m_step < m_steps.size()) {
             const Step& s = m_steps[m_step];
             m_errors.push_back("script unfinished at step " + std::to_string(m_step + 1) +
-                               (s.kind == Step::kExpect ? " (expecting " + Visible(s.text) + ")" : ""));
+                               (s.kind == Step::kExpect || s.kind == Step::kExpectData
+                                    ? " (expecting " + Visible(s.text.substr(0, 200)) + ")"
+                                    : ""));
         }
     }
     Stop();
@@ -181,13 +187,14 @@ static bool ReadMore(int conn, int wake, std::string& inbuf, std::mutex& mutex, 
     return true;
 }
 
-bool ScriptedServer::ReadLine(std::string& line) {
-    size_t nl;
-    while ((nl = m_inbuf.find('\n')) == std::string::npos) {
+bool ScriptedServer::ReadThrough(const std::string& mark, std::string& text) {
+    size_t at, from = 0;
+    while ((at = m_inbuf.find(mark, from)) == std::string::npos) {
+        from = m_inbuf.size() >= mark.size() ? m_inbuf.size() - mark.size() + 1 : 0;
         if (!ReadMore(m_conn, m_wake[0], m_inbuf, m_mutex, m_received)) return false;
     }
-    line = m_inbuf.substr(0, nl + 1);
-    m_inbuf.erase(0, nl + 1);
+    text = m_inbuf.substr(0, at + mark.size());
+    m_inbuf.erase(0, at + mark.size());
     return true;
 }
 
@@ -228,9 +235,10 @@ void ScriptedServer::RunSteps() {
         const Step& s = m_steps[i];
         std::string where = "step " + std::to_string(i + 1) + ": ";
         switch (s.kind) {
-            case Step::kExpect: {
+            case Step::kExpect:
+            case Step::kExpectData: {
                 std::string line;
-                if (!ReadLine(line)) {
+                if (!ReadThrough(s.kind == Step::kExpect ? "\n" : "\r\n.\r\n", line)) {
                     Error(where + "connection ended while expecting " + Visible(s.text));
                     return;
                 }

@@ -32,6 +32,9 @@ public:
     // Script steps, run in order. Build the whole script before Start().
     // Reads one line (through "\n") and compares it with line, which includes its "\r\n".
     ScriptedServer& Expect(std::string line);
+    // Reads through the first "\r\n.\r\n" (an SMTP message's end mark) and compares everything read with
+    // text, which includes the end mark.
+    ScriptedServer& ExpectData(std::string text);
     // Writes bytes. chunk > 0 writes them in pieces of that many bytes with pauseMs between pieces
     // (chunk 1 dribbles byte by byte).
     ScriptedServer& Send(std::string bytes, size_t chunk = 0);
@@ -60,7 +63,7 @@ public:
 
 private:
     struct Step {
-        enum Kind { kExpect, kSend, kDelay, kClose, kHold, kMark, kGate } kind;
+        enum Kind { kExpect, kExpectData, kSend, kDelay, kClose, kHold, kMark, kGate } kind;
         std::string text;
         size_t chunk = 0;
         int ms = 0;
@@ -70,7 +73,7 @@ private:
     void RunSteps();
     void MarkDone();
     bool AcceptOne();
-    bool ReadLine(std::string& line);
+    bool ReadThrough(const std::string& mark, std::string& text);
     bool WriteAll(const char* data, size_t size);
     bool Pause(int ms);  // false when stopping
     void CloseConnection();
