@@ -1,12 +1,11 @@
 #include "platform/Clock.h"
 
-#include <time.h>
-
 #include <atomic>
 #include <mutex>
 
 #include "platform/CTime.h"
 #include "platform/Kernel.h"
+#include "platform/internal/SystemCalls.h"
 
 namespace {
 
@@ -20,13 +19,13 @@ std::atomic<bool> g_timePinned{false};
 
 DWORD realTickCount() {
     struct timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
+    tavik::platform::Sys().clock_gettime(CLOCK_MONOTONIC, &ts);
     return static_cast<DWORD>(std::uint64_t(ts.tv_sec) * 1000u + std::uint64_t(ts.tv_nsec) / 1000000u);
 }
 
 std::int64_t realTime() {
     struct timespec ts;
-    clock_gettime(CLOCK_REALTIME, &ts);
+    tavik::platform::Sys().clock_gettime(CLOCK_REALTIME, &ts);
     return static_cast<std::int64_t>(ts.tv_sec);
 }
 

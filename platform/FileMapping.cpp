@@ -2,8 +2,6 @@
 
 #include <fcntl.h>
 #include <sys/mman.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <map>
@@ -13,11 +11,14 @@
 
 #include "platform/Kernel.h"
 #include "platform/internal/FileMappingObject.h"
+#include "platform/internal/SystemCalls.h"
+
+using tavik::platform::Sys;
 
 namespace detail {
 
 FileMappingObject::~FileMappingObject() {
-    if (fd >= 0) ::close(fd);
+    if (fd >= 0) Sys().close(fd);
 }
 
 }  // namespace detail
@@ -39,7 +40,7 @@ bool writable(DWORD protect) { return (protect & 0xFF) == PAGE_READWRITE; }
 
 }  // namespace
 
-DWORD TavikAllocationGranularity() { return static_cast<DWORD>(sysconf(_SC_PAGESIZE)); }
+DWORD TavikAllocationGranularity() { return static_cast<DWORD>(Sys().sysconf(_SC_PAGESIZE)); }
 
 HANDLE CreateFileMapping(HANDLE file, SECURITY_ATTRIBUTES* security, DWORD protect, DWORD maximumSizeHigh,
                          DWORD maximumSizeLow, const char* name) {
@@ -68,9 +69,9 @@ HANDLE CreateFileMapping(HANDLE file, SECURITY_ATTRIBUTES* security, DWORD prote
             SetLastError(ERROR_INVALID_PARAMETER);
             return nullptr;
         }
-        fd = memfd_create("tavik-mapping", MFD_CLOEXEC);
-        if (fd < 0 || ftruncate(fd, static_cast<off_t>(size)) != 0) {
-            if (fd >= 0) ::close(fd);
+        fd = Sys().memfd_create("tavik-mapping", MFD_CLOEXEC);
+        if (fd < 0 || Sys().ftruncate(fd, static_cast<off_t>(size)) != 0) {
+            if (fd >= 0) Sys().close(fd);
             SetLastError(ERROR_NOT_ENOUGH_MEMORY);
             return nullptr;
         }
@@ -80,7 +81,7 @@ HANDLE CreateFileMapping(HANDLE file, SECURITY_ATTRIBUTES* security, DWORD prote
             SetLastError(ERROR_INVALID_HANDLE);
             return nullptr;
         }
-        int mode = fcntl(fileFd, F_GETFL);
+        int mode = Sys().fcntl(fileFd, F_GETFL, 0);
         if (mode < 0) {
             SetLastError(ERROR_INVALID_HANDLE);
             return nullptr;
@@ -91,7 +92,7 @@ HANDLE CreateFileMapping(HANDLE file, SECURITY_ATTRIBUTES* security, DWORD prote
             return nullptr;
         }
         struct stat st;
-        if (fstat(fileFd, &st) != 0) {
+        if (Sys().fstat(fileFd, &st) != 0) {
             SetLastError(ERROR_INVALID_HANDLE);
             return nullptr;
         }
@@ -108,13 +109,13 @@ HANDLE CreateFileMapping(HANDLE file, SECURITY_ATTRIBUTES* security, DWORD prote
                     ERROR_NOT_ENOUGH_MEMORY);  // Windows: ERROR_NOT_ENOUGH_MEMORY for a read-only grow
                 return nullptr;
             }
-            if (ftruncate(fileFd, static_cast<off_t>(size)) != 0) {
+            if (Sys().ftruncate(fileFd, static_cast<off_t>(size)) != 0) {
                 SetLastError(ERROR_ACCESS_DENIED);
                 return nullptr;
             }
         }
         // Our own descriptor, so that the mapping outlives a CFile that closes first.
-        fd = fcntl(fileFd, F_DUPFD_CLOEXEC, 0);
+        fd = Sys().fcntl(fileFd, F_DUPFD_CLOEXEC, 0);
         if (fd < 0) {
             SetLastError(ERROR_NOT_ENOUGH_MEMORY);
             return nullptr;
@@ -165,7 +166,7 @@ LPVOID MapViewOfFile(HANDLE mapping, DWORD desiredAccess, DWORD offsetHigh, DWOR
     }
     int prot = PROT_READ | (wantWrite || copy ? PROT_WRITE : 0);
     int flags = copy || object->protect == PAGE_WRITECOPY ? MAP_PRIVATE : MAP_SHARED;
-    void* address = mmap(nullptr, size, prot, flags, object->fd, static_cast<off_t>(offset));
+    void* address = Sys().mmap(nullptr, size, prot, flags, object->fd, static_cast<off_t>(offset));
     if (address == MAP_FAILED) {
         SetLastError(errno == ENOMEM ? ERROR_NOT_ENOUGH_MEMORY : ERROR_ACCESS_DENIED);
         return nullptr;
@@ -187,7 +188,7 @@ BOOL UnmapViewOfFile(LPCVOID baseAddress) {
         view = std::move(found->second);
         g_views.erase(found);
     }
-    munmap(const_cast<void*>(baseAddress), view.length);
+    Sys().munmap(const_cast<void*>(baseAddress), view.length);
     return TRUE;
 }
 
@@ -216,7 +217,7 @@ BOOL FlushViewOfFile(LPCVOID baseAddress, SIZE_T size) {
         start = viewStart + (static_cast<size_t>(address - viewStart) & ~pageMask);
         length += static_cast<size_t>(address - start);
     }
-    if (msync(const_cast<char*>(start), length, MS_SYNC) != 0) {
+    if (Sys().msync(const_cast<char*>(start), length, MS_SYNC) != 0) {
         SetLastError(ERROR_ACCESS_DENIED);
         return FALSE;
     }

@@ -1,15 +1,12 @@
 #include "platform/FileSystem.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <fnmatch.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -17,7 +14,11 @@
 #include <string>
 #include <vector>
 
+#include "platform/internal/SystemCalls.h"
+
 namespace {
+
+using tavik::platform::Sys;
 
 void copyCut(char* out, size_t size, const std::string& text) {
     if (!out) return;
@@ -61,7 +62,7 @@ void fillFindData(const std::string& fullPath, const std::string& name, const st
                   WIN32_FIND_DATA* data) {
     std::memset(data, 0, sizeof *data);
     data->dwFileAttributes = S_ISDIR(st.st_mode) ? FILE_ATTRIBUTE_DIRECTORY : FILE_ATTRIBUTE_NORMAL;
-    if (access(fullPath.c_str(), W_OK) != 0 && !S_ISDIR(st.st_mode))
+    if (Sys().access(fullPath.c_str(), W_OK) != 0 && !S_ISDIR(st.st_mode))
         data->dwFileAttributes = (data->dwFileAttributes & ~FILE_ATTRIBUTE_NORMAL) | FILE_ATTRIBUTE_READONLY;
     data->ftCreationTime = toFileTime(st.st_ctim);
     data->ftLastAccessTime = toFileTime(st.st_atim);
@@ -144,15 +145,17 @@ UINT GetTempFileName(const char* pathName, const char* prefix, UINT unique, char
     }
     // Windows starts from the clock and walks the 16-bit space until a name is free.
     static std::atomic<UINT> counter{0};
-    auto now = std::chrono::steady_clock::now().time_since_epoch().count();
+    struct timespec ts {};
+    Sys().clock_gettime(CLOCK_MONOTONIC, &ts);
+    auto now = static_cast<std::uint64_t>(ts.tv_sec) * 1000000000u + static_cast<std::uint64_t>(ts.tv_nsec);
     UINT start = static_cast<UINT>((now ^ (now >> 16)) + counter.fetch_add(1)) & 0xFFFF;
     for (UINT i = 0; i < 0x10000; ++i) {
         UINT n = (start + i) & 0xFFFF;
         if (n == 0) continue;
         std::string name = nameFor(n);
-        int fd = open(name.c_str(), O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, 0600);
+        int fd = Sys().open(name.c_str(), O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, 0600);
         if (fd >= 0) {
-            close(fd);
+            Sys().close(fd);
             copyCut(tempFileName, MAX_PATH, name);
             return n;
         }
@@ -173,7 +176,7 @@ void TavikSetApplicationDirectory(const char* directory) {
 DWORD GetModuleFileName(HMODULE module, char* fileName, DWORD size) {
     std::string exe;
     char buf[4096];
-    ssize_t n = readlink("/proc/self/exe", buf, sizeof buf - 1);
+    ssize_t n = Sys().readlink("/proc/self/exe", buf, sizeof buf - 1);
     if (n > 0) exe.assign(buf, static_cast<size_t>(n));
     {
         std::lock_guard<std::mutex> lock(g_appDirLock);
@@ -203,11 +206,11 @@ BOOL DeleteFile(const char* fileName) {
         return FALSE;
     }
     struct stat st;
-    if (stat(fileName, &st) == 0 && S_ISDIR(st.st_mode)) {
+    if (Sys().stat(fileName, &st) == 0 && S_ISDIR(st.st_mode)) {
         SetLastError(ERROR_ACCESS_DENIED);
         return FALSE;
     }
-    if (unlink(fileName) != 0) {
+    if (Sys().unlink(fileName) != 0) {
         SetLastError(errnoToWin32(errno));
         return FALSE;
     }
@@ -216,12 +219,12 @@ BOOL DeleteFile(const char* fileName) {
 
 DWORD GetFileAttributes(const char* fileName) {
     struct stat st;
-    if (!fileName || stat(fileName, &st) != 0) {
+    if (!fileName || Sys().stat(fileName, &st) != 0) {
         SetLastError(fileName ? errnoToWin32(errno) : ERROR_INVALID_PARAMETER);
         return INVALID_FILE_ATTRIBUTES;
     }
     if (S_ISDIR(st.st_mode)) return FILE_ATTRIBUTE_DIRECTORY;
-    return access(fileName, W_OK) == 0 ? FILE_ATTRIBUTE_NORMAL : FILE_ATTRIBUTE_READONLY;
+    return Sys().access(fileName, W_OK) == 0 ? FILE_ATTRIBUTE_NORMAL : FILE_ATTRIBUTE_READONLY;
 }
 
 HANDLE FindFirstFile(const char* fileName, WIN32_FIND_DATA* findData) {
@@ -240,9 +243,9 @@ HANDLE FindFirstFile(const char* fileName, WIN32_FIND_DATA* findData) {
     std::string last = slash == std::string::npos ? pattern : pattern.substr(slash + 1);
     if (last.find_first_of("*?") == std::string::npos) {
         struct stat st;
-        if (stat(pattern.c_str(), &st) == 0) state->names.push_back(last);
+        if (Sys().stat(pattern.c_str(), &st) == 0) state->names.push_back(last);
     } else {
-        DIR* dir = opendir(state->directory.empty() ? "." : state->directory.c_str());
+        DIR* dir = Sys().opendir(state->directory.empty() ? "." : state->directory.c_str());
         if (!dir) {
             delete state;
             SetLastError(ERROR_PATH_NOT_FOUND);
@@ -250,10 +253,10 @@ HANDLE FindFirstFile(const char* fileName, WIN32_FIND_DATA* findData) {
         }
         // "*.*" means every name on Windows, dotted or not.
         bool all = last == "*.*" || last == "*";
-        while (dirent* e = readdir(dir)) {
+        while (dirent* e = Sys().readdir(dir)) {
             if (all || fnmatch(last.c_str(), e->d_name, FNM_CASEFOLD) == 0) state->names.push_back(e->d_name);
         }
-        closedir(dir);
+        Sys().closedir(dir);
         std::sort(state->names.begin(), state->names.end());
     }
     if (!FindNextFile(state, findData)) {
@@ -274,7 +277,7 @@ BOOL FindNextFile(HANDLE find, WIN32_FIND_DATA* findData) {
         const std::string& name = state->names[state->next++];
         std::string full = state->directory + name;
         struct stat st;
-        if (stat(full.c_str(), &st) != 0) continue;  // gone since the listing
+        if (Sys().stat(full.c_str(), &st) != 0) continue;  // gone since the listing
         fillFindData(full, name, st, findData);
         return TRUE;
     }

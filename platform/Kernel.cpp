@@ -1,7 +1,5 @@
 #include "platform/Kernel.h"
 
-#include <unistd.h>
-
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -11,6 +9,7 @@
 #include <thread>
 
 #include "platform/internal/KernelObjects.h"
+#include "platform/internal/SystemCalls.h"
 
 // The file-mapping family (platform/internal/FileMappingObject.h) keeps its objects in this table.
 namespace detail {
@@ -279,7 +278,7 @@ DWORD GetCurrentThreadId() {
     return t_threadId;
 }
 
-DWORD GetCurrentProcessId() { return static_cast<DWORD>(getpid()); }
+DWORD GetCurrentProcessId() { return static_cast<DWORD>(tavik::platform::Sys().getpid()); }
 
 namespace {
 void threadMain(std::shared_ptr<ThreadObject> self) {

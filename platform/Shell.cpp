@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "platform/FileSystem.h"
+#include "platform/internal/SystemCalls.h"
 
 namespace {
 
@@ -148,7 +149,7 @@ DWORD_PTR SHGetFileInfo(const char* path, DWORD fileAttributes, SHFILEINFO* info
         directory = (fileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
     } else {
         struct stat st;
-        if (p.empty() || stat(p.c_str(), &st) != 0) return 0;
+        if (p.empty() || tavik::platform::Sys().stat(p.c_str(), &st) != 0) return 0;
         directory = S_ISDIR(st.st_mode);
     }
     std::string name = p.substr(p.rfind('/') == std::string::npos ? 0 : p.rfind('/') + 1);

@@ -1,14 +1,18 @@
 // The structured-storage entry points and the task allocator.
 #include "platform/OleStorage.h"
 
+#include <fcntl.h>
+
 #include <cstdlib>
 #include <cstring>
 
 #include "platform/CString.h"
 #include "platform/Unicode.h"
 #include "platform/compound/internal/Handles.h"
+#include "platform/internal/SystemCalls.h"
 
 using namespace detail;
+using tavik::platform::Sys;
 
 namespace {
 
@@ -156,11 +160,11 @@ HRESULT StgOpenStorageOnMemory(const void* data, size_t size, IStorage** ppstgOp
 
 HRESULT StgIsStorageFile(const char* path) {
     if (!path) return STG_E_INVALIDNAME;
-    FILE* f = std::fopen(path, "rb");
-    if (!f) return STG_E_FILENOTFOUND;
+    int fd = Sys().open(path, O_RDONLY | O_CLOEXEC, 0);
+    if (fd < 0) return STG_E_FILENOTFOUND;
     unsigned char sig[8] = {};
-    size_t n = std::fread(sig, 1, sizeof sig, f);
-    std::fclose(f);
+    ssize_t n = Sys().pread(fd, sig, sizeof sig, 0);
+    Sys().close(fd);
     return n == 8 && std::memcmp(sig, cfb::kSignature, 8) == 0 ? S_OK : S_FALSE;
 }
 

@@ -5,14 +5,18 @@
 
 #include <cstdio>
 
+#include "platform/internal/SystemCalls.h"
+
+using tavik::platform::Sys;
+
 // The kernel's count of runnable threads (the "4/180" field of /proc/loadavg) includes the caller.
 bool detail::CpusOversubscribed() {
-    static const long cpus = sysconf(_SC_NPROCESSORS_ONLN);
-    int fd = open("/proc/loadavg", O_RDONLY | O_CLOEXEC);
+    static const long cpus = Sys().sysconf(_SC_NPROCESSORS_ONLN);
+    int fd = Sys().open("/proc/loadavg", O_RDONLY | O_CLOEXEC, 0);
     if (fd < 0) return false;
     char text[128];
-    ssize_t n = read(fd, text, sizeof text - 1);
-    close(fd);
+    ssize_t n = Sys().read(fd, text, sizeof text - 1);
+    Sys().close(fd);
     if (n <= 0) return false;
     text[n] = '\0';
     long running = 0;

@@ -77,6 +77,9 @@ struct SystemCalls {
     // Memory.
     SystemCall<void*(void* address, size_t length, int protection, int flags, int fd, off_t offset)> mmap;
     SystemCall<int(void* address, size_t length)> munmap;
+    SystemCall<int(void* address, size_t length, int flags)> msync;
+    SystemCall<int(void* address, size_t length, int advice)> madvise;
+    SystemCall<int(const char* name, unsigned flags)> memfd_create;
     // The clocks, the process and the machine.
     SystemCall<int(clockid_t clock, struct timespec* out)> clock_gettime;
     SystemCall<pid_t()> getpid;

@@ -16,6 +16,8 @@
 #include <thread>
 #include <vector>
 
+#include "platform/internal/SystemCalls.h"
+
 #if defined(__SANITIZE_ADDRESS__)
 #define TAVIK_ASAN 1
 #elif defined(__has_feature)
@@ -34,6 +36,8 @@
 
 namespace detail {
 namespace {
+
+using tavik::platform::Sys;
 
 constexpr std::size_t kSlab = 2u << 20;
 constexpr std::size_t kAlign = 16;
@@ -82,10 +86,10 @@ private:
     // the retired pages back whenever memory is short (MADV_FREE); until then reuse costs nothing.
     void Retire(Slab* slab) {
         if (m_retired.size() >= kRetainSlabs) {
-            ::munmap(slab, kSlab);
+            Sys().munmap(slab, kSlab);
             return;
         }
-        ::madvise(slab, kSlab, MADV_FREE);
+        Sys().madvise(slab, kSlab, MADV_FREE);
         m_retired.push_back(slab);
     }
 
@@ -98,15 +102,15 @@ private:
             // Twice the size, then trimmed to an aligned slab, so that the owner of any buffer is found
             // by masking its address.
             void* raw =
-                ::mmap(nullptr, 2 * kSlab, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+                Sys().mmap(nullptr, 2 * kSlab, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
             if (raw == MAP_FAILED) return false;
             auto start = reinterpret_cast<std::uintptr_t>(raw);
             auto aligned = (start + kSlab - 1) & ~(kSlab - 1);
-            if (aligned > start) ::munmap(raw, aligned - start);
+            if (aligned > start) Sys().munmap(raw, aligned - start);
             if (aligned + kSlab < start + 2 * kSlab)
-                ::munmap(reinterpret_cast<void*>(aligned + kSlab), start + 2 * kSlab - aligned - kSlab);
+                Sys().munmap(reinterpret_cast<void*>(aligned + kSlab), start + 2 * kSlab - aligned - kSlab);
             slab = reinterpret_cast<Slab*>(aligned);
-            if (m_slabs >= kHugeAfter) ::madvise(slab, kSlab, MADV_HUGEPAGE);
+            if (m_slabs >= kHugeAfter) Sys().madvise(slab, kSlab, MADV_HUGEPAGE);
             TAVIK_POISON(reinterpret_cast<unsigned char*>(slab) + kHeader, kSlab - kHeader);
         }
         slab->live = 0;
@@ -158,15 +162,17 @@ public:
             if (head) __builtin_prefetch(head, 1);
         } else {
             if (m_left < bytes) {
-                void* raw =
-                    ::mmap(nullptr, 2 * kSlab, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+                void* raw = Sys().mmap(nullptr, 2 * kSlab, PROT_READ | PROT_WRITE,
+                                       MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
                 if (raw == MAP_FAILED) return nullptr;
                 auto start = reinterpret_cast<std::uintptr_t>(raw);
                 auto aligned = (start + kSlab - 1) & ~(kSlab - 1);
-                if (aligned > start) ::munmap(raw, aligned - start);
+                if (aligned > start) Sys().munmap(raw, aligned - start);
                 if (aligned + kSlab < start + 2 * kSlab)
-                    ::munmap(reinterpret_cast<void*>(aligned + kSlab), start + 2 * kSlab - aligned - kSlab);
-                if (++m_slabs > kHugeAfter) ::madvise(reinterpret_cast<void*>(aligned), kSlab, MADV_HUGEPAGE);
+                    Sys().munmap(reinterpret_cast<void*>(aligned + kSlab),
+                                 start + 2 * kSlab - aligned - kSlab);
+                if (++m_slabs > kHugeAfter)
+                    Sys().madvise(reinterpret_cast<void*>(aligned), kSlab, MADV_HUGEPAGE);
                 m_next = reinterpret_cast<unsigned char*>(aligned);
                 m_left = kSlab;
                 TAVIK_POISON(m_next, kSlab);
@@ -240,9 +246,9 @@ void PoolFree(void* p, std::size_t bytes) {
 
 void* LargeAllocate(std::size_t bytes) {
     if (bytes < kSlab) return ::operator new(bytes ? bytes : 1);
-    void* p = ::mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    void* p = Sys().mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (p == MAP_FAILED) throw std::bad_alloc();
-    ::madvise(p, bytes, MADV_HUGEPAGE);
+    Sys().madvise(p, bytes, MADV_HUGEPAGE);
     return p;
 }
 
@@ -252,7 +258,7 @@ void LargeFree(void* p, std::size_t bytes) {
         ::operator delete(p);
         return;
     }
-    ::munmap(p, bytes);
+    Sys().munmap(p, bytes);
 }
 
 void ByteBuffer::Reserve(std::size_t n) {

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <utility>
 
 #include "platform/internal/SystemCalls.h"
 
@@ -53,6 +54,52 @@ const char kSchema[] =
     " (0, CAST('HKEY_CURRENT_USER' AS BLOB), CAST('HKEY_CURRENT_USER' AS BLOB));";
 
 const char* const kRootNames[] = {"HKEY_CLASSES_ROOT", "HKEY_CURRENT_USER"};
+
+// SQLite's own file calls, sent through the platform's table so that tests reach them as they reach
+// ours. Its syncs and locks cannot be redirected (its table has no entry for them).
+int SqliteOpen(const char* path, int flags, int mode) {
+    return Sys().open(path, flags, static_cast<mode_t>(mode));
+}
+int SqliteClose(int fd) { return Sys().close(fd); }
+ssize_t SqliteRead(int fd, void* buffer, size_t count) { return Sys().read(fd, buffer, count); }
+ssize_t SqlitePread(int fd, void* buffer, size_t count, off_t offset) {
+    return Sys().pread(fd, buffer, count, offset);
+}
+ssize_t SqliteWrite(int fd, const void* buffer, size_t count) { return Sys().write(fd, buffer, count); }
+ssize_t SqlitePwrite(int fd, const void* buffer, size_t count, off_t offset) {
+    return Sys().pwrite(fd, buffer, count, offset);
+}
+int SqliteFtruncate(int fd, off_t length) { return Sys().ftruncate(fd, length); }
+int SqliteFstat(int fd, struct stat* out) { return Sys().fstat(fd, out); }
+int SqliteStat(const char* path, struct stat* out) { return Sys().stat(path, out); }
+int SqliteUnlink(const char* path) { return Sys().unlink(path); }
+int SqliteMkdir(const char* path, mode_t mode) { return Sys().mkdir(path, mode); }
+int SqliteFchmod(int fd, mode_t mode) { return Sys().fchmod(fd, mode); }
+
+// Before the first connection: SQLite reads its table without a lock.
+void RouteSqliteThroughTable() {
+    sqlite3_vfs* vfs = sqlite3_vfs_find(nullptr);
+    if (!vfs || vfs->iVersion < 3 || !vfs->xSetSystemCall) return;
+    const std::pair<const char*, sqlite3_syscall_ptr> routes[] = {
+        {"open", reinterpret_cast<sqlite3_syscall_ptr>(SqliteOpen)},
+        {"close", reinterpret_cast<sqlite3_syscall_ptr>(SqliteClose)},
+        {"read", reinterpret_cast<sqlite3_syscall_ptr>(SqliteRead)},
+        {"pread", reinterpret_cast<sqlite3_syscall_ptr>(SqlitePread)},
+        {"pread64", reinterpret_cast<sqlite3_syscall_ptr>(SqlitePread)},
+        {"write", reinterpret_cast<sqlite3_syscall_ptr>(SqliteWrite)},
+        {"pwrite", reinterpret_cast<sqlite3_syscall_ptr>(SqlitePwrite)},
+        {"pwrite64", reinterpret_cast<sqlite3_syscall_ptr>(SqlitePwrite)},
+        {"ftruncate", reinterpret_cast<sqlite3_syscall_ptr>(SqliteFtruncate)},
+        {"fstat", reinterpret_cast<sqlite3_syscall_ptr>(SqliteFstat)},
+        {"stat", reinterpret_cast<sqlite3_syscall_ptr>(SqliteStat)},
+        {"unlink", reinterpret_cast<sqlite3_syscall_ptr>(SqliteUnlink)},
+        {"mkdir", reinterpret_cast<sqlite3_syscall_ptr>(SqliteMkdir)},
+        {"fchmod", reinterpret_cast<sqlite3_syscall_ptr>(SqliteFchmod)},
+    };
+    // An entry this build of SQLite does not use is not there to set; that is fine.
+    for (const auto& [name, call] : routes)
+        if (vfs->xGetSystemCall(vfs, name)) vfs->xSetSystemCall(vfs, name, call);
+}
 
 std::int64_t NowSeconds() {
     struct timespec ts {};
@@ -239,7 +286,11 @@ LONG StoreDatabase::Open(const std::string& path) {
     }
     // Allocation statistics cost a global mutex on every allocation; nothing here reads them. Too late
     // (and harmless) when SQLite is already in use.
-    static const int configured = sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0);
+    static const int configured = [] {
+        int rc = sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0);
+        RouteSqliteThroughTable();
+        return rc;
+    }();
     (void)configured;
     int rc = sqlite3_open_v2(path.c_str(), &m_db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr);
     if (rc != SQLITE_OK) {
