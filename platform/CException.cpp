@@ -104,40 +104,41 @@ int CFileException::OsErrorToException(LONG osError) {
         case ERROR_FILE_NOT_FOUND:
             return fileNotFound;
         case ERROR_PATH_NOT_FOUND:
-        case detail::ERROR_NOT_SAME_DEVICE:
-        case detail::ERROR_INVALID_NAME:
-        case detail::ERROR_FILENAME_EXCED_RANGE:
-        case detail::ERROR_DIRECTORY:
+        case tavik::platform::ERROR_NOT_SAME_DEVICE:
+        case tavik::platform::ERROR_INVALID_NAME:
+        case tavik::platform::ERROR_FILENAME_EXCED_RANGE:
+        case tavik::platform::ERROR_DIRECTORY:
             return badPath;
-        case detail::ERROR_TOO_MANY_OPEN_FILES:
+        case tavik::platform::ERROR_TOO_MANY_OPEN_FILES:
             return tooManyOpenFiles;
         case ERROR_ACCESS_DENIED:
-        case detail::ERROR_INVALID_ACCESS:
-        case detail::ERROR_FILE_EXISTS:
+        case tavik::platform::ERROR_WRITE_PROTECT:
+        case tavik::platform::ERROR_INVALID_ACCESS:
+        case tavik::platform::ERROR_FILE_EXISTS:
         case ERROR_ALREADY_EXISTS:
             return accessDenied;
         case ERROR_INVALID_HANDLE:
             return invalidFile;
-        case detail::ERROR_CURRENT_DIRECTORY:
-        case detail::ERROR_DIR_NOT_EMPTY:
+        case tavik::platform::ERROR_CURRENT_DIRECTORY:
+        case tavik::platform::ERROR_DIR_NOT_EMPTY:
             return removeCurrentDir;
-        case detail::ERROR_SEEK:
-        case detail::ERROR_NEGATIVE_SEEK:
+        case tavik::platform::ERROR_SEEK:
+        case tavik::platform::ERROR_NEGATIVE_SEEK:
             return badSeek;
-        case detail::ERROR_WRITE_FAULT:
-        case detail::ERROR_READ_FAULT:
-        case detail::ERROR_GEN_FAILURE:
+        case tavik::platform::ERROR_WRITE_FAULT:
+        case tavik::platform::ERROR_READ_FAULT:
+        case tavik::platform::ERROR_GEN_FAILURE:
             return hardIO;
-        case detail::ERROR_SHARING_VIOLATION:
-        case detail::ERROR_BUSY:
+        case tavik::platform::ERROR_SHARING_VIOLATION:
+        case tavik::platform::ERROR_BUSY:
             return sharingViolation;
-        case detail::ERROR_LOCK_VIOLATION:
+        case tavik::platform::ERROR_LOCK_VIOLATION:
             return lockViolation;
-        case detail::ERROR_DISK_FULL:
-        case detail::ERROR_HANDLE_DISK_FULL:
-        case detail::ERROR_FILE_TOO_LARGE:
+        case tavik::platform::ERROR_DISK_FULL:
+        case tavik::platform::ERROR_HANDLE_DISK_FULL:
+        case tavik::platform::ERROR_FILE_TOO_LARGE:
             return diskFull;
-        case detail::ERROR_HANDLE_EOF:
+        case tavik::platform::ERROR_HANDLE_EOF:
             return endOfFile;
         default:
             return genericException;
@@ -145,7 +146,7 @@ int CFileException::OsErrorToException(LONG osError) {
 }
 
 int CFileException::ErrnoToException(int errnoValue) {
-    return OsErrorToException(detail::Win32ErrorFromErrno(errnoValue));
+    return OsErrorToException(tavik::platform::Win32ErrorFromErrno(errnoValue));
 }
 
 void CFileException::ThrowOsError(LONG osError, LPCTSTR fileName) {
@@ -154,7 +155,7 @@ void CFileException::ThrowOsError(LONG osError, LPCTSTR fileName) {
 
 void CFileException::ThrowErrno(int errnoValue, LPCTSTR fileName) {
     if (errnoValue != 0) {
-        LONG os = detail::Win32ErrorFromErrno(errnoValue);
+        LONG os = tavik::platform::Win32ErrorFromErrno(errnoValue);
         AfxThrowFileException(OsErrorToException(os), os, fileName);
     }
 }

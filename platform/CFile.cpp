@@ -109,12 +109,12 @@ BOOL CFile::Open(LPCTSTR fileName, UINT openFlags, CFileException* error) {
         fdesc = Sys().open(fileName, flags, mode);
     } while (fdesc < 0 && errno == EINTR);
     if (fdesc < 0) {
-        LONG os = detail::Win32ErrorFromErrno(errno);
+        LONG os = tavik::platform::Win32ErrorFromErrno(errno);
         return fail(CFileException::OsErrorToException(os), os);
     }
     auto failOpen = [&](int e) {
         Sys().close(fdesc);
-        LONG os = detail::Win32ErrorFromErrno(e);
+        LONG os = tavik::platform::Win32ErrorFromErrno(e);
         return fail(CFileException::OsErrorToException(os), os);
     };
     struct stat st;
@@ -186,7 +186,8 @@ ULONGLONG CFile::Seek(LONGLONG offset, UINT from) {
     std::int64_t pos = Sys().lseek(fd(), offset, whence);
     if (pos < 0) {
         if (errno == EINVAL)
-            AfxThrowFileException(CFileException::badSeek, detail::ERROR_NEGATIVE_SEEK, m_strFileName);
+            AfxThrowFileException(CFileException::badSeek, tavik::platform::ERROR_NEGATIVE_SEEK,
+                                  m_strFileName);
         throwErrno(errno, m_strFileName);
     }
     return static_cast<ULONGLONG>(pos);

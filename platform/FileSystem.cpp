@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/internal/OsErrors.h"
 #include "platform/internal/SystemCalls.h"
 
 namespace {
@@ -27,26 +28,7 @@ void copyCut(char* out, size_t size, const std::string& text) {
     out[n] = '\0';
 }
 
-DWORD errnoToWin32(int err) {
-    switch (err) {
-        case ENOENT:
-            return ERROR_FILE_NOT_FOUND;
-        case ENOTDIR:
-            return ERROR_PATH_NOT_FOUND;
-        case EACCES:
-        case EPERM:
-        case EROFS:
-            return ERROR_ACCESS_DENIED;
-        case EEXIST:
-            return ERROR_FILE_EXISTS;
-        case EISDIR:
-            return ERROR_ACCESS_DENIED;  // DeleteFile on a directory says so on Windows
-        case ENOMEM:
-            return ERROR_NOT_ENOUGH_MEMORY;
-        default:
-            return ERROR_INVALID_PARAMETER;
-    }
-}
+DWORD errnoToWin32(int err) { return static_cast<DWORD>(tavik::platform::Win32ErrorFromErrno(err)); }
 
 std::mutex g_appDirLock;
 std::string g_appDir;

@@ -18,6 +18,7 @@
 #include <climits>
 #include <cstring>
 
+#include "platform/internal/OsErrors.h"
 #include "platform/net/internal/SocketOps.h"
 
 namespace detail::net {
@@ -30,58 +31,6 @@ constexpr int kSockDgram = 2;
 constexpr int kMsgOob = 0x1;
 constexpr int kMsgPeek = 0x2;
 constexpr int kSolSocket = 0xffff;
-
-// errno -> Windows Sockets code. EINTR only surfaces from accept (the others restart), where Windows
-// reports a cancelled blocking call. A bad descriptor is "not a socket", as Windows says for a bad handle.
-// EPIPE means the connection is gone; a Windows send on such a socket reports a reset.
-constexpr CodeRow kErrnoRows[] = {
-    {EINTR, 10004, "interrupted call"},
-    {EBADF, 10038, "bad descriptor"},
-    {EACCES, 10013, "permission denied"},
-    {EPERM, 10013, "operation not permitted"},
-    {EFAULT, 10014, "bad address"},
-    {EINVAL, 10022, "invalid argument"},
-    {EMFILE, 10024, "too many open files"},
-    {ENFILE, 10024, "file table full"},
-    {EAGAIN, 10035, "would block"},
-    {EINPROGRESS, 10036, "in progress"},
-    {EALREADY, 10037, "already in progress"},
-    {ENOTSOCK, 10038, "not a socket"},
-    {EDESTADDRREQ, 10039, "destination required"},
-    {EMSGSIZE, 10040, "message too long"},
-    {EPROTOTYPE, 10041, "wrong protocol type"},
-    {ENOPROTOOPT, 10042, "bad option"},
-    {EPROTONOSUPPORT, 10043, "protocol not supported"},
-    {ESOCKTNOSUPPORT, 10044, "socket type not supported"},
-    {EOPNOTSUPP, 10045, "operation not supported"},
-    {EPFNOSUPPORT, 10046, "protocol family not supported"},
-    {EAFNOSUPPORT, 10047, "address family not supported"},
-    {EADDRINUSE, 10048, "address in use"},
-    {EADDRNOTAVAIL, 10049, "address not available"},
-    {ENETDOWN, 10050, "network down"},
-    {ENETUNREACH, 10051, "network unreachable"},
-    {ENETRESET, 10052, "network reset"},
-    {ECONNABORTED, 10053, "connection aborted"},
-    {ECONNRESET, 10054, "connection reset"},
-    {EPIPE, 10054, "broken pipe"},
-    {ENOBUFS, 10055, "no buffer space"},
-    {ENOMEM, 10055, "out of memory"},
-    {EISCONN, 10056, "already connected"},
-    {ENOTCONN, 10057, "not connected"},
-    {ESHUTDOWN, 10058, "shut down"},
-    {ETOOMANYREFS, 10059, "too many references"},
-    {ETIMEDOUT, 10060, "timed out"},
-    {ECONNREFUSED, 10061, "connection refused"},
-    {ELOOP, 10062, "too many links"},
-    {ENAMETOOLONG, 10063, "name too long"},
-    {EHOSTDOWN, 10064, "host down"},
-    {EHOSTUNREACH, 10065, "host unreachable"},
-    {ENOTEMPTY, 10066, "directory not empty"},
-    {EUSERS, 10068, "too many users"},
-    {EDQUOT, 10069, "quota exceeded"},
-    {ESTALE, 10070, "stale handle"},
-    {EREMOTE, 10071, "remote object"},
-};
 
 // getaddrinfo/getnameinfo results -> Windows Sockets code. EAI_SYSTEM goes through errno instead.
 constexpr CodeRow kResolverRows[] = {
@@ -203,15 +152,9 @@ bool reservedInvalidName(const char* name) {
 
 }  // namespace
 
-std::span<const CodeRow> ErrnoTable() { return kErrnoRows; }
 std::span<const CodeRow> ResolverTable() { return kResolverRows; }
 
-int WsaFromErrno(int err) {
-    if (err == EWOULDBLOCK) err = EAGAIN;
-    for (const CodeRow& row : kErrnoRows)
-        if (row.from == err) return row.to;
-    return kUnmapped;
-}
+int WsaFromErrno(int err) { return tavik::platform::SocketErrorFromErrno(err); }
 
 int WsaFromResolver(int result, int savedErrno) {
     if (result == EAI_SYSTEM) return WsaFromErrno(savedErrno);

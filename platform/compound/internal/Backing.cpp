@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "platform/compound/internal/Tree.h"
+#include "platform/internal/OsErrors.h"
 #include "platform/internal/SystemCalls.h"
 
 namespace detail {
@@ -154,26 +155,24 @@ std::unique_ptr<ByteStore> MakeMemoryStore(std::vector<unsigned char> bytes) {
 std::unique_ptr<ByteStore> MakeFileStore(int fd) { return std::make_unique<FileStore>(fd); }
 
 HRESULT ErrnoToStg(int error, HRESULT fallback) {
-    switch (error) {
-        case ENOENT:
+    namespace os = tavik::platform;
+    switch (os::Win32ErrorFromErrno(error)) {
+        case ERROR_FILE_NOT_FOUND:
             return STG_E_FILENOTFOUND;
-        case ENOTDIR:
+        case ERROR_PATH_NOT_FOUND:
             return STG_E_PATHNOTFOUND;
-        case EACCES:
-        case EPERM:
+        case ERROR_ACCESS_DENIED:
             return STG_E_ACCESSDENIED;
-        case EROFS:
+        case os::ERROR_WRITE_PROTECT:
             return STG_E_DISKISWRITEPROTECTED;
-        case ENOSPC:
-        case EDQUOT:
-        case EFBIG:
+        case os::ERROR_DISK_FULL:
+        case os::ERROR_FILE_TOO_LARGE:
             return STG_E_MEDIUMFULL;
-        case EMFILE:
-        case ENFILE:
+        case os::ERROR_TOO_MANY_OPEN_FILES:
             return STG_E_TOOMANYOPENFILES;
-        case ENOMEM:
+        case ERROR_NOT_ENOUGH_MEMORY:
             return STG_E_INSUFFICIENTMEMORY;
-        case EWOULDBLOCK:
+        case os::ERROR_SHARING_VIOLATION:
             return STG_E_SHAREVIOLATION;
         default:
             return fallback;

@@ -47,14 +47,13 @@ int OsHostByName(const char* name, HostInfo& out, int& error);
 int OsHostByAddr(std::uint32_t addr, HostInfo& out, int& error);
 int OsHostName(std::string& out, int& error);
 
-// The translation from system error numbers and resolver results to Windows Sockets codes. Exposed so
-// that a test can walk it.
+// The translation from resolver results to Windows Sockets codes, exposed so that a test can walk it;
+// system error numbers go through the platform's one errno table (platform/internal/OsErrors.h).
 struct CodeRow {
     int from;
     int to;
     const char* what;
 };
-std::span<const CodeRow> ErrnoTable();
 std::span<const CodeRow> ResolverTable();
 // Codes not in the tables become WSASYSCALLFAILURE, so an unexpected failure is still a failure.
 int WsaFromErrno(int err);
