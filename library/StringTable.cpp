@@ -4,6 +4,9 @@ namespace tavik {
 
 // Kept in ascending order of number; each family adds its own rows.
 const AFX_STRING_RESOURCE kStringTable[] = {
+    {109, "Account Name"},
+    {110, "Index File"},
+    {111, "Active"},
     {3053, "Numeric Data"},
     {3400, "Software\\Brannick\\Tavik Mail"},
     {3401, "Software\\Brannick\\Tavik Mail\\Users"},
