@@ -7,6 +7,7 @@ const std::vector<const Command*>& AllCommands() {
     static const std::vector<const Command*> commands = {
         &VersionCommand(),
         &CheckCommand(),
+        &SendCommand(),
         &DemoCommand(),
         &ScanCommand(),
         &RegistryCommand(),

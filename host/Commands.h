@@ -13,6 +13,7 @@ const Command& DemoCommand();
 const Command& ScanCommand();
 const Command& RegistryCommand();
 const Command& StoreCommand();
+const Command& SendCommand();
 
 // Every command, in the order `tavik help` lists them.
 const std::vector<const Command*>& AllCommands();

@@ -1,0 +1,31 @@
+// Sending one message as the host does it: compose it (a plain message, or a MIME message when files are
+// attached), connect to the relay and run the transaction, showing the dialogue as it goes.
+#pragma once
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+namespace tavik::host {
+
+struct SendOptions {
+    std::string server;
+    int port = 25;
+    std::string from;
+    std::vector<std::string> to;  // "address" or "Name <address>"
+    std::string subject;
+    std::string body;  // any line ends; sent with CRLF
+    std::vector<std::string> attachments;
+    int timeLimit = 30;  // seconds for each socket wait
+};
+
+// A recipient as given on the command line: "Name <address>" or a bare address, trimmed. False when a
+// '<' has no '>' after it or the address is empty.
+bool SplitRecipient(const std::string& text, std::string& address, std::string& name);
+
+// Checks the options (recipients readable, attachments readable), then sends. The client's commands go
+// to out as "> ..." (the message itself as its size), the server's replies as "< ..." the moment they
+// arrive. Failures go to err as "tavik send: ...". Returns the exit code: 0 sent, 1 failed.
+int RunMailSend(const SendOptions& options, FILE* out, FILE* err);
+
+}  // namespace tavik::host
