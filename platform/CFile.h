@@ -42,6 +42,9 @@ public:
         // Our addition: a file that modeCreate creates gets mode 0600 instead of 0666 & ~umask (for
         // files that may hold passwords). An existing file keeps its mode.
         osOwnerOnly = 0x100000,
+        // Our addition, as CreateFile's CREATE_NEW: with modeCreate, the open fails (ERROR_FILE_EXISTS) when
+        // the name exists already, a symbolic link included, which is never followed.
+        osCreateNew = 0x200000,
     };
     // Share modes are advisory locks on the whole file, taken without waiting when the file is opened:
     // shareExclusive takes an exclusive lock, shareDenyWrite and shareDenyRead a shared one, shareCompat
