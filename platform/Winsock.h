@@ -177,7 +177,8 @@ int bind(SOCKET s, const sockaddr* name, int namelen);
 int listen(SOCKET s, int backlog);
 // addr and addrlen may both be null; otherwise *addrlen must be at least 16 and receives 16.
 SOCKET accept(SOCKET s, sockaddr* addr, int* addrlen);
-// An unanswered connect gives up after about 21 seconds with WSAETIMEDOUT, as on Windows.
+// An unanswered connect gives up after about 21 seconds with WSAETIMEDOUT, as on Windows. On a
+// non-blocking socket (ioctlsocket FIONBIO) it fails with WSAEWOULDBLOCK while the connection is made.
 int connect(SOCKET s, const sockaddr* name, int namelen);
 // Return the byte count, or SOCKET_ERROR. recv returns 0 once the peer has closed its side.
 int send(SOCKET s, const char* buf, int len, int flags);
@@ -202,6 +203,14 @@ constexpr int SO_ERROR = 0x1007;
 constexpr int SO_TYPE = 0x1008;
 int setsockopt(SOCKET s, int level, int optname, const char* optval, int optlen);
 int getsockopt(SOCKET s, int level, int optname, char* optval, int* optlen);
+
+// Socket modes, the one command the library needs. FIONBIO with *argp non-zero makes the socket
+// non-blocking: a connect then fails at once with WSAEWOULDBLOCK and goes on in the background (the
+// socket turns writable when it is done and SO_ERROR gives its outcome, 0 for success), and a transfer
+// that would have to wait fails with WSAEWOULDBLOCK. *argp zero makes it blocking again. Other commands
+// fail with WSAEINVAL.
+constexpr long FIONBIO = 0x8004667E;
+int ioctlsocket(SOCKET s, long cmd, ULONG* argp);
 
 // select on one socket without fd_set: waits until s is readable (or, with SOCKET_WAIT_WRITE, writable)
 // or the limit passes. Returns 1 when ready, 0 when the limit passed (the last error is left as it was,

@@ -8,7 +8,9 @@
 #include <climits>
 #include <cstdio>
 #include <cstring>
+#include <mutex>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "platform/net/internal/SocketOps.h"
@@ -19,6 +21,37 @@ using detail::net::HostInfo;
 namespace {
 
 std::atomic<int> g_startups{0};
+
+// The blocking clients set a send or receive time-out before every transfer, almost always to the value
+// it already has; remembering the last value set on each socket spares a system call per transfer.
+// Entries are dropped when a descriptor is made or closed, so a reused number never inherits one.
+class TimeoutCache {
+public:
+    bool Same(int fd, int option, int value) {
+        std::lock_guard lock(m_mutex);
+        auto it = m_values.find(key(fd, option));
+        return it != m_values.end() && it->second == value;
+    }
+    void Remember(int fd, int option, int value) {
+        std::lock_guard lock(m_mutex);
+        m_values[key(fd, option)] = value;
+    }
+    void Forget(int fd) {
+        std::lock_guard lock(m_mutex);
+        m_values.erase(key(fd, SO_SNDTIMEO));
+        m_values.erase(key(fd, SO_RCVTIMEO));
+    }
+
+private:
+    static long long key(int fd, int option) { return (static_cast<long long>(fd) << 16) | option; }
+    std::mutex m_mutex;
+    std::unordered_map<long long, int> m_values;
+};
+
+TimeoutCache& timeouts() {
+    static TimeoutCache cache;
+    return cache;
+}
 
 int failWith(int error) {
     WSASetLastError(error);
@@ -218,12 +251,14 @@ SOCKET socket(int af, int type, int protocol) {
         WSASetLastError(error);
         return INVALID_SOCKET;
     }
+    timeouts().Forget(fd);
     return static_cast<SOCKET>(fd);
 }
 
 int closesocket(SOCKET s) {
     int fd = 0, error = 0;
     if (!usable(s, fd)) return SOCKET_ERROR;
+    timeouts().Forget(fd);
     return detail::net::OsClose(fd, error) == 0 ? 0 : failWith(error);
 }
 
@@ -255,6 +290,7 @@ SOCKET accept(SOCKET s, sockaddr* addr, int* addrlen) {
         WSASetLastError(error);
         return INVALID_SOCKET;
     }
+    timeouts().Forget(client);
     writeAddress(peer, addr, addrlen);
     return static_cast<SOCKET>(client);
 }
@@ -328,7 +364,11 @@ int setsockopt(SOCKET s, int level, int optname, const char* optval, int optlen)
         std::memcpy(&value, optval, sizeof value);
     else
         value = static_cast<unsigned char>(optval[0]);
-    return detail::net::OsSetOption(fd, level, optname, value, error) == 0 ? 0 : failWith(error);
+    const bool timeout = level == SOL_SOCKET && (optname == SO_SNDTIMEO || optname == SO_RCVTIMEO);
+    if (timeout && timeouts().Same(fd, optname, value)) return 0;
+    if (detail::net::OsSetOption(fd, level, optname, value, error) != 0) return failWith(error);
+    if (timeout) timeouts().Remember(fd, optname, value);
+    return 0;
 }
 
 int getsockopt(SOCKET s, int level, int optname, char* optval, int* optlen) {
@@ -339,6 +379,14 @@ int getsockopt(SOCKET s, int level, int optname, char* optval, int* optlen) {
     std::memcpy(optval, &value, sizeof value);
     *optlen = sizeof value;
     return 0;
+}
+
+int ioctlsocket(SOCKET s, long cmd, ULONG* argp) {
+    int fd = 0, error = 0;
+    if (!usable(s, fd)) return SOCKET_ERROR;
+    if (!argp) return failWith(WSAEFAULT);
+    if (cmd != FIONBIO) return failWith(WSAEINVAL);
+    return detail::net::OsSetNonBlocking(fd, *argp != 0, error) == 0 ? 0 : failWith(error);
 }
 
 int WaitForSocket(SOCKET s, int what, long seconds, long microseconds) {

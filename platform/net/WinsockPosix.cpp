@@ -56,11 +56,16 @@ int fail(int& error, int err) {
     return -1;
 }
 
-// Our sockets are never non-blocking, so EAGAIN from a transfer means its SO_SNDTIMEO/SO_RCVTIMEO ran out,
-// which Windows reports as a time-out.
-int failTransfer(int& error, int err) {
+bool isNonBlocking(int fd) {
+    const int flags = ::fcntl(fd, F_GETFL);
+    return flags >= 0 && (flags & O_NONBLOCK) != 0;
+}
+
+// On a blocking socket EAGAIN from a transfer means its SO_SNDTIMEO/SO_RCVTIMEO ran out, which Windows
+// reports as a time-out; on a non-blocking one it is "would block".
+int failTransfer(int fd, int& error, int err) {
     if (err == EAGAIN || err == EWOULDBLOCK) {
-        error = 10060;
+        error = isNonBlocking(fd) ? 10035 : 10060;
         return -1;
     }
     return fail(error, err);
@@ -215,6 +220,16 @@ int OsConnect(int fd, const Endpoint& to, int& error) {
     // blocking.
     const int flags = ::fcntl(fd, F_GETFL);
     if (flags < 0) return fail(error, errno);
+    if (flags & O_NONBLOCK) {
+        // The caller waits for the outcome itself, as a Windows caller of a non-blocking connect does.
+        sockaddr_in sa = toSystem(to);
+        if (::connect(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa) == 0) return 0;
+        if (errno == EINPROGRESS || errno == EINTR) {
+            error = 10035;
+            return -1;
+        }
+        return fail(error, errno);
+    }
     if (::fcntl(fd, F_SETFL, flags | O_NONBLOCK) != 0) return fail(error, errno);
     const auto restore = [&](int result) {
         ::fcntl(fd, F_SETFL, flags);
@@ -245,11 +260,19 @@ int OsConnect(int fd, const Endpoint& to, int& error) {
 
 void SetConnectLimit(int milliseconds) { g_connectLimitMs = milliseconds; }
 
+int OsSetNonBlocking(int fd, bool on, int& error) {
+    const int flags = ::fcntl(fd, F_GETFL);
+    if (flags < 0) return fail(error, errno);
+    const int wanted = on ? flags | O_NONBLOCK : flags & ~O_NONBLOCK;
+    if (wanted != flags && ::fcntl(fd, F_SETFL, wanted) != 0) return fail(error, errno);
+    return 0;
+}
+
 long OsSend(int fd, const char* data, int length, int flags, int& error) {
     for (;;) {
         ssize_t n = ::send(fd, data, static_cast<size_t>(length), sysFlags(flags));
         if (n >= 0) return static_cast<long>(n);
-        if (errno != EINTR) return failTransfer(error, errno);
+        if (errno != EINTR) return failTransfer(fd, error, errno);
     }
 }
 
@@ -257,7 +280,7 @@ long OsRecv(int fd, char* data, int length, int flags, int& error) {
     for (;;) {
         ssize_t n = ::recv(fd, data, static_cast<size_t>(length), sysFlags(flags));
         if (n >= 0) return static_cast<long>(n);
-        if (errno != EINTR) return failTransfer(error, errno);
+        if (errno != EINTR) return failTransfer(fd, error, errno);
     }
 }
 
@@ -267,7 +290,7 @@ long OsSendTo(int fd, const char* data, int length, int flags, const Endpoint& t
         ssize_t n = ::sendto(fd, data, static_cast<size_t>(length), sysFlags(flags),
                              reinterpret_cast<sockaddr*>(&sa), sizeof sa);
         if (n >= 0) return static_cast<long>(n);
-        if (errno != EINTR) return failTransfer(error, errno);
+        if (errno != EINTR) return failTransfer(fd, error, errno);
     }
 }
 
@@ -286,7 +309,7 @@ long OsRecvFrom(int fd, char* data, int length, int flags, Endpoint* from, int& 
                 return fail(error, EMSGSIZE);
             return static_cast<long>(n);
         }
-        if (errno != EINTR) return failTransfer(error, errno);
+        if (errno != EINTR) return failTransfer(fd, error, errno);
     }
 }
 

@@ -29,8 +29,10 @@ int OsShutdown(int fd, int how, int& error);
 int OsBind(int fd, const Endpoint& at, int& error);
 int OsListen(int fd, int backlog, int& error);
 int OsAccept(int fd, Endpoint* peer, int& error);
-// Gives up with WSAETIMEDOUT after the connect limit (21 seconds, as Windows).
+// Gives up with WSAETIMEDOUT after the connect limit (21 seconds, as Windows). A non-blocking socket
+// gets WSAEWOULDBLOCK at once while the connection is being made.
 int OsConnect(int fd, const Endpoint& to, int& error);
+int OsSetNonBlocking(int fd, bool on, int& error);
 // For tests: the connect limit in milliseconds.
 void SetConnectLimit(int milliseconds);
 long OsSend(int fd, const char* data, int length, int flags, int& error);

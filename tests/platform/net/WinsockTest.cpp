@@ -204,6 +204,54 @@ TEST_F(Started, UnansweredConnectTimesOut) {
     closesocket(l);
 }
 
+// The caller of a non-blocking connect waits for it itself: writable when done, SO_ERROR the outcome.
+TEST_F(Started, NonBlockingConnectCompletesInTheBackground) {
+    auto outcome = [](SOCKET s, USHORT port, long waitMs) {
+        ULONG on = 1;
+        EXPECT_EQ(ioctlsocket(s, FIONBIO, &on), 0);
+        sockaddr_in to = loopback(port);
+        if (connect(s, reinterpret_cast<sockaddr*>(&to), sizeof to) == 0) return 0;
+        EXPECT_EQ(WSAGetLastError(), WSAEWOULDBLOCK);
+        if (WaitForSocket(s, SOCKET_WAIT_WRITE, 0, waitMs * 1000) != 1) return -1;
+        int error = -1, len = sizeof error;
+        EXPECT_EQ(getsockopt(s, SOL_SOCKET, SO_ERROR, reinterpret_cast<char*>(&error), &len), 0);
+        return error;
+    };
+    USHORT port = 0;
+    SOCKET l = listener(port);
+    SOCKET ok = socket(AF_INET, SOCK_STREAM, 0);
+    EXPECT_EQ(outcome(ok, port, 900), 0);
+    char c;
+    EXPECT_EQ(recv(ok, &c, 1, 0), SOCKET_ERROR);
+    EXPECT_EQ(WSAGetLastError(), WSAEWOULDBLOCK) << "nothing to read yet, and no waiting";
+    ULONG off = 0;
+    EXPECT_EQ(ioctlsocket(ok, FIONBIO, &off), 0);
+    const DWORD limitMs = 50;
+    setsockopt(ok, SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<const char*>(&limitMs), sizeof limitMs);
+    EXPECT_EQ(recv(ok, &c, 1, 0), SOCKET_ERROR);
+    EXPECT_EQ(WSAGetLastError(), WSAETIMEDOUT) << "blocking again";
+    EXPECT_EQ(ioctlsocket(ok, 0x4004667F, &off), SOCKET_ERROR);
+    EXPECT_EQ(WSAGetLastError(), WSAEINVAL);
+    closesocket(ok);
+    closesocket(l);
+
+    SOCKET refused = socket(AF_INET, SOCK_STREAM, 0);
+    EXPECT_EQ(outcome(refused, port, 900), WSAECONNREFUSED);
+    closesocket(refused);
+
+    // A full queue leaves the connect pending: the wait ends at its own limit, not the system's.
+    SOCKET full = listener(port, 0);
+    std::vector<SOCKET> queued;
+    int last = 0;
+    for (int i = 0; i < 8 && last != -1; ++i) {
+        queued.push_back(socket(AF_INET, SOCK_STREAM, 0));
+        last = outcome(queued.back(), port, 200);
+    }
+    EXPECT_EQ(last, -1);
+    for (SOCKET q : queued) closesocket(q);
+    closesocket(full);
+}
+
 TEST_F(Started, DatagramsKeepTheirSenderAndReportTruncation) {
     SOCKET rx = socket(AF_INET, SOCK_DGRAM, 0), tx = socket(AF_INET, SOCK_DGRAM, 0);
     sockaddr_in at = loopback(0);
