@@ -30,15 +30,20 @@ public:
     // any other failure throws "Accept".
     BOOL Accept(CBlockingSocket& into, sockaddr* peer);
 
+    // An event (may be null) that cancels Send and Receive while they wait: once it is signalled, a
+    // wait ends within 100 ms and the call throws with WSAEINTR ("Interrupted function call.."), as a
+    // cancelled blocking call does on Windows.
+    void SetCancelEvent(void* event) { m_hCancel = event; }
+
     // The four operations derived clients call through these virtual slots, in this order.
     //
-    // Waits until writable (at most seconds; "Send timeout" when nothing is ready), then one send of size
-    // bytes; returns the bytes sent, fewer when the peer stops reading for that long again. A failing
-    // wait falls through to the send, which reports "Send".
+    // One send of size bytes that waits at most seconds for room; returns the bytes sent, fewer when the
+    // peer stopped reading before all fitted. "Send timeout" when nothing fitted in time; "Send" when
+    // the send fails.
     virtual int Send(const char* data, int size, int seconds);
-    // Waits until readable (at most seconds), then one receive of at most size bytes; returns the bytes
-    // read, 0 when the peer has closed. "Receive timeout" when the wait ends with nothing ready or fails;
-    // "Receive" when the receive fails.
+    // One receive of at most size bytes that waits at most seconds for data; returns the bytes read, 0
+    // when the peer has closed. "Receive timeout" when nothing came in time; "Receive" when the receive
+    // fails.
     virtual int Receive(char* buffer, int size, int seconds);
     // As Send, to the given address; "Send timeout" / "SendDatagram".
     virtual int SendDatagram(const char* data, int size, const sockaddr* to, int seconds);
@@ -74,4 +79,10 @@ public:
 protected:
     // Negative seconds count as 0: no wait here is ever without a limit.
     static long limit(int seconds) { return seconds < 0 ? 0 : seconds; }
+
+private:
+    // One blocking transfer (send when data is const) bounded by seconds and the cancel event.
+    int Transfer(bool sending, char* data, int size, int seconds);
+
+    void* m_hCancel = nullptr;
 };

@@ -1,6 +1,8 @@
 #include "transport/CPopMail.h"
 
 #include <algorithm>
+#include <charconv>
+#include <climits>
 #include <cstdio>
 #include <cstring>
 #include <vector>
@@ -11,6 +13,7 @@
 #include "transport/CRC32i.h"
 #include "transport/internal/EndMarkScanner.h"
 #include "transport/internal/ReplyParts.h"
+#include "transport/internal/SocketWait.h"
 #include "util/XString.h"
 
 IMPLEMENT_DYNAMIC(CPopMail, CBlockingSocket)
@@ -34,10 +37,57 @@ CString Formatted(const char* format, int n) {
     return s;
 }
 
+// The whitespace-separated fields of a reply line, as "%s %d %d" reads them, without its overflows.
+struct Fields {
+    std::string_view word;
+    bool hasFirst = false, hasSecond = false;
+    long long first = 0, second = 0;
+};
+
+// A number field as %d reads one: optional sign, digits, anything after them ignored. Values beyond
+// what a long long holds saturate.
+bool ParseNumber(std::string_view& text, long long& value) {
+    std::size_t at = text.find_first_not_of(" \t\r\n\v\f");
+    if (at == std::string_view::npos) return false;
+    std::string_view t = text.substr(at);
+    bool negative = false;
+    if (!t.empty() && (t[0] == '+' || t[0] == '-')) {
+        negative = t[0] == '-';
+        t.remove_prefix(1);
+    }
+    unsigned long long magnitude = 0;
+    auto [end, ec] = std::from_chars(t.data(), t.data() + t.size(), magnitude);
+    if (end == t.data()) return false;
+    if (ec == std::errc::result_out_of_range || magnitude > static_cast<unsigned long long>(LLONG_MAX))
+        magnitude = static_cast<unsigned long long>(LLONG_MAX);
+    value = negative ? -static_cast<long long>(magnitude) : static_cast<long long>(magnitude);
+    // Like %d, the field ends where the digits end.
+    text = std::string_view(end, static_cast<std::size_t>(t.data() + t.size() - end));
+    return true;
+}
+
+Fields SplitFields(std::string_view line) {
+    Fields f;
+    std::size_t begin = line.find_first_not_of(" \t\r\n\v\f");
+    if (begin == std::string_view::npos) return f;
+    std::size_t end = line.find_first_of(" \t\r\n\v\f", begin);
+    if (end == std::string_view::npos) end = line.size();
+    f.word = line.substr(begin, end - begin);
+    std::string_view rest = line.substr(end);
+    f.hasFirst = ParseNumber(rest, f.first);
+    if (f.hasFirst) f.hasSecond = ParseNumber(rest, f.second);
+    return f;
+}
+
+int ClampToInt(long long v) { return static_cast<int>(std::clamp<long long>(v, INT_MIN, INT_MAX)); }
+
 }  // namespace
 
 CPopMail::CPopMail(void* terminationEvent, HWND statusWindow, int timeLimit)
-    : m_hStatusWnd(statusWindow), m_nTimeLimit(timeLimit), m_hTerminate(terminationEvent) {}
+    : m_hStatusWnd(statusWindow), m_nTimeLimit(timeLimit), m_hTerminate(terminationEvent) {
+    // A host that gives up must not wait for a silent server's time limit.
+    SetCancelEvent(terminationEvent);
+}
 
 CPopMail::~CPopMail() {
     // The host learns that the session object is gone even when its window was never checked.
@@ -45,6 +95,12 @@ CPopMail::~CPopMail() {
 }
 
 void CPopMail::Fail(CBlockingSocketException* e) {
+    if (e->m_nError == WSAEINTR && m_hTerminate != nullptr &&
+        WaitForSingleObject(m_hTerminate, 0) == WAIT_OBJECT_0) {
+        // A wait the termination event cut short.
+        e->Delete();
+        Terminated();
+    }
     CString text = e->GetErrorMessage() + "\r\n";
     e->Delete();
     NotifyStatusWindow(text, false);
@@ -62,9 +118,16 @@ void CPopMail::ReserveForListing(CString& reply, const char* first, int size) {
     if (announced > 0) reply.Preallocate(static_cast<int>(std::min(announced + 1024, kMaxReserve)));
 }
 
+void CPopMail::Terminated() { throw new CPopMailException("Forced Termination by user"); }
+
 void CPopMail::CheckTermination() {
-    if (m_hTerminate != nullptr && WaitForSingleObject(m_hTerminate, 0) == WAIT_OBJECT_0)
-        throw new CPopMailException("Forced Termination by user");
+    if (m_hTerminate != nullptr && WaitForSingleObject(m_hTerminate, 0) == WAIT_OBJECT_0) Terminated();
+}
+
+int CPopMail::ReceiveUntil(char* buffer, int size, detail::Deadline deadline) {
+    const auto left = std::chrono::ceil<std::chrono::seconds>(deadline - std::chrono::steady_clock::now());
+    if (left.count() <= 0) throw new CBlockingSocketException("Receive timeout");
+    return Receive(buffer, size, static_cast<int>(left.count()));
 }
 
 bool CPopMail::ReadReply(CString& reply, bool multiLine) {
@@ -123,20 +186,33 @@ bool CPopMail::Connect(const CString& host, int port) {
     try {
         Create(SOCK_STREAM);
         m_strServer = host;
+        m_strGreeting.Empty();
         NotifyStatusWindow(Formatted("Looking up %s..\r\n", host), true);
         CSockAddr address = GetHostByName(host, static_cast<unsigned short>(port));
         NotifyStatusWindow(Formatted("Connecting to %s..\r\n", host), false);
-        CBlockingSocket::Connect(address);
+        // The system's own connect would wait about 21 seconds whatever the host asked for.
+        const int connected =
+            detail::ConnectUntil(m_hSocket, address, detail::DeadlineAfter(m_nTimeLimit), m_hTerminate);
+        if (connected == detail::kStopped) Terminated();
+        if (connected != 0) throw new CBlockingSocketException("Connect");
+        // A greeting may come in pieces; the whole line gets the time limit, so a server dribbling it
+        // cannot stretch the wait.
+        const detail::Deadline deadline = detail::DeadlineAfter(m_nTimeLimit);
+        detail::EndMarkScanner lineEnd("\r\n");
         char buffer[kReceiveSize + 1];
-        int got = Receive(buffer, kReceiveSize, m_nTimeLimit);
-        if (got <= 0) return true;
-        // The greeting is a read like any other: a host that already gave up stops here.
-        CheckTermination();
-        buffer[got] = '\0';
-        CString greeting(buffer, got);
-        bool positive = IsPositive(greeting);
-        NotifyStatusWindow(greeting, false);
-        return positive;
+        for (;;) {
+            int got = ReceiveUntil(buffer, kReceiveSize, deadline);
+            if (got <= 0) break;
+            m_strGreeting.Append(buffer, got);
+            // The greeting is a read like any other: a host that already gave up stops here.
+            CheckTermination();
+            if (lineEnd.Find(m_strGreeting.str()) != detail::EndMarkScanner::npos) break;
+            if (m_strGreeting.GetLength() > kMaxLineReply)
+                throw new CPopMailException("The server's reply is too long\r\n");
+        }
+        if (m_strGreeting.IsEmpty()) return true;
+        NotifyStatusWindow(m_strGreeting, false);
+        return IsPositive(m_strGreeting);
     } catch (CBlockingSocketException* e) {
         Fail(e);
     }
@@ -168,26 +244,54 @@ bool CPopMail::MailBoxStats(int* count, int* size) {
         if (!SingleLineResponse("STAT\r\n", reply)) return false;
         if (!IsPositive(reply)) throw new CPopMailException(reply);
         reply.TrimRight();
-        std::vector<char> word(1000);
-        std::sscanf(reply, "%999s %d %d", word.data(), count, size);
+        const Fields f = SplitFields(reply.str());
+        if (f.hasFirst && (f.first < 0 || f.first > INT_MAX)) {
+            CString message;
+            message.Format("The server reported an impossible message count: %s\r\n", reply.GetString());
+            throw new CPopMailException(message);
+        }
+        if (f.hasFirst) *count = static_cast<int>(f.first);
+        if (f.hasSecond) *size = ClampToInt(f.second);
         return true;
     } catch (CBlockingSocketException* e) {
         Fail(e);
     }
 }
 
+long CPopMail::ParseListReply(const CString& listReply) {
+    if (!IsPositive(listReply)) throw new CPopMailException(listReply);
+    CString reply = listReply;
+    reply.TrimRight();
+    const Fields f = SplitFields(reply.str());
+    // The word field of "%99s" holds at most 99 characters.
+    if (f.word.substr(0, 99).find("-ERR") != std::string_view::npos) return -1;
+    return f.hasSecond ? ClampToInt(f.second) : 0;
+}
+
+bool CPopMail::ParseUidlReply(const CString& reply, CString& id) {
+    if (!IsPositive(reply)) {
+        CString message;
+        message.Format(
+            "%s\r\nThis server does not support the UIDL command. TavikMail cannot work with "
+            "this server\r\n",
+            reply.GetString());
+        NotifyStatusWindow(message, false);
+        throw new CPopMailException(message);
+    }
+    // Sized to the reply, so no field of a hostile reply can overrun its buffer.
+    std::vector<char> word(static_cast<size_t>(reply.GetLength()) + 1);
+    std::vector<char> uid(kReceiveSize + 1);
+    int number = 0;
+    std::sscanf(reply, "%s %d %16384s", word.data(), &number, uid.data());
+    id = uid.data();
+    return true;
+}
+
 long CPopMail::GetMsgSize(int n) {
     try {
-        int size = 0;
         CString reply;
         if (!SingleLineResponse(Formatted("LIST %d\r\n", n), reply)) return 0;
-        if (!IsPositive(reply)) throw new CPopMailException(reply);
-        reply.TrimRight();
-        char word[100] = {};
-        int number = 0;
-        std::sscanf(reply, "%99s %d %d", word, &number, &size);
-        if (CString(word).Find("-ERR") >= 0) size = -1;
-        return size;
+        return ParseListReply(reply);
     } catch (CBlockingSocketException* e) {
         Fail(e);
     }
@@ -197,22 +301,7 @@ bool CPopMail::GetIDString(int n, CString& id) {
     try {
         CString reply;
         if (!SingleLineResponse(Formatted("UIDL %d\r\n", n), reply)) return false;
-        if (!IsPositive(reply)) {
-            CString message;
-            message.Format(
-                "%s\r\nThis server does not support the UIDL command. TavikMail cannot work with "
-                "this server\r\n",
-                reply.GetString());
-            NotifyStatusWindow(message, false);
-            throw new CPopMailException(message);
-        }
-        // Sized to the reply, so no field of a hostile reply can overrun its buffer.
-        std::vector<char> word(static_cast<size_t>(reply.GetLength()) + 1);
-        std::vector<char> uid(kReceiveSize + 1);
-        int number = 0;
-        std::sscanf(reply, "%s %d %16384s", word.data(), &number, uid.data());
-        id = uid.data();
-        return true;
+        return ParseUidlReply(reply, id);
     } catch (CBlockingSocketException* e) {
         Fail(e);
     }
@@ -238,14 +327,20 @@ bool CPopMail::GetHeader(int n, CMessageList& record) {
         StripResponse(header, status);
         if (!IsPositive(status)) throw new CPopMailException(status);
         CString uid;
-        unsigned long id = 0;
-        GetIDNumeric(GetIDString(n, uid) ? uid : header, id);
-        record.SetData(header, id, size, MsgReceived);
-        NotifyStatusWindow(status + "\r\n", false);
+        const bool haveUid = GetIDString(n, uid);
+        FinishHeader(header, status, size, haveUid, uid, record);
         return true;
     } catch (CBlockingSocketException* e) {
         Fail(e);
     }
+}
+
+void CPopMail::FinishHeader(CString& header, const CString& status, long size, bool haveUid,
+                            const CString& uid, CMessageList& record) {
+    unsigned long id = 0;
+    GetIDNumeric(haveUid ? uid : header, id);
+    record.SetData(header, id, static_cast<DWORD>(size), MsgReceived);
+    NotifyStatusWindow(status + "\r\n", false);
 }
 
 bool CPopMail::Retrieve(int n, CString& message) {

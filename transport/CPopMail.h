@@ -5,8 +5,9 @@
 // result:
 // - any socket failure (look-up, connect, send, receive, time-out): the socket exception's text plus
 //   "\r\n", shown in the status window first;
-// - the termination event found signalled after a read that returned data: "Forced Termination by user",
-//   not shown;
+// - the termination event found signalled after a read that returned data, or while waiting for a
+//   server that is slow to connect or answer (it is looked at every 100 ms): "Forced Termination by
+//   user", not shown;
 // - a reply without "+OK" (letter case ignored, anywhere in the text): the reply itself, not shown
 //   (except where an operation below says otherwise);
 // - no complete reply line because the server closed the connection: false.
@@ -18,6 +19,8 @@
 //
 // One thread uses an object at a time; only the termination event may be signalled from elsewhere.
 #pragma once
+
+#include <chrono>
 
 #include "platform/CException.h"
 #include "platform/CString.h"
@@ -50,12 +53,18 @@ public:
 
     void SetStatusWindow(HWND window) { m_hStatusWnd = window; }
 
-    // Resolves, connects and reads the greeting: true when it contains +OK, or when the server closed
-    // without sending anything; false for a negative greeting.
+    // Resolves, connects and reads the greeting up to its line end: true when it contains +OK, or when
+    // the server closed without sending anything; false for a negative greeting (GetGreeting has it).
+    // Connecting and the whole greeting each get the time limit; a connect that runs out of it throws
+    // the socket layer's "Attempt to connect timed out..." text.
     bool Connect(const CString& host, int port);
+    // The greeting Connect read, as it came (with its line end); empty before.
+    const CString& GetGreeting() const { return m_strGreeting; }
     // USER then PASS. A negative USER reply throws with the reply; a refused password returns false.
     bool Login(CString user, CString password);
     // STAT. Fills count and size from "+OK count size" (left as they were when the reply lacks them).
+    // A count that is negative or does not fit an int throws "The server reported an impossible message
+    // count: <reply>"; a size beyond an int is cut to the largest int (a mailbox can pass 2 GiB).
     bool MailBoxStats(int* count, int* size);
     // LIST n: the size in octets; 0 when no reply line came; -1 when the reply's first word holds -ERR.
     long GetMsgSize(int n);
@@ -103,8 +112,20 @@ protected:
 
 private:
     bool ReadReply(CString& reply, bool multiLine);
+    // Receive that waits no later than the deadline (rounded up to whole seconds).
+    int ReceiveUntil(char* buffer, int size, std::chrono::steady_clock::time_point deadline);
     // Throws "Forced Termination by user" when the termination event is signalled.
     void CheckTermination();
+    [[noreturn]] void Terminated();
     static void ReserveForListing(CString& reply, const char* first, int size);
     [[noreturn]] void Fail(CBlockingSocketException* e);
+
+    // The pieces of GetHeader.
+    long ParseListReply(const CString& reply);
+    bool ParseUidlReply(const CString& reply, CString& id);
+    // Checks the TOP status (throws with it when negative), fills the record and shows the status line.
+    void FinishHeader(CString& header, const CString& status, long size, bool haveUid, const CString& uid,
+                      CMessageList& record);
+
+    CString m_strGreeting;
 };

@@ -60,8 +60,8 @@ ScriptedServer& ScriptedServer::ExpectData(std::string text) {
     m_steps.push_back({Step::kExpectData, std::move(text)});
     return *this;
 }
-ScriptedServer& ScriptedServer::Send(std::string bytes, size_t chunk) {
-    m_steps.push_back({Step::kSend, std::move(bytes), chunk});
+ScriptedServer& ScriptedServer::Send(std::string bytes, size_t chunk, int pauseMs) {
+    m_steps.push_back({Step::kSend, std::move(bytes), chunk, pauseMs});
     return *this;
 }
 ScriptedServer& ScriptedServer::Delay(int ms) {
@@ -252,8 +252,10 @@ void ScriptedServer::RunSteps() {
             case Step::kSend: {
                 size_t chunk = s.chunk ? s.chunk : s.text.size();
                 bool ok = true;
-                for (size_t at = 0; ok && at < s.text.size(); at += chunk)
+                for (size_t at = 0; ok && at < s.text.size(); at += chunk) {
+                    if (at > 0 && s.ms > 0 && !Pause(s.ms)) return;
                     ok = WriteAll(s.text.data() + at, std::min(chunk, s.text.size() - at));
+                }
                 if (!ok) {
                     Error(where + "could not send " + Visible(s.text.substr(0, 60)));
                     return;

@@ -37,7 +37,7 @@ public:
     ScriptedServer& ExpectData(std::string text);
     // Writes bytes. chunk > 0 writes them in pieces of that many bytes with pauseMs between pieces
     // (chunk 1 dribbles byte by byte).
-    ScriptedServer& Send(std::string bytes, size_t chunk = 0);
+    ScriptedServer& Send(std::string bytes, size_t chunk = 0, int pauseMs = 0);
     ScriptedServer& Delay(int ms);
     // Closes the connection (the client sees end of stream).
     ScriptedServer& Close();
