@@ -13,6 +13,7 @@
 #include "transport/CRC32i.h"
 #include "transport/internal/EndMarkScanner.h"
 #include "transport/internal/ReplyParts.h"
+#include "transport/internal/ReplyQueue.h"
 #include "transport/internal/SocketWait.h"
 #include "util/XString.h"
 
@@ -187,6 +188,7 @@ bool CPopMail::Connect(const CString& host, int port) {
         Create(SOCK_STREAM);
         m_strServer = host;
         m_strGreeting.Empty();
+        m_nPipelining = -1;
         NotifyStatusWindow(Formatted("Looking up %s..\r\n", host), true);
         CSockAddr address = GetHostByName(host, static_cast<unsigned short>(port));
         NotifyStatusWindow(Formatted("Connecting to %s..\r\n", host), false);
@@ -341,6 +343,157 @@ void CPopMail::FinishHeader(CString& header, const CString& status, long size, b
     GetIDNumeric(haveUid ? uid : header, id);
     record.SetData(header, id, static_cast<DWORD>(size), MsgReceived);
     NotifyStatusWindow(status + "\r\n", false);
+}
+
+bool CPopMail::PipeliningOffered() {
+    if (m_nPipelining >= 0) return m_nPipelining == 1;
+    CString reply;
+    if (!SingleLineResponse("CAPA\r\n", reply)) return false;
+    m_nPipelining = 0;
+    if (!IsPositive(reply.Left(std::max(reply.Find("\r\n"), 0)))) return false;
+    // The listing may already be whole in what the first read brought.
+    detail::EndMarkScanner end("\r\n.\r\n");
+    char buffer[kReceiveSize + 1];
+    while (end.Find(reply.str()) == detail::EndMarkScanner::npos) {
+        int got = Receive(buffer, kReceiveSize, m_nTimeLimit);
+        if (got <= 0) break;
+        reply.Append(buffer, got);
+        CheckTermination();
+        if (reply.GetLength() > kMaxLineReply)
+            throw new CPopMailException("The server's reply is too long\r\n");
+    }
+    // One capability a line, its name first, letter case ignored.
+    XString upper = XString(reply).Upper();
+    for (int at = upper.Find("\r\n"); at >= 0; at = upper.Find("\r\n", at + 2)) {
+        const char* line = upper.GetString() + at + 2;
+        if (std::strncmp(line, "PIPELINING", 10) == 0 && std::strchr(" \t\r", line[10]) != nullptr) {
+            m_nPipelining = 1;
+            break;
+        }
+    }
+    return m_nPipelining == 1;
+}
+
+bool CPopMail::GetHeaders(int first, int last, const HeaderSink& sink) {
+    try {
+        if (first > last) return true;
+        if (PipeliningOffered()) return ScanPipelined(first, last, sink);
+        for (int n = first; n <= last; ++n) {
+            auto record = std::make_unique<CMessageList>();
+            if (!GetHeader(n, *record)) return false;
+            if (!sink(n, std::move(record))) return true;
+        }
+        return true;
+    } catch (CBlockingSocketException* e) {
+        Fail(e);
+    }
+}
+
+namespace {
+
+CString ScanCommands(int n) {
+    CString c;
+    c.Format("LIST %d\r\nTOP %d %d\r\nUIDL %d\r\n", n, n, 0, n);
+    return c;
+}
+
+}  // namespace
+
+// Replies are taken apart exactly as the one-message readers would have seen them alone: a line reply
+// through its first "\r\n", a TOP reply through its first "\r\n.\r\n". Only a negative TOP status
+// differs: alone it would wait for an end mark that never comes; here it ends at its line, so that the
+// replies behind it stay in step.
+bool CPopMail::ScanPipelined(int first, int last, const HeaderSink& sink) {
+    detail::ReplyQueue replies;
+    bool closed = false;
+    std::vector<char> buffer(4 * kReceiveSize);
+    // Reads until `length` finds a whole reply at the front; npos once the server has closed.
+    auto whole = [&](auto length, int limit) {
+        for (;;) {
+            std::size_t n = length();
+            if (n != detail::ReplyQueue::npos || closed) return n;
+            if (replies.Size() > static_cast<std::size_t>(limit))
+                throw new CPopMailException("The server's reply is too long\r\n");
+            int got = Receive(buffer.data(), static_cast<int>(buffer.size()), m_nTimeLimit);
+            if (got <= 0) {
+                closed = true;
+                continue;
+            }
+            replies.Append(buffer.data(), static_cast<std::size_t>(got));
+            CheckTermination();
+        }
+    };
+    auto line = [&](CString& reply) {
+        std::size_t n = whole([&] { return replies.LineLength(); }, kMaxLineReply);
+        if (n == detail::ReplyQueue::npos) return false;
+        reply.str().assign(replies.Front(n));
+        replies.Consume(n);
+        return true;
+    };
+    // A TOP reply: false when the server closed before it ended. A close inside the listing keeps what
+    // came, as the one-message reader does.
+    auto listing = [&](CString& reply) {
+        std::size_t status = whole([&] { return replies.LineLength(); }, kMaxLineReply);
+        if (status == detail::ReplyQueue::npos) {
+            if (replies.Size() == 0) return false;
+            status = replies.Size();
+        }
+        std::size_t n = status;
+        if (IsPositive(CString(replies.Front(status).data(), static_cast<int>(status)))) {
+            n = whole([&] { return replies.ListingLength(); }, kMaxMultiLineReply);
+            if (n == detail::ReplyQueue::npos) n = replies.Size();
+        }
+        reply.str().assign(replies.Front(n));
+        replies.Consume(n);
+        return true;
+    };
+
+    int sendBuffer = 0, length = sizeof sendBuffer;
+    if (getsockopt(m_hSocket, SOL_SOCKET, SO_SNDBUF, reinterpret_cast<char*>(&sendBuffer), &length) != 0)
+        sendBuffer = 0;
+    const int budget = std::clamp(sendBuffer / 4, 256, kPipelineBytes);
+    int inFlight = 0;  // bytes of the commands sent whose replies are not read yet
+    int next = first;  // first message whose commands are not sent
+    auto topUp = [&] {
+        // Refill only once half the window is read, so commands go out in few large sends.
+        if (inFlight > budget / 2 || next > last || closed) return;
+        CString batch;
+        for (; next <= last; ++next) {
+            CString commands = ScanCommands(next);
+            if (inFlight + commands.GetLength() > budget && inFlight > 0) break;
+            batch += commands;
+            inFlight += commands.GetLength();
+        }
+        Write(batch, batch.GetLength(), m_nTimeLimit);
+    };
+
+    for (int n = first; n <= last; ++n) {
+        topUp();
+        CString top;
+        top.Format("TOP %d %d\r\n", n, 0);
+        NotifyStatusWindow(top, false);
+        CString reply;
+        // As GetMsgSize: a LIST reply that never came leaves the size 0.
+        long size = line(reply) ? ParseListReply(reply) : 0;
+        CString header;
+        if (!listing(header)) return false;
+        CString status;
+        StripResponse(header, status);
+        if (!IsPositive(status)) throw new CPopMailException(status);
+        CString uid;
+        const bool haveUid = line(reply) && ParseUidlReply(reply, uid);
+        auto record = std::make_unique<CMessageList>();
+        FinishHeader(header, status, size, haveUid, uid, *record);
+        inFlight -= ScanCommands(n).GetLength();
+        if (!sink(n, std::move(record))) {
+            // Read and drop the replies already asked for, so the next command's reply is its own.
+            for (int m = n + 1; m < next; ++m)
+                if (!line(reply) || !listing(reply) || !line(reply)) return false;
+            return true;
+        }
+        if (closed && replies.Size() == 0 && n < last) return false;
+    }
+    return true;
 }
 
 bool CPopMail::Retrieve(int n, CString& message) {

@@ -21,6 +21,8 @@
 #pragma once
 
 #include <chrono>
+#include <functional>
+#include <memory>
 
 #include "platform/CException.h"
 #include "platform/CString.h"
@@ -77,6 +79,18 @@ public:
     // the CRC-32 of the unique id, or of the header text when the UIDL reply never came. A negative TOP
     // status throws with the status line (without its line end).
     bool GetHeader(int n, CMessageList& record);
+    // Called for each message of a GetHeaders scan, in message order, after its status line was shown;
+    // it owns the record from then on. Returning false ends the scan early.
+    using HeaderSink = std::function<bool(int n, std::unique_ptr<CMessageList> record)>;
+    // GetHeader for every message from first to last: the same commands, records, status lines and
+    // failures, in the same order. When the server lists PIPELINING in its CAPA reply (asked once per
+    // session), the commands of up to a few dozen messages go out ahead of their replies, so a distant
+    // server costs one round trip per window instead of three per message; otherwise it is GetHeader
+    // one message after the other. False when the server closed the connection before the last message
+    // (the messages before it were delivered). When the sink ends the scan, the replies already asked for
+    // are read and dropped first, so the session can go on; after an exception they may still be coming,
+    // and the object is best destroyed.
+    bool GetHeaders(int first, int last, const HeaderSink& sink);
     // RETR n into message (without status line and end mark; dot-stuffed lines keep their doubled dot).
     // A negative status never ends the listing, so it surfaces as the socket time-out.
     bool Retrieve(int n, CString& message);
@@ -90,6 +104,9 @@ public:
     // a server that never ends its reply must not exhaust memory.
     static constexpr int kMaxLineReply = 1 << 20;
     static constexpr int kMaxMultiLineReply = 256 << 20;
+    // Most command bytes a pipelined scan has in flight. Far below any send buffer, so a server that
+    // stops reading commands until its replies are read can never leave us blocked in a send.
+    static constexpr int kPipelineBytes = 2048;
 
 protected:
     // Send command, read until "\r\n": false when the server closes first.
@@ -120,12 +137,16 @@ private:
     static void ReserveForListing(CString& reply, const char* first, int size);
     [[noreturn]] void Fail(CBlockingSocketException* e);
 
-    // The pieces of GetHeader.
+    // Reply handling GetHeader and the pipelined scan share.
     long ParseListReply(const CString& reply);
     bool ParseUidlReply(const CString& reply, CString& id);
     // Checks the TOP status (throws with it when negative), fills the record and shows the status line.
     void FinishHeader(CString& header, const CString& status, long size, bool haveUid, const CString& uid,
                       CMessageList& record);
 
+    bool PipeliningOffered();
+    bool ScanPipelined(int first, int last, const HeaderSink& sink);
+
     CString m_strGreeting;
+    int m_nPipelining = -1;  // -1 not asked yet, 0 no, 1 yes
 };

@@ -64,6 +64,10 @@ ScriptedServer& ScriptedServer::Send(std::string bytes, size_t chunk, int pauseM
     m_steps.push_back({Step::kSend, std::move(bytes), chunk, pauseMs});
     return *this;
 }
+ScriptedServer& ScriptedServer::Quiet(int ms) {
+    m_steps.push_back({Step::kQuiet, {}, 0, ms});
+    return *this;
+}
 ScriptedServer& ScriptedServer::Delay(int ms) {
     m_steps.push_back({Step::kDelay, {}, 0, ms});
     return *this;
@@ -268,6 +272,15 @@ void ScriptedServer::RunSteps() {
             case Step::kClose:
                 CloseConnection();
                 break;
+            case Step::kQuiet: {
+                pollfd p[2] = {{m_conn, POLLIN, 0}, {m_wake[0], POLLIN, 0}};
+                if (m_inbuf.empty() && ::poll(p, 2, s.ms) > 0 && p[1].revents) return;
+                if (!m_inbuf.empty() || (p[0].revents & POLLIN)) {
+                    if (m_inbuf.empty()) ReadMore(m_conn, m_wake[0], m_inbuf, m_mutex, m_received);
+                    Error(where + "the client sent " + Visible(m_inbuf.substr(0, 60)) + " before its reply");
+                }
+                break;
+            }
             case Step::kHold:
                 MarkDone();
                 while (ReadMore(m_conn, m_wake[0], m_inbuf, m_mutex, m_received)) {

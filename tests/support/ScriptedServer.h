@@ -38,6 +38,9 @@ public:
     // Writes bytes. chunk > 0 writes them in pieces of that many bytes with pauseMs between pieces
     // (chunk 1 dribbles byte by byte).
     ScriptedServer& Send(std::string bytes, size_t chunk = 0, int pauseMs = 0);
+    // Expects the client to send nothing for ms (it should be waiting for a reply): anything that is
+    // already waiting or arrives meanwhile is an error (and still goes to the following Expect steps).
+    ScriptedServer& Quiet(int ms);
     ScriptedServer& Delay(int ms);
     // Closes the connection (the client sees end of stream).
     ScriptedServer& Close();
@@ -63,7 +66,7 @@ public:
 
 private:
     struct Step {
-        enum Kind { kExpect, kExpectData, kSend, kDelay, kClose, kHold, kMark, kGate } kind;
+        enum Kind { kExpect, kExpectData, kSend, kDelay, kClose, kHold, kMark, kGate, kQuiet } kind;
         std::string text;
         size_t chunk = 0;
         int ms = 0;

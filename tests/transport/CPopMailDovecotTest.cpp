@@ -4,6 +4,7 @@
 #include <memory>
 
 #include "messages/CMessageList.h"
+#include "platform/Clock.h"
 #include "tests/support/DovecotServer.h"
 #include "tests/transport/Pop3TestSupport.h"
 
@@ -86,6 +87,44 @@ TEST_F(Pop3Dovecot, LogsInReadsStatsAndScansEveryHeader) {
         total += static_cast<long>(record.GetMsgSize());
     }
     EXPECT_EQ(size, total);
+    EXPECT_TRUE(pop->KeepAlive());
+    EXPECT_TRUE(pop->Quit());
+}
+
+// Dovecot lists PIPELINING, so this is the pipelined path against a real server.
+TEST_F(Pop3Dovecot, PipelinedScanGivesTheRecordsAndStatusLinesOfTheOneMessagePath) {
+    ScopedClockPin clock;
+    auto describe = [](const CMessageList& r) {
+        return std::string(r.GetHeader()) + "|" + std::to_string(r.GetID()) + "|" +
+               std::to_string(r.GetMsgSize()) + "|" + std::string(r.GetSubject());
+    };
+    std::vector<std::string> one, piped, oneScan;
+    StatusWindow oneLines, pipedLines;
+    {
+        auto pop = LoggedIn(*s_server, oneLines.hwnd());
+        oneLines.lines.clear();
+        for (int n = 1; n <= kMessages; ++n) {
+            CMessageList record;
+            ASSERT_TRUE(pop->GetHeader(n, record));
+            one.push_back(describe(record));
+        }
+        oneScan = oneLines.lines;
+        EXPECT_TRUE(pop->Quit());
+    }
+    auto pop = LoggedIn(*s_server, pipedLines.hwnd());
+    pipedLines.lines.clear();
+    // Twice, from the middle: the second scan asks no CAPA again and the session stays in step.
+    EXPECT_TRUE(pop->GetHeaders(1, 10, [&](int, std::unique_ptr<CMessageList> r) {
+        piped.push_back(describe(*r));
+        return true;
+    }));
+    EXPECT_TRUE(pop->GetHeaders(11, kMessages, [&](int, std::unique_ptr<CMessageList> r) {
+        piped.push_back(describe(*r));
+        return true;
+    }));
+    EXPECT_EQ(piped, one);
+    EXPECT_EQ(pipedLines.lines, oneScan);
+    EXPECT_EQ(oneScan.size(), 2u * kMessages);
     EXPECT_TRUE(pop->KeepAlive());
     EXPECT_TRUE(pop->Quit());
 }

@@ -6,6 +6,7 @@
 
 #include "transport/internal/EndMarkScanner.h"
 #include "transport/internal/ReplyParts.h"
+#include "transport/internal/ReplyQueue.h"
 
 using detail::EndMarkScanner;
 
@@ -130,4 +131,73 @@ TEST(ReplyParts, CutsAtTheFirstEndMarkAndKeepsDotStuffing) {
         detail::StripReply(reply, nullptr);
         EXPECT_EQ(reply, c.out) << c.in;
     }
+}
+
+namespace {
+
+// The replies of a pipelined exchange, taken apart with the given kinds (true: a listing), fed in the
+// piece sizes given (cycled).
+std::vector<std::string> Split(const std::string& stream, const std::vector<bool>& listing,
+                               const std::vector<size_t>& pieces) {
+    detail::ReplyQueue queue;
+    std::vector<std::string> out;
+    size_t at = 0, piece = 0;
+    for (bool isListing : listing) {
+        for (;;) {
+            size_t n = isListing ? queue.ListingLength() : queue.LineLength();
+            if (n != detail::ReplyQueue::npos) {
+                out.emplace_back(queue.Front(n));
+                queue.Consume(n);
+                break;
+            }
+            if (at == stream.size()) return out;
+            size_t take = std::min(pieces[piece++ % pieces.size()], stream.size() - at);
+            queue.Append(stream.data() + at, take);
+            at += take;
+        }
+    }
+    EXPECT_EQ(queue.Size() + (stream.size() - at), 0u) << "nothing left over";
+    return out;
+}
+
+}  // namespace
+
+// The same replies whatever the pieces they come in, with each end mark cut at every place.
+TEST(ReplyQueue, CutsPipelinedRepliesAtTheirMarksHoweverTheyArrive) {
+    const std::vector<std::string> replies = {
+        "+OK 1 120\r\n",   "+OK\r\nFrom: a\r\n..dotted\r\n\r\n.\r\n",
+        "+OK 1 uid-1\r\n", "+OK 2 40\r\n",
+        "+OK\r\n.\r\n",    "+OK 2 uid-2\r\n",
+    };
+    const std::vector<bool> kinds = {false, true, false, false, true, false};
+    std::string stream;
+    for (const auto& r : replies) stream += r;
+    EXPECT_EQ(Split(stream, kinds, {stream.size()}), replies);
+    EXPECT_EQ(Split(stream, kinds, {1}), replies);
+    for (size_t cut = 1; cut < stream.size(); ++cut)
+        for (size_t second : {1u, 2u, 3u, 4u, 7u})
+            ASSERT_EQ(Split(stream, kinds, {cut, second}), replies) << cut << "+" << second;
+    EXPECT_EQ(Split(stream.substr(0, stream.size() - 1), kinds, {5}).size(), replies.size() - 1)
+        << "a reply without its line end is not whole";
+}
+
+TEST(ReplyQueue, KeepsItsBufferSmallWhileManyRepliesPassThrough) {
+    detail::ReplyQueue queue;
+    const std::string reply = "+OK\r\n" + std::string(1000, 'h') + "\r\n.\r\n";
+    for (int i = 0; i < 3; ++i) {
+        queue.Append(reply.data(), reply.size());
+        size_t n = queue.ListingLength();
+        ASSERT_EQ(n, reply.size());
+        queue.Consume(n);
+    }
+    EXPECT_EQ(queue.Held(), 0u) << "all taken: nothing kept";
+    // Two replies at a time, one taken: the buffer is compacted instead of growing with the stream.
+    queue.Append(reply.data(), reply.size());
+    for (int i = 0; i < 2000; ++i) {
+        queue.Append(reply.data(), reply.size());
+        queue.Consume(queue.ListingLength());
+        ASSERT_LT(queue.Held(), 200000u) << "after " << i << " replies";
+    }
+    EXPECT_EQ(queue.Size(), reply.size());
+    EXPECT_EQ(queue.Front(5), "+OK\r\n");
 }
