@@ -2,7 +2,9 @@
 // deletion, bodies, loading whole stores with progress, and the file as another reader sees it.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdio>
+#include <filesystem>
 #include <memory>
 #include <string>
 #include <vector>
@@ -13,6 +15,7 @@
 #include "platform/WindowMessages.h"
 #include "tests/messages/DamagedFile.h"
 #include "tests/support/TempDir.h"
+#include "tests/support/WriteFaults.h"
 
 using tavik::test::ClaimHugeStreamSize;
 using tavik::test::TempDir;
@@ -347,4 +350,87 @@ TEST_F(MessageStoreTest, AnotherReaderListsTheFileWithTheExpectedStreams) {
     EXPECT_EQ(output, n + "/Body 8\n" + n + "/Folder 5\n" + n + "/Header " +
                           std::to_string(sizeof kHeader - 1) + "\n" + n + "/Identification 16\n" + n +
                           "/Numeric Data 32\n");
+}
+
+// Saving records into the message file and committing it, with each file-system change failing in turn:
+// the file keeps the old records or holds the new ones, the failure is reported, and no file is left over.
+TEST_F(MessageStoreTest, ACommitThatFailsAnywhereKeepsTheOldRecords) {
+    const std::string path = m_dir.file("mail.tvd");
+    // "id read", one line per record, sorted. The account's handle is closed meanwhile.
+    auto records = [&] {
+        m_file->Close();
+        std::vector<std::string> lines;
+        auto file = std::make_unique<CStorageManager>(path.c_str(), false);
+        IEnumSTATSTG* elements = nullptr;
+        EXPECT_EQ(file->m_pStorage->EnumElements(0, nullptr, 0, &elements), S_OK);
+        STATSTG st;
+        ULONG got = 0;
+        while (elements && elements->Next(1, &st, &got) == S_OK) {
+            CString name(st.pwcsName);
+            CoTaskMemFree(st.pwcsName);
+            CMessageList record(file->m_pStorage);
+            record.LoadMessage(file->m_pStorage, name, nullptr);
+            lines.push_back(std::to_string(record.GetID()) + (record.IsRead() ? " read" : " unread"));
+        }
+        if (elements) elements->Release();
+        file.reset();
+        m_file->OpenStorageFile(path.c_str(), true);
+        std::sort(lines.begin(), lines.end());
+        return lines;
+    };
+    auto listing = [&] {
+        std::vector<std::string> names;
+        for (auto& e : std::filesystem::directory_iterator(m_dir.path()))
+            names.push_back(e.path().filename());
+        std::sort(names.begin(), names.end());
+        return names;
+    };
+    // The old file: records 1 to 3. The change: 1 read, 2 deleted, 4 and 5 new.
+    std::vector<std::unique_ptr<CMessageList>> kept;
+    auto makeOld = [&] {
+        m_file.reset();
+        std::filesystem::remove(path);
+        m_file = std::make_unique<CStorageManager>(path.c_str(), true);
+        kept.clear();
+        for (DWORD id = 1; id <= 3; ++id) {
+            kept.push_back(newRecord(id, 100 * id));
+            kept.back()->SaveMessage(store());
+        }
+        m_file->Close();
+        m_file->OpenStorageFile(path.c_str(), true);
+    };
+    auto change = [&] {
+        kept[0]->SetRead(true);
+        kept[0]->SaveMessage(store());
+        kept[1]->SetDeleted(true);
+        kept[1]->SaveMessage(store());
+        for (DWORD id = 4; id <= 5; ++id) newRecord(id, 100 * id)->SaveMessage(store());
+        m_file->Close();
+    };
+    makeOld();
+    const auto oldRecords = records();
+    const auto names = listing();
+    change();
+    const auto newRecords = records();
+    ASSERT_NE(newRecords, oldRecords);
+
+    int failures = tavik::test::SweepWriteFaults([&](int n) {
+        SCOPED_TRACE(n);
+        makeOld();
+        bool hit;
+        {
+            tavik::test::WriteFault fault(n, ENOSPC);
+            change();
+            hit = fault.Hit();
+        }
+        if (FAILED(m_file->m_hResult)) {
+            EXPECT_EQ(m_file->m_hResult, STG_E_MEDIUMFULL);
+            EXPECT_EQ(records(), oldRecords);
+        } else {
+            EXPECT_EQ(records(), newRecords);
+        }
+        EXPECT_EQ(listing(), names);
+        return hit;
+    });
+    EXPECT_GE(failures, 4);
 }

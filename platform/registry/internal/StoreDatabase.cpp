@@ -298,6 +298,13 @@ LONG StoreDatabase::Open(const std::string& path) {
         Close();
         return code;
     }
+    // SQLite falls back to reading when the file will not open for writing; a store we cannot write is
+    // refused instead, or every later write would fail and its log would be left behind.
+    if (sqlite3_db_readonly(m_db, "main") == 1) {
+        Close();
+        m_message = "cannot open the registry store " + path + " for writing";
+        return ERROR_CANTOPEN;
+    }
     sqlite3_extended_result_codes(m_db, 1);
     sqlite3_busy_timeout(m_db, kBusyTimeoutMs);
     LONG code = CheckAndInitialise();

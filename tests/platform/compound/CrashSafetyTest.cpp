@@ -5,9 +5,11 @@
 #include <cerrno>
 #include <filesystem>
 
+#include "platform/compound/internal/Handles.h"
 #include "platform/internal/SystemCalls.h"
 #include "tests/platform/compound/CompoundTestSupport.h"
 #include "tests/support/TempDir.h"
+#include "tests/support/WriteFaults.h"
 
 namespace tavik::test {
 namespace {
@@ -127,6 +129,58 @@ TEST(CompoundCrashSafety, EveryFailurePointLeavesOldOrNew) {
         }
     }
     // Several writes (the file is over 4 MB, written a megabyte at a time), one flush, one rename.
+    EXPECT_GE(failures, 6);
+}
+
+// Streams that wait for the commit in the scratch file: a failure while they move there or while the
+// commit copies them out loses nothing, and the handle still holds every change.
+TEST(CompoundCrashSafety, ScratchFileFailuresLoseNothing) {
+    struct Restore {
+        std::uint64_t old = detail::SpillThreshold();
+        ~Restore() { detail::SpillThreshold() = old; }
+    } restore;
+    detail::SpillThreshold() = 0;
+    TempDir dir;
+    std::string file = dir.file("f.ole");
+    auto makeOld = [&] {
+        Com<IStorage> root;
+        ASSERT_EQ(StgCreateDocfile(file.c_str(), kRW | STGM_CREATE, 0, root.out()), S_OK);
+        ASSERT_EQ(PutStream(root.get(), "small", Pattern(100, 2)), S_OK);
+        ASSERT_EQ(PutStream(root.get(), "gone", Pattern(5000, 3)), S_OK);
+    };
+    makeOld();
+    const std::string oldBytes = ReadFile(file);
+    const auto names = DirListing(dir);
+    int failures = SweepWriteFaults([&](int n) {
+        SCOPED_TRACE(n);
+        makeOld();
+        Com<IStorage> root;
+        EXPECT_EQ(StgOpenStorage(file.c_str(), nullptr, kRW | STGM_TRANSACTED, nullptr, 0, root.out()), S_OK);
+        HRESULT hr;
+        bool hit;
+        std::vector<std::string> expected;
+        {
+            WriteFault fault(n, ENOSPC);
+            for (unsigned i = 0; i < 4; ++i) {
+                std::string name = "spilled" + std::to_string(i);
+                EXPECT_EQ(PutStream(root.get(), name.c_str(), Pattern(20000 + i * 7000, 10 + i)), S_OK);
+            }
+            EXPECT_EQ(PutStream(root.get(), "small", Pattern(200, 4)), S_OK);
+            EXPECT_EQ(root->DestroyElement("gone"), S_OK);
+            expected = ListTree(root.get());
+            hr = root->Commit(STGC_DEFAULT);
+            hit = fault.Hit();
+        }
+        EXPECT_EQ(ListTree(root.get()), expected);
+        if (FAILED(hr)) {
+            EXPECT_EQ(ReadFile(file), oldBytes);
+            EXPECT_EQ(root->Commit(STGC_DEFAULT), S_OK);
+        }
+        root.reset();
+        EXPECT_EQ(ListFile(file), expected);
+        EXPECT_EQ(DirListing(dir), names);
+        return hit;
+    });
     EXPECT_GE(failures, 6);
 }
 
