@@ -1,8 +1,9 @@
 #include "transport/CAppOctetStream.h"
 
+#include <algorithm>
+#include <memory>
 #include <string>
 
-#include "platform/CArray.h"
 #include "platform/CException.h"
 #include "platform/CStdioFile.h"
 #include "platform/FileSystem.h"
@@ -22,18 +23,23 @@ int CAppOctetStream::AppendPart(const char* content, const char* parameters, int
     if (content == nullptr) return 0;
     CStdioFile file;
     if (!file.Open(content, CFile::modeRead | CFile::typeBinary | CFile::shareDenyWrite)) return 0;
-    // Encoded into a text of its own first, so a file that cannot be read leaves no half part behind.
-    CString encoded;
+    const ULONGLONG length = file.GetLength();
+    if (length > kMaxFileSize) return 0;
+    // Room for the whole part at once: a message of tens of megabytes is not copied again at every
+    // doubling of its body.
+    const size_t mark = destination.str().size();
+    const size_t encoded = length / 3 * 4 + length / 54 * 2 + 8;
+    destination.str().reserve(mark + encoded + encoded / 8 + 4096);
+    destination += build_sub_header(content, parameters, encoding, 1);
     try {
-        if (file.GetLength() > kMaxFileSize) return 0;
-        attach_file(&file, kBase64, encoded);
+        attach_file(&file, kBase64, destination);
     } catch (CFileException* e) {
+        // A file that cannot be read leaves no half part behind.
         e->Delete();
+        destination.str().resize(mark);
         return 0;
     }
     file.Close();
-    destination += build_sub_header(content, parameters, encoding, 1);
-    destination += encoded;
     return 1;
 }
 
@@ -56,14 +62,27 @@ CString CAppOctetStream::build_sub_header(const char* content, const char* param
     return header;
 }
 
+// Read and encoded a piece at a time, straight onto the end of destination: a file of tens of megabytes
+// needs neither a copy of itself nor of its encoding. A piece is a whole number of output lines (54 bytes
+// make one line of 72 characters), and the "=" the codec ends every encoding with is kept only at the
+// end, so the text is the one a single Encode of the whole file gives.
 void CAppOctetStream::attach_file(CStdioFile* file, int encoding, CString& destination) {
     if (encoding != kBase64) return;
-    CByteArray bytes;
-    bytes.SetSize(static_cast<int>(file->GetLength()));
-    UINT got = bytes.IsEmpty() ? 0 : file->Read(bytes.GetData(), static_cast<UINT>(bytes.GetSize()));
+    const ULONGLONG length = file->GetLength();
+    std::unique_ptr<unsigned char[]> piece(new unsigned char[kReadPiece]);
+    CBase64Coding codec;
     CString text;
-    CBase64Coding().Encode(bytes.GetData(), text, static_cast<int>(got));
-    destination += text;
+    ULONGLONG done = 0;
+    for (;;) {
+        const UINT want = static_cast<UINT>(std::min<ULONGLONG>(kReadPiece, length - done));
+        const UINT got = want > 0 ? file->Read(piece.get(), want) : 0;
+        done += got;
+        const bool last = got < want || done >= length;
+        codec.Encode(piece.get(), text, static_cast<int>(got));
+        if (!last) text.str().pop_back();
+        destination += text;
+        if (last) break;
+    }
     destination += "\r\n";
 }
 

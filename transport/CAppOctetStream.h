@@ -17,11 +17,13 @@ public:
     CString GetContentTypeString() override { return "application/octet-stream"; }
 
     // Encoding 4 (base64): appends the whole file encoded, then "\r\n". Any other code appends nothing.
-    // A read failure throws CFileException.
+    // A read failure throws CFileException, with part of the text already appended.
     virtual void attach_file(CStdioFile* file, int encoding, CString& destination);
 
     // The encoded text of a bigger file would not fit a string.
     static constexpr unsigned long long kMaxFileSize = 1ULL << 30;
+    // attach_file reads this much at a time: a whole number of 54-byte groups, one output line each.
+    static constexpr unsigned kReadPiece = 54 * 4096;
 
 protected:
     // Content-Type (with "; file=name.ext" and the media type of the extension when isPath is set),

@@ -62,7 +62,15 @@ void CMIMEMessage::prepare_header() {
 }
 
 void CMIMEMessage::prepare_body() {
-    if (!m_sBody.IsEmpty()) AddMIMEPart(m_sBody, TEXT_PLAIN, "", _7BIT, 0);
+    if (!m_sBody.IsEmpty()) {
+        // AddMIMEPart (body, text, "", 7Bit, no path), the text moved rather than copied.
+        CMIMEPart part;
+        part.m_nEncoding = _7BIT;
+        part.m_nContentType = TEXT_PLAIN;
+        part.m_sContent = std::move(m_sBody);
+        part.m_sContent.Trim();
+        m_MIMEPartList.push_front(std::move(part));
+    }
     m_sBody = m_sNoMIMEText + "\r\n\r\n";
     append_mime_parts();
     insert_message_end(m_sBody);

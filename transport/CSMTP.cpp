@@ -146,8 +146,13 @@ bool CSMTP::SendMessage(CMailMessage* message, CString& reply) {
         // Write, not one Send: a send stops short when the server reads slower than the time limit,
         // where the original blocking send waited for the whole text.
         Write(message->m_sHeader, message->m_sHeader.GetLength(), m_nTimeLimit);
-        CString body = PrepareBody(message);
-        Write(body, body.GetLength(), m_nTimeLimit);
+        // Most bodies need no change on the way: those go out without a copy.
+        if (detail::NeedsWireFixes(message->m_sBody.str())) {
+            CString body = PrepareBody(message);
+            Write(body, body.GetLength(), m_nTimeLimit);
+        } else {
+            Write(message->m_sBody, message->m_sBody.GetLength(), m_nTimeLimit);
+        }
         if (!SingleLineResponse("\r\n.\r\n", reply)) return false;
         ScanCode(reply, code);
         if (code != 250) Throw(reply);

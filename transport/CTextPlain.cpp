@@ -17,9 +17,14 @@ int CTextPlain::AppendPart(const char* content, const char* parameters, int enco
                            CString& destination) {
     destination += build_sub_header(content, parameters, encoding, isPath);
     if (content == nullptr) return 1;
-    std::string text(content);
-    detail::CrlfLineEnds(text);
-    destination += wrap_text(text.c_str());
+    const std::string_view text(content, std::strlen(content));
+    if (!detail::HasBareLineEnd(text)) {
+        WrapInto(destination.str(), text);
+    } else {
+        std::string lines(text);
+        detail::CrlfLineEnds(lines);
+        WrapInto(destination.str(), lines);
+    }
     return 1;
 }
 
@@ -33,27 +38,33 @@ CString CTextPlain::build_sub_header(const char* content, const char* parameters
     return header;
 }
 
+CString CTextPlain::wrap_text(const char* text) const {
+    std::string out;
+    if (text != nullptr) WrapInto(out, std::string_view(text, std::strlen(text)));
+    return CString(std::move(out));
+}
+
 // The wrapper edits the text it walks: a break replaces the white space around the last space seen by
 // CRLF, and the walk goes on at the next index of the edited text. Redoing that on one string would copy
 // the whole rest at every break, so the edited text grows in `s` while the untouched rest stays in the
-// input; edits happen at or behind the walk, and an edit that would change nothing is skipped (a long
-// word re-breaks at the same place at every width step).
-CString CTextPlain::wrap_text(const char* text) const {
-    if (text == nullptr) return CString();
-    std::string_view rest(text, std::strlen(text));
-    std::string s;
-    s.reserve(rest.size() + rest.size() / 32 + 16);
+// input, taken a little at a time (an edit moves what lies after it). Edits happen at or behind the walk,
+// and an edit that would change nothing is skipped (a long word re-breaks at the same place at every
+// width step). The wrapped text goes straight to the end of `s` (a message's body, most often), whose
+// earlier content no break reaches into.
+void CTextPlain::WrapInto(std::string& s, std::string_view rest) const {
+    const size_t base = s.size();
+    s.reserve(base + rest.size() + rest.size() / 32 + 16);
     auto has = [&](size_t index) {
         if (index >= s.size() && !rest.empty()) {
-            size_t take = std::min(rest.size(), std::max<size_t>(index + 1 - s.size(), 64 * 1024));
+            size_t take = std::min(rest.size(), std::max<size_t>(index + 1 - s.size(), 256));
             s.append(rest.substr(0, take));
             rest.remove_prefix(take);
         }
         return index < s.size();
     };
     const size_t width = m_nWrapPos;
-    size_t column = 0, lastSpace = 0;
-    for (size_t i = 0; has(i); ++i) {
+    size_t column = 0, lastSpace = base;
+    for (size_t i = base; has(i); ++i) {
         if (s[i] == ' ') lastSpace = i;
         size_t here = (s[i] == '\r' && has(i + 1) && s[i + 1] == '\n') ? 0 : column;
         if (here > width) {
@@ -61,7 +72,7 @@ CString CTextPlain::wrap_text(const char* text) const {
             size_t at = lastSpace;
             if (!has(at)) at = s.size();
             size_t lo = at, hi = at;
-            while (lo > 0 && IsSpace(s[lo - 1])) --lo;
+            while (lo > base && IsSpace(s[lo - 1])) --lo;
             while (has(hi) && IsSpace(s[hi])) ++hi;
             if (!(hi - lo == 2 && s[lo] == '\r' && s[lo + 1] == '\n')) s.replace(lo, hi - lo, "\r\n");
             column = 0;
@@ -69,5 +80,4 @@ CString CTextPlain::wrap_text(const char* text) const {
             column = here + 1;
         }
     }
-    return CString(std::move(s));
 }

@@ -1,6 +1,9 @@
 // The text part of a MIME message: "text/plain", "7Bit", the text wrapped at the agent's line width.
 #pragma once
 
+#include <string>
+#include <string_view>
+
 #include "transport/CMIMEContentAgent.h"
 
 class CTextPlain : public CMIMEContentAgent {
@@ -26,4 +29,7 @@ protected:
     CString build_sub_header(const char* content, const char* parameters, int encoding, int isPath) override;
 
     unsigned int m_nWrapPos;
+
+private:
+    void WrapInto(std::string& out, std::string_view text) const;
 };

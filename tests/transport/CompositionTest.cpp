@@ -10,6 +10,8 @@
 #include "platform/Clock.h"
 #include "platform/Registry.h"
 #include "tests/support/TempDir.h"
+#include "transport/CAppOctetStream.h"
+#include "transport/CBase64Coding.h"
 #include "transport/CMIMEMessage.h"
 #include "transport/CTextPlain.h"
 
@@ -256,4 +258,29 @@ TEST_F(Composition, HostileHeaderValuesStayOnTheirLine) {
                             "Content-Disposition: attachment; filename=a b.txt\r\n\r\n"),
               std::string::npos)
         << m.Body();
+}
+
+TEST_F(Composition, AttachmentIsEncodedAsOneTextWhateverItsSize) {
+    // The file is read and encoded in pieces; the text must be the one encoding of the whole file.
+    const size_t piece = CAppOctetStream::kReadPiece;
+    std::mt19937 rng(5);
+    for (size_t size : {size_t(0), size_t(1), size_t(3), size_t(53), size_t(54), size_t(55), piece - 1, piece,
+                        piece + 1, 2 * piece, 2 * piece + 2}) {
+        std::string bytes(size, '\0');
+        for (auto& c : bytes) c = static_cast<char>(rng());
+        WriteFile(dir.file("f.bin"), bytes);
+        CString whole;
+        CBase64Coding().Encode(reinterpret_cast<const unsigned char*>(bytes.data()), whole,
+                               static_cast<int>(size));
+        CAppOctetStream agent(1);
+        CString part = "before";
+        ASSERT_EQ(agent.AppendPart(dir.file("f.bin").c_str(), "", 4, 1, part), 1);
+        const size_t body = part.str().find("\r\n\r\n") + 4;
+        EXPECT_TRUE(part.str().substr(body) == whole.str() + "\r\n") << size;
+    }
+    // Something that opens but cannot be read leaves the text as it was.
+    CAppOctetStream agent(1);
+    CString part = "before";
+    EXPECT_EQ(agent.AppendPart(dir.path().c_str(), "", 4, 1, part), 0);
+    EXPECT_EQ(part, "before");
 }

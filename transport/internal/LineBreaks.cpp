@@ -55,6 +55,11 @@ void CrlfLineEnds(std::string& text) {
     text.swap(out);
 }
 
+bool NeedsWireFixes(std::string_view text) {
+    return text.starts_with(".\r\n") || text.find("\r\n.\r\n") != std::string_view::npos ||
+           HasBareLineEnd(text);
+}
+
 std::string DoubleLoneDots(std::string_view text) {
     std::string out;
     out.reserve(text.size() + 16);

@@ -18,6 +18,9 @@ bool HasBareLineEnd(std::string_view text);
 // such line ends is left alone (no copy).
 void CrlfLineEnds(std::string& text);
 
+// True when DoubleLoneDots or CrlfLineEnds would change the text.
+bool NeedsWireFixes(std::string_view text);
+
 // Doubles the dot of every line that is a single dot followed by CRLF (a line of one dot at the very
 // start included); a line that starts with a dot followed by other text stays as it is.
 std::string DoubleLoneDots(std::string_view text);
