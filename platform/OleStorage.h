@@ -275,7 +275,8 @@ public:
     virtual HRESULT Revert() = 0;
     virtual HRESULT EnumElements(DWORD reserved1, void* reserved2, DWORD reserved3,
                                  IEnumSTATSTG** ppenum) = 0;
-    // Removes a stream or a whole sub-storage; handles open under it then give STG_E_REVERTED.
+    // Removes a stream or a whole sub-storage; handles open under it then give STG_E_REVERTED. The
+    // empty name is accepted here (and nowhere else) when a damaged file holds a nameless element.
     virtual HRESULT DestroyElement(const OLECHAR* pwcsName) = 0;
     virtual HRESULT RenameElement(const OLECHAR* pwcsOldName, const OLECHAR* pwcsNewName) = 0;
     virtual HRESULT SetElementTimes(const OLECHAR* pwcsName, const FILETIME* pctime, const FILETIME* patime,

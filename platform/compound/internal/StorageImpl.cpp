@@ -268,6 +268,10 @@ HRESULT StorageImpl::DestroyElement(const OLECHAR* name) {
     if (!Alive()) return STG_E_REVERTED;
     std::u16string_view key;
     HRESULT hr = CheckName(name, key);
+    // A damaged file can hold an element without a name; the empty name reaches it here and only here,
+    // so that it can be cleared away.
+    if (hr == STG_E_INVALIDNAME && name && !*name && m_node->children.find(key) != m_node->children.end())
+        hr = S_OK;
     if (FAILED(hr)) return hr;
     if (!Writable()) return STG_E_ACCESSDENIED;
     auto it = m_node->children.find(key);
