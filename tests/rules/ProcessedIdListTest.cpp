@@ -1,0 +1,68 @@
+// The processed-identifier list against a plain std::list doing the same operations: order, duplicates,
+// removal of the first occurrence, and the table growing, shifting and compacting under it.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <list>
+#include <random>
+
+#include "rules/internal/ProcessedIdList.h"
+
+namespace {
+
+using detail::ProcessedIdList;
+
+void ExpectSame(const ProcessedIdList& ids, const std::list<DWORD>& model, int step) {
+    ASSERT_EQ(ids.Size(), model.size()) << "step " << step;
+    ASSERT_EQ(ids.ToList(), model) << "step " << step;
+}
+
+TEST(ProcessedIdList, BehavesAsAnOrderedListUnderRandomOperations) {
+    for (DWORD range : {8u, 300u, 0xFFFFFFFFu}) {  // many duplicates, some, almost none
+        std::mt19937 random(range);
+        std::uniform_int_distribution<DWORD> value(0, range);
+        ProcessedIdList ids;
+        std::list<DWORD> model;
+        for (int step = 0; step < 8000; ++step) {
+            const DWORD id = value(random);
+            switch (random() % 5) {
+                case 0:
+                case 1:
+                    ids.Append(id);
+                    model.push_back(id);
+                    break;
+                case 2: {
+                    const bool present = std::find(model.begin(), model.end(), id) != model.end();
+                    ASSERT_EQ(ids.AppendUnique(id), !present);
+                    if (!present) model.push_back(id);
+                    break;
+                }
+                default: {
+                    auto it = std::find(model.begin(), model.end(), id);
+                    ASSERT_EQ(ids.RemoveFirst(id), it != model.end());
+                    if (it != model.end()) model.erase(it);
+                }
+            }
+            ASSERT_EQ(ids.Contains(id), std::find(model.begin(), model.end(), id) != model.end());
+            if (step % 997 == 0) ExpectSame(ids, model, step);
+        }
+        ExpectSame(ids, model, -1);
+    }
+}
+
+TEST(ProcessedIdList, DrainsToEmptyAndServesAgain) {
+    ProcessedIdList ids;
+    for (DWORD i = 0; i < 5000; ++i) ids.Append(i * 7919u);
+    for (DWORD i = 0; i < 5000; ++i) ASSERT_TRUE(ids.RemoveFirst(i * 7919u));
+    EXPECT_TRUE(ids.Empty());
+    EXPECT_FALSE(ids.Contains(0));
+    ids.Append(0);
+    ids.Append(0xFFFFFFFFu);
+    EXPECT_EQ(ids.ToBytes(), std::string("\0\0\0\0\xff\xff\xff\xff", 8));
+    ProcessedIdList copy = ids;
+    copy.RemoveFirst(0);
+    EXPECT_TRUE(ids.Contains(0));
+    EXPECT_FALSE(copy.Contains(0));
+}
+
+}  // namespace
