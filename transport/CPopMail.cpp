@@ -455,8 +455,9 @@ bool CPopMail::ScanPipelined(int first, int last, const HeaderSink& sink) {
     int inFlight = 0;  // bytes of the commands sent whose replies are not read yet
     int next = first;  // first message whose commands are not sent
     auto topUp = [&] {
-        // Refill only once half the window is read, so commands go out in few large sends.
-        if (inFlight > budget / 2 || next > last || closed) return;
+        // Refill once a quarter of the window is read: commands go out in a few large sends, and the
+        // server never runs dry while the replies of the last send travel back.
+        if (inFlight > budget - budget / 4 || next > last || closed) return;
         CString batch;
         for (; next <= last; ++next) {
             CString commands = ScanCommands(next);

@@ -84,7 +84,7 @@ public:
     using HeaderSink = std::function<bool(int n, std::unique_ptr<CMessageList> record)>;
     // GetHeader for every message from first to last: the same commands, records, status lines and
     // failures, in the same order. When the server lists PIPELINING in its CAPA reply (asked once per
-    // session), the commands of up to a few dozen messages go out ahead of their replies, so a distant
+    // session), the commands of up to a hundred messages or so go out ahead of their replies, so a distant
     // server costs one round trip per window instead of three per message; otherwise it is GetHeader
     // one message after the other. False when the server closed the connection before the last message
     // (the messages before it were delivered). When the sink ends the scan, the replies already asked for
@@ -106,7 +106,7 @@ public:
     static constexpr int kMaxMultiLineReply = 256 << 20;
     // Most command bytes a pipelined scan has in flight. Far below any send buffer, so a server that
     // stops reading commands until its replies are read can never leave us blocked in a send.
-    static constexpr int kPipelineBytes = 2048;
+    static constexpr int kPipelineBytes = 4096;
 
 protected:
     // Send command, read until "\r\n": false when the server closes first.
