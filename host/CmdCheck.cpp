@@ -17,6 +17,8 @@ int Run(const Invocation& call) {
     o.user = args.Get("user");
     o.port = static_cast<int>(args.GetNumber("port", 1, 65535, o.port));
     o.timeLimit = static_cast<int>(args.GetNumber("timeout", 1, 3600, o.timeLimit));
+    if (args.Has("all")) o.scanLimit = 0;
+    o.pipeline = !args.Has("no-pipelining");
     if (args.Has("password-file")) {
         const std::string file = args.Get("password-file");
         std::ifstream in(file);
@@ -27,7 +29,7 @@ int Run(const Invocation& call) {
     } else {
         throw UsageError("no password: give --password-file FILE or set TAVIK_PASSWORD");
     }
-    return RunMailCheck(o, call.out);
+    return RunMailCheck(o, call.out, call.err);
 }
 
 }  // namespace
@@ -43,13 +45,17 @@ const Command& CheckCommand() {
                 Option::Value("user", "USER", "the mailbox's user name", true),
                 Option::Value("password-file", "FILE", "read the password from the first line of FILE"),
                 Option::Value("timeout", "SECONDS", "longest wait for the server, 1 to 3600 (default 30)"),
+                Option::Flag("all", "scan every message (without it the scan stops after 999)"),
+                Option::Flag("no-pipelining",
+                             "send each command only after the previous reply, even to a server that "
+                             "offers pipelining"),
                 Option::Refused("password",
                                 "a password on the command line is visible to every user; use "
                                 "--password-file or TAVIK_PASSWORD"),
             },
         .details =
             "The password is the first line of FILE, or else the environment variable TAVIK_PASSWORD.\n"
-            "Ctrl-C stops the check cleanly.",
+            "Ctrl-C stops the check within a second, whatever the server is doing (exit code 130).",
         .run = Run,
     };
     return command;

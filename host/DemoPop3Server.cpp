@@ -153,7 +153,7 @@ void DemoPop3Server::Session(std::uintptr_t connection) {
             SendAll(c, "+OK tavik demo POP3 server signing off\r\n");
             return;
         } else if (cmd == "CAPA") {
-            reply = "+OK Capability list follows\r\nTOP\r\nUSER\r\nUIDL\r\n.\r\n";
+            reply = "+OK Capability list follows\r\nTOP\r\nUSER\r\nUIDL\r\nPIPELINING\r\n.\r\n";
         } else if (cmd == "NOOP") {
             reply = "+OK\r\n";
         } else if (!authorised && cmd == "USER") {

@@ -2,9 +2,9 @@
 
 #include <atomic>
 #include <csignal>
+#include <cstring>
 #include <memory>
 #include <thread>
-#include <vector>
 
 #include "messages/CMessageList.h"
 #include "platform/Kernel.h"
@@ -16,9 +16,6 @@ namespace tavik::host {
 
 namespace {
 
-constexpr UINT kCheckDone = WM_APP + 1;
-constexpr UINT_PTR kInterruptTimer = 1;
-
 std::atomic<bool> g_interrupted{false};
 
 extern "C" void OnInterrupt(int) {
@@ -26,38 +23,59 @@ extern "C" void OnInterrupt(int) {
     std::signal(SIGINT, SIG_DFL);  // a second Ctrl-C ends the process at once
 }
 
-struct WindowState {
+// Lines are written without a flush each: a scan of thousands of messages would pay a system call per
+// line. The watching thread flushes whenever something is waiting, so output stays live.
+struct StatusState {
     FILE* out;
-    HANDLE terminate;
+    std::atomic<bool>* unflushed;
 };
 
 LRESULT StatusProc(HWND hwnd, UINT message, WPARAM wParam, LPARAM lParam) {
-    auto* state = reinterpret_cast<WindowState*>(GetWindowLongPtr(hwnd, GWLP_USERDATA));
+    auto* state = reinterpret_cast<StatusState*>(GetWindowLongPtr(hwnd, GWLP_USERDATA));
     if (state && message == CPopMail::WM_POP_STATUS) {
         // Lines come with CRLF ends (the banner starts with one); the terminal wants LF.
-        for (const char* p = reinterpret_cast<const char*>(lParam); *p; ++p)
-            if (*p != '\r') std::fputc(*p, state->out);
-        std::fflush(state->out);
-        return 0;
-    }
-    if (state && message == WM_TIMER && wParam == kInterruptTimer && g_interrupted) {
-        SetEvent(state->terminate);
+        for (const char* p = reinterpret_cast<const char*>(lParam); *p;) {
+            size_t run = std::strcspn(p, "\r");
+            std::fwrite(p, 1, run, state->out);
+            p += run;
+            if (*p == '\r') ++p;
+        }
+        state->unflushed->store(true, std::memory_order_relaxed);
         return 0;
     }
     return DefWindowProc(hwnd, message, wParam, lParam);
 }
 
-struct Outcome {
-    std::vector<std::unique_ptr<CMessageList>> records;
-    std::string error;
-    bool refused = false;
-};
+// The text as its column shows it: line breaks and tabs as spaces, cut with "..." past width. Looks at
+// no more than it keeps, however long the header field.
+std::string Fit(const CString& text, size_t width) {
+    std::string s;
+    for (const char* p = text.GetString(); *p && s.size() <= width; ++p)
+        s += (*p == '\t' || *p == '\r' || *p == '\n') ? ' ' : *p;
+    if (s.size() > width) s = s.substr(0, width - 3) + "...";
+    return s;
+}
 
-void RunSession(const CheckOptions& o, HANDLE terminate, HWND window, Outcome& result) {
+CheckedMessage Row(const CMessageList& r) {
+    return {static_cast<unsigned>(r.GetID()), static_cast<unsigned>(r.GetMsgSize()),
+            Fit(r.GetSenderName(), 30), Fit(r.GetSubject(), 34), Fit(r.GetMessageDate(), 31)};
+}
+
+std::string WithoutLineEnd(std::string text) {
+    while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.pop_back();
+    return text;
+}
+
+void Session(const CheckOptions& o, HANDLE terminate, HWND window, CheckOutcome& result) {
     try {
         CPopMail pop(terminate, window, o.timeLimit);
         if (!pop.Connect(o.server.c_str(), o.port)) {
-            result.error = "the server refused the connection";
+            result.error =
+                "the server's greeting was not positive: " + WithoutLineEnd(pop.GetGreeting().GetString());
+            return;
+        }
+        if (pop.GetGreeting().IsEmpty()) {
+            result.error = "the server closed the connection without a greeting";
             return;
         }
         if (!pop.Login(o.user.c_str(), o.password.c_str())) {
@@ -69,19 +87,29 @@ void RunSession(const CheckOptions& o, HANDLE terminate, HWND window, Outcome& r
             result.error = "the server closed the connection";
             return;
         }
-        for (int n = 1; n <= count; ++n) {
-            auto record = std::make_unique<CMessageList>();
-            if (!pop.GetHeader(n, *record)) {
-                result.error = "the server closed the connection";
-                return;
+        result.count = count;
+        const int last = o.scanLimit > 0 && count > o.scanLimit ? o.scanLimit : count;
+        result.messages.reserve(static_cast<size_t>(last));
+        bool whole = true;
+        if (o.pipeline) {
+            whole = pop.GetHeaders(1, last, [&](int, std::unique_ptr<CMessageList> record) {
+                result.messages.push_back(Row(*record));
+                return true;
+            });
+        } else {
+            for (int n = 1; n <= last && whole; ++n) {
+                CMessageList record;
+                whole = pop.GetHeader(n, record);
+                if (whole) result.messages.push_back(Row(record));
             }
-            result.records.push_back(std::move(record));
+        }
+        if (!whole) {
+            result.error = "the server closed the connection";
+            return;
         }
         pop.Quit();
     } catch (CPopMailException* e) {
-        result.error = e->GetErrorMessage().GetString();
-        while (!result.error.empty() && (result.error.back() == '\n' || result.error.back() == '\r'))
-            result.error.pop_back();
+        result.error = WithoutLineEnd(e->GetErrorMessage().GetString());
         e->Delete();
     } catch (CException* e) {
         char text[512] = "unexpected failure";
@@ -91,63 +119,65 @@ void RunSession(const CheckOptions& o, HANDLE terminate, HWND window, Outcome& r
     }
 }
 
-std::string Fit(const CString& text, size_t width) {
-    std::string s;
-    for (const char* p = text.GetString(); *p; ++p) s += (*p == '\t' || *p == '\r' || *p == '\n') ? ' ' : *p;
-    if (s.size() > width) s = s.substr(0, width - 3) + "...";
-    return s;
-}
-
-void PrintTable(const std::vector<std::unique_ptr<CMessageList>>& records, FILE* out) {
+void PrintTable(const CheckOutcome& result, FILE* out) {
     std::fprintf(out, "\n%4s  %-8s  %8s  %-30s  %-34s  %s\n", "#", "id", "size", "sender", "subject", "date");
     int n = 0;
-    for (const auto& r : records) {
-        std::fprintf(out, "%4d  %08X  %8u  %-30s  %-34s  %s\n", ++n, static_cast<unsigned>(r->GetID()),
-                     static_cast<unsigned>(r->GetMsgSize()), Fit(r->GetSenderName(), 30).c_str(),
-                     Fit(r->GetSubject(), 34).c_str(), Fit(r->GetMessageDate(), 31).c_str());
-    }
-    std::fprintf(out, "%zu message%s\n", records.size(), records.size() == 1 ? "" : "s");
+    for (const CheckedMessage& m : result.messages)
+        std::fprintf(out, "%4d  %08X  %8u  %-30s  %-34s  %s\n", ++n, m.id, m.size, m.sender.c_str(),
+                     m.subject.c_str(), m.date.c_str());
+    const size_t listed = result.messages.size();
+    if (result.error.empty() && listed < static_cast<size_t>(result.count))
+        std::fprintf(out, "%zu of %d messages (the scan limit; --all lists every one)\n", listed,
+                     result.count);
+    else
+        std::fprintf(out, "%zu message%s\n", listed, listed == 1 ? "" : "s");
 }
 
 }  // namespace
 
-int RunMailCheck(const CheckOptions& options, FILE* out) {
+CheckOutcome CheckMailbox(const CheckOptions& options, FILE* out) {
+    CheckOutcome result;
     // The host starts Windows Sockets; the library never does it for its clients.
     if (WSAStartup(0x0101, nullptr) != 0) {
-        std::fprintf(stderr, "tavik: cannot start Windows Sockets\n");
-        return 1;
+        result.error = "cannot start Windows Sockets";
+        return result;
     }
     HANDLE terminate = CreateEvent(nullptr, TRUE, FALSE, nullptr);
-    WindowState state{out, terminate};
-    HWND window = CreateMessageWindow(&StatusProc, &state);
-    SetTimer(window, kInterruptTimer, 50, nullptr);
+    HANDLE done = CreateEvent(nullptr, TRUE, FALSE, nullptr);
     g_interrupted = false;
     auto previous = std::signal(SIGINT, OnInterrupt);
+    std::atomic<bool> unflushed{false};
 
-    Outcome result;
-    DWORD self = GetCurrentThreadId();
     std::thread worker([&] {
-        RunSession(options, terminate, window, result);
-        PostThreadMessage(self, kCheckDone, 0, 0);
+        // The status window belongs to the session's thread: each line is a direct call, not a round
+        // trip to another thread and back.
+        StatusState state{out, &unflushed};
+        HWND window = CreateMessageWindow(&StatusProc, &state);
+        Session(options, terminate, window, result);
+        DestroyWindow(window);
+        SetEvent(done);
     });
-    // The status window lives on this thread: sent status lines are handled while it waits here.
-    MSG msg;
-    while (GetMessage(&msg, nullptr, 0, 0) > 0) {
-        if (msg.hwnd == nullptr && msg.message == kCheckDone) break;
-        DispatchMessage(&msg);
+    while (WaitForSingleObject(done, 50) == WAIT_TIMEOUT) {
+        if (g_interrupted) SetEvent(terminate);
+        if (unflushed.exchange(false, std::memory_order_relaxed)) std::fflush(out);
     }
     worker.join();
+    std::fflush(out);
     std::signal(SIGINT, previous == SIG_ERR ? SIG_DFL : previous);
-    KillTimer(window, kInterruptTimer);
-    DestroyWindow(window);
+    CloseHandle(done);
     CloseHandle(terminate);
     WSACleanup();
+    result.stopped = g_interrupted.load();
+    return result;
+}
 
-    bool stopped = g_interrupted.load();
-    if (!result.records.empty() || result.error.empty()) PrintTable(result.records, out);
+int RunMailCheck(const CheckOptions& options, FILE* out, FILE* err) {
+    const CheckOutcome result = CheckMailbox(options, out);
+    if (!result.messages.empty() || result.error.empty()) PrintTable(result, out);
     if (!result.error.empty()) {
-        std::fprintf(stderr, "tavik: check %s: %s\n", stopped ? "stopped" : "failed", result.error.c_str());
-        return stopped ? 130 : 1;
+        std::fprintf(err, "tavik: check %s: %s\n", result.stopped ? "stopped" : "failed",
+                     result.error.c_str());
+        return result.stopped ? 130 : 1;
     }
     return 0;
 }

@@ -1,8 +1,10 @@
 // The host's mail check end to end against the demo server, and the demo server as a POP3 server.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <functional>
 #include <string>
 #include <thread>
 
@@ -10,6 +12,9 @@
 #include "host/MailCheck.h"
 #include "host/SampleMailbox.h"
 #include "messages/CMessageList.h"
+#include "platform/Clock.h"
+#include "platform/Kernel.h"
+#include "tests/support/FullListener.h"
 #include "tests/support/ScriptedServer.h"
 #include "transport/CPopMail.h"
 
@@ -23,16 +28,24 @@ std::vector<std::string> SampleTexts() {
     return texts;
 }
 
-// Runs a check with its output in a temporary file; returns the exit code and fills out.
-int Check(const CheckOptions& o, std::string& out) {
-    FILE* f = std::tmpfile();
-    int rc = RunMailCheck(o, f);
+std::string ReadAll(FILE* f) {
     std::rewind(f);
+    std::string text;
     char buf[4096];
     size_t n;
-    out.clear();
-    while ((n = std::fread(buf, 1, sizeof buf, f)) > 0) out.append(buf, n);
+    while ((n = std::fread(buf, 1, sizeof buf, f)) > 0) text.append(buf, n);
     std::fclose(f);
+    return text;
+}
+
+// Runs a check with its output and errors in temporary files; returns the exit code.
+int Check(const CheckOptions& o, std::string& out, std::string* err = nullptr) {
+    FILE* f = std::tmpfile();
+    FILE* e = std::tmpfile();
+    int rc = RunMailCheck(o, f, e);
+    out = ReadAll(f);
+    std::string errors = ReadAll(e);
+    if (err) *err = errors;
     return rc;
 }
 
@@ -66,20 +79,134 @@ TEST(MailCheck, ListsEveryMessageOfTheDemoMailboxAndHidesThePassword) {
     EXPECT_EQ(out.find(" messages\n"), std::string::npos) << "no table after a refused login";
 }
 
-TEST(MailCheck, InterruptStopsTheCheckThroughTheTerminationEvent) {
+// The same mailbox checked with pipelining and one command at a time prints the same, line for line.
+TEST(MailCheck, PipelinedAndOneMessageChecksPrintTheSame) {
+    ScopedClockPin clock;
+    DemoPop3Server server(SampleTexts(), "demo", "pw-demo");
+    ASSERT_TRUE(server.Start());
+    CheckOptions o = Options(server.Port(), "pw-demo");
+    std::string piped, single;
+    EXPECT_EQ(Check(o, piped), 0);
+    o.pipeline = false;
+    EXPECT_EQ(Check(o, single), 0);
+    EXPECT_EQ(piped, single);
+}
+
+// Connecting to a swamped server, a silent one, a dribbling one, and in the middle of a scan: Ctrl-C ends
+// the check within a second although the time limit is 30 s.
+TEST(MailCheck, CtrlCEndsTheCheckWithinASecondInEveryState) {
+    tavik::test::FullListener swamped;
+    const std::string login = "+OK\r\n";
+    struct Case {
+        const char* what;
+        std::function<void(tavik::test::ScriptedServer&)> script;  // null: the swamped port
+    } cases[] = {
+        {"connecting", nullptr},
+        {"silent greeting", [](auto& s) { s.Mark("there").Hold(); }},
+        {"dribbling reply",
+         [](auto& s) {
+             s.Send("+OK\r\n")
+                 .Expect("USER demo\r\n")
+                 .Mark("there")
+                 .Send("+OK " + std::string(300, 'x'), 1, 50);
+         }},
+        {"mid-scan",
+         [](auto& s) {
+             s.Send("+OK\r\n").Expect("USER demo\r\n").Send("+OK\r\n").Expect("PASS x\r\n").Send("+OK\r\n");
+             s.Expect("STAT\r\n").Send("+OK 3 300\r\n").Expect("CAPA\r\n").Send("+OK\r\nPIPELINING\r\n.\r\n");
+             s.Expect("LIST 1\r\n")
+                 .Send("+OK 1 100\r\n")
+                 .Expect("TOP 1 0\r\n")
+                 .Send("+OK\r\nSubject: a\r\n\r\n.\r\n");
+             s.Mark("there").Hold();
+         }},
+    };
+    for (auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        tavik::test::ScriptedServer server;
+        if (c.script) {
+            c.script(server);
+            server.Start();
+        }
+        CheckOptions o = Options(c.script ? server.Port() : swamped.Port(), "x");
+        o.timeLimit = 30;
+        std::string out, err;
+        int rc = -1;
+        std::thread check([&] { rc = Check(o, out, &err); });
+        if (c.script) ASSERT_TRUE(server.WaitMark("there"));
+        Sleep(200);  // well into the wait
+        auto raised = std::chrono::steady_clock::now();
+        std::raise(SIGINT);
+        check.join();
+        EXPECT_LT(std::chrono::duration<double>(std::chrono::steady_clock::now() - raised).count(), 1.0);
+        EXPECT_EQ(rc, 130);
+        EXPECT_EQ(err, "tavik: check stopped: Forced Termination by user\n");
+        server.Stop();
+    }
+}
+
+// What a user reads when the server does not play along.
+TEST(MailCheck, FailuresSayWhatHappened) {
+    struct Case {
+        const char* what;
+        std::function<void(tavik::test::ScriptedServer&)> script;
+        std::string error;
+    } cases[] = {
+        {"negative greeting", [](auto& s) { s.Send("-ERR too busy, come back later\r\n").Hold(); },
+         "the server's greeting was not positive: -ERR too busy, come back later"},
+        {"no greeting", [](auto& s) { s.Close(); }, "the server closed the connection without a greeting"},
+        {"count beyond an int",
+         [](auto& s) {
+             s.Send("+OK\r\n").Expect("USER demo\r\n").Send("+OK\r\n").Expect("PASS x\r\n").Send("+OK\r\n");
+             s.Expect("STAT\r\n").Send("+OK 2147483648 0\r\n").Hold();
+         },
+         "The server reported an impossible message count: +OK 2147483648 0"},
+    };
+    for (auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        tavik::test::ScriptedServer server;
+        c.script(server);
+        server.Start();
+        std::string out, err;
+        EXPECT_EQ(Check(Options(server.Port(), "x"), out, &err), 1);
+        EXPECT_EQ(err, "tavik: check failed: " + c.error + "\n");
+        EXPECT_EQ(out.find(" messages\n"), std::string::npos) << "no table";
+        server.Stop();
+    }
+
+    tavik::test::FullListener swamped;
+    CheckOptions o = Options(swamped.Port(), "x");
+    o.timeLimit = 1;
+    std::string out, err;
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(Check(o, out, &err), 1);
+    EXPECT_LT(std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count(), 3.0);
+    EXPECT_EQ(err, "tavik: check failed: Attempt to connect timed out without establishing a connection\n");
+}
+
+// A server that claims two thousand million messages gets a scan that stops at the limit.
+TEST(MailCheck, ScanStopsAtTheLimit) {
     tavik::test::ScriptedServer server;
-    // The reply to USER comes late enough for the interrupt to have reached the termination event.
-    server.Send("+OK\r\n").Expect("USER demo\r\n").Mark("user").Delay(1000).Send("+OK\r\n").Hold();
+    server.Send("+OK\r\n").Expect("USER demo\r\n").Send("+OK\r\n").Expect("PASS x\r\n").Send("+OK\r\n");
+    server.Expect("STAT\r\n")
+        .Send("+OK 2147483647 0\r\n")
+        .Expect("CAPA\r\n")
+        .Send("+OK\r\nPIPELINING\r\n.\r\n");
+    for (const char* n : {"1", "2", "3"}) {
+        server.Expect(std::string("LIST ") + n + "\r\n").Send(std::string("+OK ") + n + " 10\r\n");
+        server.Expect(std::string("TOP ") + n + " 0\r\n").Send("+OK\r\nSubject: s\r\n\r\n.\r\n");
+        server.Expect(std::string("UIDL ") + n + "\r\n").Send(std::string("+OK ") + n + " u" + n + "\r\n");
+    }
+    server.Expect("QUIT\r\n").Send("+OK\r\n");
     server.Start();
+    CheckOptions o = Options(server.Port(), "x");
+    o.scanLimit = 3;
     std::string out;
-    int rc = -1;
-    std::thread check([&] { rc = Check(Options(server.Port(), "x"), out); });
-    ASSERT_TRUE(server.WaitMark("user"));
-    std::raise(SIGINT);
-    check.join();
-    EXPECT_EQ(rc, 130);
+    EXPECT_EQ(Check(o, out), 0);
+    EXPECT_NE(out.find("\n3 of 2147483647 messages (the scan limit; --all lists every one)\n"),
+              std::string::npos)
+        << out;
     EXPECT_EQ(server.Finish(), "");
-    EXPECT_EQ(server.Received(), "USER demo\r\n");
 }
 
 TEST(DemoPop3Server, ServesTheMailboxAsAPop3Server) {
