@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <list>
+#include <memory>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -16,7 +17,7 @@ namespace detail {
 
 class ProcessedIdList {
 public:
-    bool Contains(DWORD id) const { return Find(id) != nullptr; }
+    bool Contains(DWORD id) const { return id ? FindSlot(id) != kNone : m_zeroPresent; }
     // Appends, present or not.
     void Append(DWORD id);
     // Appends unless present; true when it did.
@@ -36,37 +37,57 @@ public:
     template <class Visit>
     void ForEach(Visit visit) const {
         for (size_t i = 0; i < m_values.size(); ++i)
-            if (!m_removed[i]) visit(m_values[i]);
+            if (!Removed(i)) visit(m_values[i]);
     }
+
+    ProcessedIdList() = default;
+    ProcessedIdList(const ProcessedIdList& other) { CopyFrom(other); }
+    ProcessedIdList& operator=(const ProcessedIdList& other) {
+        if (this != &other) CopyFrom(other);
+        return *this;
+    }
+    ProcessedIdList(ProcessedIdList&&) noexcept = default;
+    ProcessedIdList& operator=(ProcessedIdList&&) noexcept = default;
 
     bool operator==(const ProcessedIdList& other) const { return ToList() == other.ToList(); }
 
 private:
-    // One distinct value and where its first live occurrence is; kFree marks an empty slot. Eight bytes,
-    // so that a table of 50,000 identifiers stays small: growing memory is what a busy list costs most.
-    struct Slot {
-        DWORD key;
-        std::uint32_t first;
-    };
-    static constexpr std::uint32_t kFree = 0xFFFFFFFFu;
+    static constexpr size_t kNone = ~size_t(0);
 
-    const Slot* Find(DWORD id) const;
-    Slot* Find(DWORD id) { return const_cast<Slot*>(static_cast<const ProcessedIdList*>(this)->Find(id)); }
+    // The table holds each distinct non-zero value once, with where its first live occurrence is. A
+    // search reads only the keys, four bytes a slot: for lists of 50,000 identifiers the probe stays in
+    // one cache line and the table small, and growing memory is what a busy list costs most. Key 0
+    // marks a free slot, so the value 0 is kept beside the table.
+    size_t FindSlot(DWORD id) const;
     size_t Home(DWORD id) const;
     // The slot of id, or the free slot where it would go (the table has room for one more).
-    Slot* Probe(DWORD id);
+    size_t Probe(DWORD id) const;
+    // Where the first live occurrence of a present id is kept.
+    std::uint32_t& FirstOf(DWORD id) { return id ? m_firsts[FindSlot(id)] : m_zeroFirst; }
     void Insert(DWORD id, std::uint32_t index);
-    void Erase(Slot* slot);
+    void Erase(DWORD id);
     void Grow(size_t slots);
+    bool Full() const { return (m_used + 1) * 4 > m_keys.size() * 3; }
+    void CopyFrom(const ProcessedIdList& other);
+    void GrowIfFull() {
+        if (Full()) Grow(m_keys.empty() ? kFirstSlots : m_keys.size() * 2);
+    }
+    void Push(DWORD id);
+    bool Removed(size_t index) const { return !m_removed.empty() && m_removed[index]; }
     // Drops removed entries once they outnumber the live ones.
     void Compact();
 
+    static constexpr size_t kFirstSlots = 16;
+
     std::vector<DWORD> m_values;  // list order, removed entries included
-    std::vector<bool> m_removed;
+    std::vector<bool> m_removed;  // empty until the first removal, then one flag per entry
     size_t m_live = 0;
-    std::vector<Slot> m_slots;  // open addressing, linear probing, power-of-two size, at most 3/4 full
+    std::vector<DWORD> m_keys;  // open addressing, linear probing, power-of-two size, at most 3/4 full
+    std::unique_ptr<std::uint32_t[]> m_firsts;  // per slot; only slots with a key are meaningful
     size_t m_used = 0;
     int m_shift = 64;  // 64 - log2(slots)
+    bool m_zeroPresent = false;
+    std::uint32_t m_zeroFirst = 0;
     // Values present more than once, with their number of live occurrences; rare, so kept aside.
     std::unordered_map<DWORD, std::uint32_t> m_repeats;
 };
