@@ -1,7 +1,5 @@
 #include "util/CFileManager.h"
 
-#include <algorithm>
-
 #include "platform/CFile.h"
 #include "util/CFileName.h"
 
@@ -10,7 +8,7 @@ CFileManager::~CFileManager() { RemoveTempFiles(); }
 void CFileManager::AddTempFile(CString path) {
     CString upper = path;
     upper.MakeUpper();
-    if (std::find(m_TempFiles.begin(), m_TempFiles.end(), upper) != m_TempFiles.end()) return;
+    if (!m_Listed.insert(upper.str()).second) return;
     m_TempFiles.push_back(upper);
     m_Paths.push_back(path);
 }
@@ -26,4 +24,5 @@ void CFileManager::RemoveTempFiles() {
     }
     m_TempFiles.clear();
     m_Paths.clear();
+    m_Listed.clear();
 }

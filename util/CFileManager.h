@@ -2,6 +2,8 @@
 #pragma once
 
 #include <list>
+#include <string>
+#include <unordered_set>
 
 #include "platform/CString.h"
 
@@ -24,4 +26,6 @@ public:
 private:
     std::list<CString> m_TempFiles;  // capitals
     std::list<CString> m_Paths;      // the same entries as given
+    // The capitals again, so that a decoder listing thousands of files does not search the list for each.
+    std::unordered_set<std::string> m_Listed;
 };
