@@ -1,6 +1,6 @@
 #include "messages/CMailParser.h"
 
-bool CMailParser::ScanMail(CString text) {
+bool CMailParser::ScanMail(const CString& text) {
     const std::string& s = text.str();
     const std::size_t at = s.find("\r\n\r\n");
     if (at == std::string::npos || at == 0) return false;

@@ -1,9 +1,9 @@
 #include "messages/CMimeDecoder.h"
 
+#include <cctype>
 #include <string>
 #include <vector>
 
-#include "messages/CMailParser.h"
 #include "messages/internal/PartSubstitution.h"
 #include "messages/internal/RemovalPasses.h"
 #include "messages/internal/TextSearch.h"
@@ -45,6 +45,30 @@ XString attachmentBox(CMimeHeader& part) {
     return box;
 }
 
+// The decoded bytes as a C string, without copying them; valid until the part decodes again.
+std::string_view decodedText(CMimeHeader& part) {
+    return std::string_view(reinterpret_cast<const char*>(part.GetDecodedContent()));
+}
+
+// ASCII letters, as XString::NCFind compares them.
+bool containsNoCase(std::string_view text, std::string_view lowerWord) {
+    for (std::size_t at = text.find(lowerWord[0]); at != std::string_view::npos;) {
+        std::size_t i = 0;
+        while (i < lowerWord.size() && at + i < text.size() &&
+               (text[at + i] == lowerWord[i] || text[at + i] == std::toupper(lowerWord[i])))
+            ++i;
+        if (i == lowerWord.size()) return true;
+        at = text.find(lowerWord[0], at + 1);
+    }
+    return false;
+}
+
+// Where the body starts, as CMailParser splits the text; npos when it would not.
+std::size_t bodyStart(std::string_view text) {
+    const std::size_t at = text.find("\r\n\r\n");
+    return at == std::string_view::npos || at == 0 ? std::string_view::npos : at + 4;
+}
+
 }  // namespace
 
 struct CMimeDecoder::Piece {
@@ -70,18 +94,18 @@ bool CMimeDecoder::ScanMessage() {
     m_listRemove.clear();
     m_dwLimits = LimitNone;
     m_nParts = 0;
+    const std::string_view message(m_strMessage.str());
+    const std::size_t start = bodyStart(message);
+    if (start == std::string_view::npos) return false;
     CMimeHeader top;
-    {
-        CMailParser parser;
-        if (!parser.ScanMail(m_strMessage)) return false;
-        XString header = parser.GetMsgHeaderText(), body = parser.GetMsgBodyText();
-        top.SetFileManager(m_pFileManager);
-        top.Initialize(header, body);
-    }
+    top.SetFileManager(m_pFileManager);
+    top.InitializeHeader(message.substr(0, start - 4));
     if (top.m_strContentType.IsEmpty()) return false;
     if (top.HasBoundary()) {
-        WalkBlock(top.m_strContent.str(), top.m_strBoundary, 1);
+        // The message text stays as it is while the walk reads it.
+        WalkBlock(message.substr(start), top.m_strBoundary, 1);
     } else {
+        top.m_strContent = XString(CString(message.substr(start)));
         m_listParts.push_back(std::move(top));
     }
     return false;
@@ -187,19 +211,18 @@ void CMimeDecoder::StripHtml(XString& text) {
 template <class Render>
 void CMimeDecoder::Reformat(Render&& render) {
     if (m_listParts.empty()) return;
-    std::string body;
-    {
-        CMailParser parser;
-        if (!parser.ScanMail(m_strMessage)) return;
-        body = parser.GetMsgBodyText().str();
-    }
+    const std::string_view message(m_strMessage.str());
+    const std::size_t start = bodyStart(message);
+    if (start == std::string_view::npos) return;
+    const std::string_view body = message.substr(start);
     m_dwLimits &= ~static_cast<DWORD>(LimitRender);
     const std::size_t expected = body.size() + m_listParts.size() * kRenderedPartExtra;
     detail::WorkBudget budget(kWorkPerByte * expected + kWorkFloor);
-    detail::PartSubstitution text(std::move(body), expected, budget);
+    detail::PartSubstitution text(body, expected, budget);
+    XString storage;
     for (CMimeHeader& part : m_listParts) {
-        const XString with = render(part);
-        if (!text.Replace(part.m_strContent.str(), with.str())) break;
+        const std::string_view with = render(part, storage);
+        if (!text.Replace(part.m_strContent.str(), with)) break;
     }
     std::string result = text.Take();
     std::vector<std::string_view> removals;
@@ -211,31 +234,33 @@ void CMimeDecoder::Reformat(Render&& render) {
 }
 
 void CMimeDecoder::ReformatText() {
-    Reformat([this](CMimeHeader& part) {
+    Reformat([this](CMimeHeader& part, XString& storage) -> std::string_view {
         const XString type(part.GetContentType());
         if (type.NCFind("text/html") >= 0) {
-            XString text(part.GetDecodedContent());
-            StripHtml(text);
-            return text;
+            storage = XString(part.GetDecodedContent());
+            StripHtml(storage);
+            return storage.str();
         }
-        if (type.NCFind("text") >= 0) return XString(part.GetDecodedContent());
-        return XString();
+        if (type.NCFind("text") >= 0) return decodedText(part);
+        return {};
     });
 }
 
 void CMimeDecoder::ReformatHtml() {
-    Reformat([](CMimeHeader& part) {
+    Reformat([](CMimeHeader& part, XString& storage) -> std::string_view {
         const XString type(part.GetContentType());
-        if (type.NCFind("html") >= 0) return attachmentBox(part);
-        if (type.NCFind("text") >= 0) {
-            XString text(part.GetDecodedContent());
-            return text.NCFind("<html>") >= 0 ? attachmentBox(part) : text;
+        if (type.NCFind("html") >= 0) {
+            storage = attachmentBox(part);
+        } else if (type.NCFind("text") >= 0) {
+            const std::string_view text = decodedText(part);
+            if (!containsNoCase(text, "<html>")) return text;
+            storage = attachmentBox(part);
+        } else if (type.NCFind("image") >= 0) {
+            storage = kImageTemplate;
+            storage.ReplaceAll(localFile(part), "%LOCAL_FILE%");
+        } else {
+            storage = attachmentBox(part);
         }
-        if (type.NCFind("image") >= 0) {
-            XString image(kImageTemplate);
-            image.ReplaceAll(localFile(part), "%LOCAL_FILE%");
-            return image;
-        }
-        return attachmentBox(part);
+        return storage.str();
     });
 }

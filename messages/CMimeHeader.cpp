@@ -159,6 +159,7 @@ CString CMimeHeader::GetSubType() {
 
 void CMimeHeader::TransferContent(XString& text, CByteArray& out) {
     std::vector<BYTE>& bytes = out.vector();
+    bytes.reserve(bytes.size() + text.str().size() + 1);
     bytes.insert(bytes.end(), text.str().begin(), text.str().end());
     bytes.push_back(0);
 }
@@ -174,11 +175,11 @@ void CMimeHeader::Decode() {
         CUUCoding().Decode(m_strContent, m_DecodedContent);
         m_DecodedContent.Add(0);
     } else if (encoding.NCFind("quoted-printable") >= 0) {
-        XString text(m_strContent);
-        for (const char* softBreak : {" = \r\n", " =\r\n", "= \r\n", "=\r\n"})
-            text.ReplaceAll(XString(), softBreak);
-        detail::ReplaceHexEscapes(text.str());
-        TransferContent(text, m_DecodedContent);
+        // Decoded where it lands, as TransferContent would have copied the decoded text.
+        TransferContent(m_strContent, m_DecodedContent);
+        std::vector<BYTE>& bytes = m_DecodedContent.vector();
+        bytes.resize(detail::DecodeQuotedPrintable(reinterpret_cast<char*>(bytes.data()), bytes.size() - 1));
+        bytes.push_back(0);
     } else {
         TransferContent(m_strContent, m_DecodedContent);
     }

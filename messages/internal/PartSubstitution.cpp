@@ -23,88 +23,102 @@ std::uint64_t power(std::size_t n) {
 
 const std::uint64_t kTop = power(GramFilter::kGram - 1);
 
-// Calls f with the hash of every kGram-long substring of text ending at from..to-1.
-template <class F>
-void forEachGram(std::string_view text, std::size_t from, std::size_t to, F&& f) {
-    constexpr std::size_t k = GramFilter::kGram;
-    from = std::max(from, k - 1);
-    if (to > text.size()) to = text.size();
-    if (from >= to) return;
+std::uint64_t hashOf(std::string_view text) {
     std::uint64_t h = 0;
-    for (std::size_t i = from + 1 - k; i < from; ++i) h = h * kBase + static_cast<unsigned char>(text[i]);
-    for (std::size_t end = from; end < to; ++end) {
-        h = h * kBase + static_cast<unsigned char>(text[end]);
-        if (!f(h)) return;
-        h -= kTop * static_cast<unsigned char>(text[end + 1 - k]);
-    }
+    for (char c : text) h = h * kBase + static_cast<unsigned char>(c);
+    return h;
 }
 
 }  // namespace
 
-GramFilter::GramFilter(std::size_t expectedLength) {
-    // About four bits per substring: a substring not in the text passes with a chance near 1 in 6, so a
-    // content that does not occur is ruled out within its first few substrings.
-    std::size_t bits = 1 << 16;
-    while (bits < expectedLength * 4 && bits < (std::size_t(1) << 34)) bits <<= 1;
-    m_bits.assign(bits / 64, 0);
-    m_mask = bits - 1;
-}
-
 void GramFilter::Set(std::uint64_t hash) {
-    std::uint64_t a = mix(hash), b = mix(a);
-    m_bits[(a & m_mask) >> 6] |= std::uint64_t(1) << (a & 63);
-    m_bits[(b & m_mask) >> 6] |= std::uint64_t(1) << (b & 63);
+    const std::uint64_t a = mix(hash) & m_mask;
+    m_bits[a >> 6] |= std::uint64_t(1) << (a & 63);
 }
 
 bool GramFilter::Test(std::uint64_t hash) const {
-    std::uint64_t a = mix(hash), b = mix(a);
-    return (m_bits[(a & m_mask) >> 6] >> (a & 63) & 1) && (m_bits[(b & m_mask) >> 6] >> (b & 63) & 1);
+    const std::uint64_t a = mix(hash) & m_mask;
+    return m_bits[a >> 6] >> (a & 63) & 1;
 }
 
-void GramFilter::Add(std::string_view text, std::size_t from, std::size_t to) {
-    forEachGram(text, from, to, [this](std::uint64_t h) {
-        Set(h);
-        return true;
-    });
+void GramFilter::Forget(std::size_t from) {
+    // Samples that reach from or beyond are to be added again; the old ones stay as false positives.
+    const std::size_t first = from + 1 > kGram ? (from + 1 - kGram + kStep - 1) / kStep * kStep : 0;
+    m_next = std::min(m_next, first);
 }
 
-bool GramFilter::MayContain(std::string_view pattern) const {
-    bool all = true;
-    forEachGram(pattern, 0, pattern.size(), [&](std::uint64_t h) { return all = Test(h); });
-    return all;
+bool GramFilter::MayContain(std::string_view text, std::string_view pattern, std::uint64_t& work) {
+    work = 0;
+    if (pattern.size() < kShortest) return true;
+    if (m_bits.empty() || m_stale) {
+        // About eight bits per sample: a substring not in the text passes with a chance near 1 in 8.
+        std::size_t bits = 1 << 16;
+        while (bits < m_expected / kStep * 8 && bits < (std::size_t(1) << 34)) bits <<= 1;
+        m_bits.assign(bits / 64, 0);
+        m_mask = bits - 1;
+        m_next = 0;
+        m_stale = false;
+        work += bits / 64;
+    }
+    for (; m_next + kGram <= text.size(); m_next += kStep) {
+        Set(hashOf(text.substr(m_next, kGram)));
+        ++work;
+    }
+    // Which starting offsets (modulo kStep) are still possible.
+    unsigned possible = (1u << kStep) - 1;
+    std::uint64_t h = hashOf(pattern.substr(0, kGram - 1));
+    for (std::size_t end = kGram - 1; end < pattern.size(); ++end) {
+        h = h * kBase + static_cast<unsigned char>(pattern[end]);
+        const std::size_t offset = (end + 1 - kGram) % kStep;
+        if ((possible >> offset & 1) && !Test(h)) {
+            possible &= ~(1u << offset);
+            if (possible == 0) return false;
+        }
+        h -= kTop * static_cast<unsigned char>(pattern[end + 1 - kGram]);
+    }
+    return true;
 }
 
-PartSubstitution::PartSubstitution(std::string text, std::size_t expectedLength, WorkBudget& budget)
-    : m_body(std::move(text)), m_grams(expectedLength), m_budget(budget) {}
-
-void PartSubstitution::Append(std::string_view text) {
-    const std::size_t from = m_done.size();
-    m_done.append(text);
-    m_grams.Add(m_done, from, m_done.size());
+PartSubstitution::PartSubstitution(std::string_view text, std::size_t expectedLength, WorkBudget& budget)
+    : m_body(text), m_grams(expectedLength), m_budget(budget) {
+    m_done.reserve(text.size());
 }
 
 // The first occurrence in m_done + m_body[m_rest..], as an index into that text.
 std::size_t PartSubstitution::FindFirst(std::string_view key) {
     constexpr auto npos = std::string_view::npos;
-    const std::string_view done(m_done), rest = std::string_view(m_body).substr(m_rest);
+    const std::string_view done(m_done), rest = m_body.substr(m_rest);
     if (key.empty()) return 0;
     // Wholly inside the replaced part: only when the filter cannot rule it out.
-    if (key.size() <= done.size() && (key.size() < GramFilter::kGram || m_grams.MayContain(key))) {
-        std::size_t at = FindText(done, key);
+    std::uint64_t work = 0;
+    const bool maybe = key.size() <= done.size() && m_grams.MayContain(done, key, work);
+    m_budget.Spend(work);
+    if (maybe) {
+        std::size_t at = FindTextNear(done, key);
         m_budget.Spend(at == npos ? done.size() : at + key.size());
         if (at != npos) return at;
     }
-    // Starting in the replaced part and running on into the untouched one.
+    // Starting in the replaced part and running on into the untouched one: from its last key.size() - 1
+    // characters. Where the key's head first starts there settles it, unless the comparison fails.
     if (!done.empty() && key.size() > 1) {
         const std::size_t from = done.size() > key.size() - 1 ? done.size() - (key.size() - 1) : 0;
+        const std::string_view head = key.substr(0, std::min<std::size_t>(key.size(), 32));
         std::string window(done.substr(from));
-        window.append(rest.substr(0, key.size() - 1));
-        std::size_t at = FindText(window, key);
-        if (at != npos && from + at < done.size()) return from + at;
+        window.append(rest.substr(0, head.size() - 1));
+        std::size_t at = FindText(window, head);
+        if (at == npos || from + at >= done.size()) at = npos;
+        if (at != npos && head.size() < key.size()) {
+            window.append(rest.substr(head.size() - 1, key.size() - head.size()));
+            if (std::string_view(window).substr(at, key.size()) != key) {
+                at = FindText(window, key, at + 1);
+                if (at != npos && from + at >= done.size()) at = npos;
+            }
+        }
+        if (at != npos) return from + at;
     }
     // In the untouched part: the search stops at the content's own place at the latest, and the next
     // search starts after it, so these searches add up to one pass over the text.
-    std::size_t at = FindText(rest, key);
+    std::size_t at = FindTextNear(rest, key);
     if (at == npos) {
         m_budget.Spend(rest.size());
         return npos;
@@ -120,8 +134,8 @@ bool PartSubstitution::Replace(std::string_view content, std::string_view with) 
     const std::size_t length = content.size();
     if (at >= m_done.size()) {
         const std::size_t start = m_rest + (at - m_done.size());
-        Append(std::string_view(m_body).substr(m_rest, start - m_rest));
-        Append(with);
+        m_done.append(m_body.substr(m_rest, start - m_rest));
+        m_done.append(with);
         m_rest = std::min(m_body.size(), start + length);
     } else if (at + length <= m_done.size()) {
         // Inside what was replaced before: rare, and paid for unless nothing changes (a text part repeated:
@@ -129,19 +143,24 @@ bool PartSubstitution::Replace(std::string_view content, std::string_view with) 
         if (with == std::string_view(m_done).substr(at, length)) return true;
         m_budget.Spend(m_done.size() - at);
         m_done.replace(at, length, with);
-        m_grams.Add(m_done, at, at + with.size() + GramFilter::kGram - 1);
+        if (with.size() == length) {
+            m_grams.Forget(at);
+        } else {
+            m_grams.Clear();
+        }
     } else {
         const std::size_t over = at + length - m_done.size();
         m_done.resize(at);
-        Append(with);
+        m_grams.Forget(at);
+        m_done.append(with);
         m_rest = std::min(m_body.size(), m_rest + over);
     }
     return true;
 }
 
 std::string PartSubstitution::Take() {
-    m_done.append(m_body, m_rest, std::string::npos);
-    m_body.clear();
+    m_done.append(m_body.substr(m_rest));
+    m_body = {};
     m_rest = 0;
     return std::move(m_done);
 }

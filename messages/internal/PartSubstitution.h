@@ -11,24 +11,37 @@
 
 namespace detail {
 
-// A set of the 16-byte substrings of a text, with false positives but no false negatives: a pattern
-// with one substring outside the set cannot occur in the text.
+// The 16-byte substrings of a text that start at every 8th position, with false positives but no false
+// negatives, filled in as the text grows. A pattern of at least 23 bytes that occurred wholly inside the
+// text would have, for the offset its start has from the sampled positions, every one of its substrings
+// at that offset in the set; so when each offset has one missing, the pattern cannot occur.
 class GramFilter {
 public:
     static constexpr std::size_t kGram = 16;
-    // Sized for a text of about expectedLength bytes (a longer one only gives more false positives).
-    explicit GramFilter(std::size_t expectedLength);
-    // Adds the substrings of text that end at positions from..to-1.
-    void Add(std::string_view text, std::size_t from, std::size_t to);
-    // False only when the pattern (at least kGram long) cannot occur in the text added.
-    bool MayContain(std::string_view pattern) const;
+    static constexpr std::size_t kStep = 8;
+    static constexpr std::size_t kShortest = kGram + kStep - 1;
+
+    // Sized for a text of about expectedLength bytes (a longer one only gives more false positives); no
+    // memory is taken until the first test.
+    explicit GramFilter(std::size_t expectedLength) : m_expected(expectedLength) {}
+    // False only when the pattern cannot occur in text, which must have grown only at its end since the
+    // last call, unless Forget or Clear said otherwise. Adds what the text gained since; work is what that
+    // took.
+    bool MayContain(std::string_view text, std::string_view pattern, std::uint64_t& work);
+    // The text was cut at position from (and may grow again from there).
+    void Forget(std::size_t from);
+    // The text changed in place: everything is to be added again.
+    void Clear() { m_stale = true; }
 
 private:
     void Set(std::uint64_t hash);
     bool Test(std::uint64_t hash) const;
 
+    std::size_t m_expected;
     std::vector<std::uint64_t> m_bits;
-    std::uint64_t m_mask;
+    std::uint64_t m_mask = 0;
+    std::size_t m_next = 0;  // the next sampled position to add
+    bool m_stale = false;    // the bits hold substrings of text that changed in place: start again
 };
 
 // The text being rendered, as the literal steps would leave it: replacing the first occurrence of a
@@ -37,8 +50,9 @@ private:
 // in what was replaced already, which the gram filter rules out for ordinary mail.
 class PartSubstitution {
 public:
-    // text: the body; expectedLength: about how long the rendered text will get.
-    PartSubstitution(std::string text, std::size_t expectedLength, WorkBudget& budget);
+    // text: the body, which must outlive the object; expectedLength: about how long the rendered text will
+    // get.
+    PartSubstitution(std::string_view text, std::size_t expectedLength, WorkBudget& budget);
 
     // In the text, the first occurrence of the content up to its first zero byte (a C-string search; an
     // empty one is found at 0) loses the content's whole length (or what is left of the text) and gets
@@ -50,9 +64,8 @@ public:
 
 private:
     std::size_t FindFirst(std::string_view key);
-    void Append(std::string_view text);
 
-    std::string m_body;  // the original text; from m_rest on it is still untouched
+    std::string_view m_body;  // the original text; from m_rest on it is still untouched
     std::size_t m_rest = 0;
     std::string m_done;  // the text before m_rest, as the replacements left it
     GramFilter m_grams;  // of m_done

@@ -1,6 +1,7 @@
 #include "messages/internal/QuotedPrintable.h"
 
 #include <cstdint>
+#include <cstring>
 #include <functional>
 #include <queue>
 #include <string_view>
@@ -26,7 +27,8 @@ bool active(char c) { return c == '=' || hexValue(c) >= 0; }
 // its '=' is not a digit). So each escape is handled once, in the order (value, position).
 class RunDecoder {
 public:
-    void Decode(std::string_view run, std::string& out) {
+    // Writes the decoded run at out (which may overlap the run's start) and returns its length.
+    std::size_t Decode(std::string_view run, char* out) {
         const int n = static_cast<int>(run.size());
         m_chars.assign(run.begin(), run.end());
         m_next.resize(n);
@@ -71,9 +73,11 @@ public:
                 if (w > v) Push(w, starts[i]);
             }
         }
+        std::size_t written = 0;
         for (int i = 0; i < n; ++i) {
-            if (!m_dead[i]) out += m_chars[i];
+            if (!m_dead[i]) out[written++] = m_chars[i];
         }
+        return written;
     }
 
 private:
@@ -108,31 +112,51 @@ bool hasEscape(std::string_view run) {
     return false;
 }
 
+// One pass of removals of pattern, in place, as CString::Replace with an empty replacement does it.
+std::size_t removeEvery(char* text, std::size_t length, std::string_view pattern) {
+    std::size_t read = 0, write = 0;
+    while (read < length) {
+        const void* hit = std::memchr(text + read, pattern[0], length - read);
+        std::size_t at = hit ? static_cast<std::size_t>(static_cast<const char*>(hit) - text) : length;
+        if (at + pattern.size() > length) at = length;
+        std::memmove(text + write, text + read, at - read);
+        write += at - read;
+        read = at;
+        if (read == length) break;
+        if (std::memcmp(text + read, pattern.data(), pattern.size()) == 0) {
+            read += pattern.size();
+        } else {
+            text[write++] = text[read++];
+        }
+    }
+    return write;
+}
+
 }  // namespace
 
-void ReplaceHexEscapes(std::string& text) {
-    if (text.find('=') == std::string::npos) return;
-    std::string out;
-    out.reserve(text.size());
+std::size_t DecodeQuotedPrintable(char* text, std::size_t length) {
+    for (std::string_view softBreak : {" = \r\n", " =\r\n", "= \r\n", "=\r\n"})
+        length = removeEvery(text, length, softBreak);
+    if (!std::memchr(text, '=', length)) return length;
     RunDecoder decoder;
-    const std::string_view all(text);
-    std::size_t i = 0;
-    while (i < all.size()) {
-        if (!active(all[i])) {
-            out += all[i++];
+    std::size_t read = 0, write = 0;
+    while (read < length) {
+        if (!active(text[read])) {
+            text[write++] = text[read++];
             continue;
         }
-        std::size_t end = i;
-        while (end < all.size() && active(all[end])) ++end;
-        const std::string_view run = all.substr(i, end - i);
+        std::size_t end = read;
+        while (end < length && active(text[end])) ++end;
+        const std::string_view run(text + read, end - read);
         if (hasEscape(run)) {
-            decoder.Decode(run, out);
+            write += decoder.Decode(run, text + write);
         } else {
-            out.append(run);
+            std::memmove(text + write, text + read, end - read);
+            write += end - read;
         }
-        i = end;
+        read = end;
     }
-    text.swap(out);
+    return write;
 }
 
 }  // namespace detail

@@ -283,6 +283,7 @@ bool RemoveEachInTurn(std::string& text, const std::vector<std::string_view>& pa
         if (budget.Exhausted()) break;
     }
 
+    if (dead.Intervals().empty()) return !budget.Exhausted();
     std::string out;
     out.reserve(text.size());
     std::size_t from = 0;

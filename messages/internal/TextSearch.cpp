@@ -14,4 +14,13 @@ std::size_t FindText(std::string_view text, std::string_view needle, std::size_t
                : std::string_view::npos;
 }
 
+std::size_t FindTextNear(std::string_view text, std::string_view needle, std::size_t from) {
+    constexpr std::size_t kHead = 32;
+    if (needle.size() <= 2 * kHead) return FindText(text, needle, from);
+    const std::size_t at = FindText(text, needle.substr(0, kHead), from);
+    if (at == std::string_view::npos) return at;
+    if (text.substr(at, needle.size()) == needle) return at;
+    return FindText(text, needle, at + 1);
+}
+
 }  // namespace detail

@@ -10,6 +10,11 @@ namespace detail {
 // when from <= size). Linear in the text searched, whatever the two texts hold.
 std::size_t FindText(std::string_view text, std::string_view needle, std::size_t from = 0);
 
+// The same answer as FindText, found sooner when the needle is long and the first place where its opening
+// bytes occur is an occurrence (as where a part's content is looked for just before it): no occurrence
+// can start before that place, so only that one needs comparing.
+std::size_t FindTextNear(std::string_view text, std::string_view needle, std::size_t from = 0);
+
 // Work that is linear for ordinary mail but not for every input (searches a hostile message could make
 // repeat) draws on one budget per rendering, so that no message can make the work grow without bound.
 class WorkBudget {

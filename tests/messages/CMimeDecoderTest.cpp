@@ -128,7 +128,9 @@ TEST_F(MimeDecoder, HeaderAnalysisQuirks) {
         part.Initialize(header, content);
         EXPECT_EQ(part.GetContentType(), c.type) << c.header;
         EXPECT_EQ(part.GetBoundary(), c.boundary) << c.header;
-        if (*c.name) EXPECT_EQ(part.GetFileName(), c.name) << c.header;
+        if (*c.name) {
+            EXPECT_EQ(part.GetFileName(), c.name) << c.header;
+        }
     }
 }
 

@@ -138,6 +138,25 @@ TEST(MimeSteps, LongContentsFoundInsideTheReplacedTextAsTheLiteralReplaceFindsTh
         }
         ASSERT_EQ(fast.Take(), literal.str());
     }
+    // Long contents whose first occurrence runs from a replacement into the untouched text, or whose head
+    // occurs there without the rest.
+    for (int i = Cases(1000); i > 0; --i) {
+        const std::string piece =
+            gen.Noise(20, "ab") + "0123456789abcdefghijklmnopqrstuvwxyz" + gen.Noise(20, "ab");
+        const std::size_t cut = static_cast<std::size_t>(gen.Pick(static_cast<int>(piece.size())));
+        const std::string text = "zz" + piece.substr(cut) + gen.Noise(20, "ab") + piece + gen.Noise(5, "ab");
+        XString literal = Text(text);
+        detail::WorkBudget budget(1u << 30);
+        detail::PartSubstitution fast(text, text.size(), budget);
+        std::string damaged = piece.substr(0, cut);
+        if (gen.Pick(2)) damaged = gen.Pick(2) ? damaged + "#" : piece.substr(0, 40) + "#" + damaged;
+        for (const auto& [content, with] :
+             std::vector<std::pair<std::string, std::string>>{{"zz", damaged}, {piece, "y"}, {piece, "x"}}) {
+            literal = literal.Replace(Text(with), Text(content));
+            ASSERT_TRUE(fast.Replace(content, with));
+        }
+        ASSERT_EQ(fast.Take(), literal.str()) << text;
+    }
 }
 
 class MimeEquivalence : public MimeTest {
@@ -156,7 +175,9 @@ protected:
             EXPECT_EQ(it->GetContentType(), part.type);
             EXPECT_EQ(it->GetCharset(), part.charset);
             EXPECT_EQ(it->GetTransferEncoding(), part.encoding);
-            if (!part.name.IsEmpty()) EXPECT_EQ(it->GetFileName(), part.name);
+            if (!part.name.IsEmpty()) {
+                EXPECT_EQ(it->GetFileName(), part.name);
+            }
             ++it;
         }
         EXPECT_EQ(text.m_listRemove, scan.removals);
