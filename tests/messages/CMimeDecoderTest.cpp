@@ -25,17 +25,17 @@ std::string Image(const std::string& path) {
 
 const char kAlternative[] =
     "From: a@example.org\r\n"
-    "Content-Type: multipart/alternative; boundary=\"XX\"\r\n"
+    "Content-Type: multipart/alternative; boundary=\"=_XX\"\r\n"
     "\r\n"
-    "--XX\r\n"
+    "--=_XX\r\n"
     "Content-Type: text/plain\r\n"
     "\r\n"
     "Hi =3D there\r\n"
-    "--XX\r\n"
+    "--=_XX\r\n"
     "Content-Type: text/html; name=\"page.html\"\r\n"
     "\r\n"
     "<html><b>Hi</b></html>\r\n"
-    "--XX--\r\n";
+    "--=_XX--\r\n";
 
 using MimeDecoder = MimeTest;
 
@@ -54,7 +54,7 @@ TEST_F(MimeDecoder, AlternativeRendersAsPlainTextThenABoxForTheHtmlPart) {
     CMimeDecoder decoder;
     Scan(decoder, kAlternative);
     ASSERT_EQ(decoder.m_listParts.size(), 2u);
-    EXPECT_EQ(decoder.m_listRemove, (std::list<CString>{"XX", "\r\nContent-Type: text/plain",
+    EXPECT_EQ(decoder.m_listRemove, (std::list<CString>{"=_XX", "\r\nContent-Type: text/plain",
                                                         "\r\nContent-Type: text/html; name=\"page.html\""}));
     EXPECT_EQ(decoder.m_listParts.back().GetContent(), "<html><b>Hi</b></html>\r\n--");
     decoder.ReformatHtml();

@@ -15,10 +15,11 @@ namespace {
 namespace fs = std::filesystem;
 using MimeHostile = MimeTest;
 
+// The boundary is removed wherever it occurs in the rendering: one that occurs nowhere else.
 std::string Multipart(const std::vector<std::string>& parts) {
-    std::string message = "Content-Type: multipart/mixed; boundary=b\r\n\r\n";
-    for (const std::string& part : parts) message += "--b\r\n" + part + "\r\n";
-    return message + "--b--\r\n";
+    std::string message = "Content-Type: multipart/mixed; boundary==_sep_=\r\n\r\n";
+    for (const std::string& part : parts) message += "--=_sep_=\r\n" + part + "\r\n";
+    return message + "--=_sep_=--\r\n";
 }
 
 TEST_F(MimeHostile, AttachmentsAreWrittenOnlyAsNewOwnerOnlyListedFilesInTheTemporaryDirectory) {
