@@ -17,52 +17,32 @@ size_t ProcessedIdList::Home(DWORD id) const {
 }
 
 size_t ProcessedIdList::Probe(DWORD id) const {
-    const size_t mask = m_keys.size() - 1;
+    const size_t mask = m_slots.size() - 1;
     size_t i = Home(id);
-    while (m_keys[i] != 0 && m_keys[i] != id) i = (i + 1) & mask;
+    while (m_slots[i].key != 0 && m_slots[i].key != id) i = (i + 1) & mask;
     return i;
 }
 
 size_t ProcessedIdList::FindSlot(DWORD id) const {
-    if (m_keys.empty()) return kNone;
+    if (m_slots.empty()) return kNone;
     const size_t i = Probe(id);
-    return m_keys[i] == id ? i : kNone;
-}
-
-void ProcessedIdList::CopyFrom(const ProcessedIdList& other) {
-    m_values = other.m_values;
-    m_removed = other.m_removed;
-    m_live = other.m_live;
-    m_keys = other.m_keys;
-    m_firsts.reset(other.m_keys.empty() ? nullptr : new std::uint32_t[other.m_keys.size()]);
-    if (m_firsts) std::copy(other.m_firsts.get(), other.m_firsts.get() + other.m_keys.size(), m_firsts.get());
-    m_used = other.m_used;
-    m_shift = other.m_shift;
-    m_zeroPresent = other.m_zeroPresent;
-    m_zeroFirst = other.m_zeroFirst;
-    m_repeats = other.m_repeats;
+    return m_slots[i].key == id ? i : kNone;
 }
 
 void ProcessedIdList::Grow(size_t slots) {
-    std::vector<DWORD> keys = std::move(m_keys);
-    std::unique_ptr<std::uint32_t[]> firsts = std::move(m_firsts);
-    m_keys.assign(slots, 0);
-    m_firsts.reset(new std::uint32_t[slots]);
+    std::vector<Slot> old = std::move(m_slots);
+    m_slots.assign(slots, Slot{0, 0});
     m_shift = 64;
     for (size_t n = slots; n > 1; n >>= 1) --m_shift;
-    for (size_t j = 0; j < keys.size(); ++j) {
-        if (keys[j] == 0) continue;
-        const size_t i = Probe(keys[j]);
-        m_keys[i] = keys[j];
-        m_firsts[i] = firsts[j];
-    }
+    for (const Slot& slot : old)
+        if (slot.key != 0) m_slots[Probe(slot.key)] = slot;
 }
 
 void ProcessedIdList::Reserve(size_t count) {
     m_values.reserve(count);
-    size_t slots = std::max(m_keys.size(), kFirstSlots);
+    size_t slots = std::max(m_slots.size(), kFirstSlots);
     while (count * 4 > slots * 3) slots *= 2;
-    if (slots != m_keys.size()) Grow(slots);
+    if (slots != m_slots.size()) Grow(slots);
 }
 
 void ProcessedIdList::Insert(DWORD id, std::uint32_t index) {
@@ -72,9 +52,7 @@ void ProcessedIdList::Insert(DWORD id, std::uint32_t index) {
         return;
     }
     GrowIfFull();
-    const size_t i = Probe(id);
-    m_keys[i] = id;
-    m_firsts[i] = index;
+    m_slots[Probe(id)] = Slot{id, index};
     ++m_used;
 }
 
@@ -84,17 +62,16 @@ void ProcessedIdList::Erase(DWORD id) {
         return;
     }
     // Backward-shift deletion keeps every probe sequence unbroken without tombstones.
-    const size_t mask = m_keys.size() - 1;
+    const size_t mask = m_slots.size() - 1;
     size_t hole = FindSlot(id);
-    m_keys[hole] = 0;
+    m_slots[hole].key = 0;
     --m_used;
-    for (size_t j = (hole + 1) & mask; m_keys[j] != 0; j = (j + 1) & mask) {
-        const size_t home = Home(m_keys[j]);
+    for (size_t j = (hole + 1) & mask; m_slots[j].key != 0; j = (j + 1) & mask) {
+        const size_t home = Home(m_slots[j].key);
         const bool reachable = hole <= j ? (hole < home && home <= j) : (hole < home || home <= j);
         if (reachable) continue;
-        m_keys[hole] = m_keys[j];
-        m_firsts[hole] = m_firsts[j];
-        m_keys[j] = 0;
+        m_slots[hole] = m_slots[j];
+        m_slots[j].key = 0;
         hole = j;
     }
 }
@@ -122,10 +99,9 @@ bool ProcessedIdList::AppendUnique(DWORD id) {
     } else {
         // One probe finds the identifier or the slot it takes.
         GrowIfFull();
-        const size_t i = Probe(id);
-        if (m_keys[i] == id) return false;
-        m_keys[i] = id;
-        m_firsts[i] = index;
+        Slot& slot = m_slots[Probe(id)];
+        if (slot.key == id) return false;
+        slot = Slot{id, index};
         ++m_used;
     }
     Push(id);
@@ -167,8 +143,7 @@ void ProcessedIdList::Compact() {
 void ProcessedIdList::Clear() {
     m_values.clear();
     m_removed.clear();
-    m_keys.clear();
-    m_firsts.reset();
+    m_slots.clear();
     m_repeats.clear();
     m_shift = 64;
     m_live = 0;

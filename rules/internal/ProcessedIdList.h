@@ -6,7 +6,6 @@
 
 #include <cstdint>
 #include <list>
-#include <memory>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -40,37 +39,31 @@ public:
             if (!Removed(i)) visit(m_values[i]);
     }
 
-    ProcessedIdList() = default;
-    ProcessedIdList(const ProcessedIdList& other) { CopyFrom(other); }
-    ProcessedIdList& operator=(const ProcessedIdList& other) {
-        if (this != &other) CopyFrom(other);
-        return *this;
-    }
-    ProcessedIdList(ProcessedIdList&&) noexcept = default;
-    ProcessedIdList& operator=(ProcessedIdList&&) noexcept = default;
-
     bool operator==(const ProcessedIdList& other) const { return ToList() == other.ToList(); }
 
 private:
     static constexpr size_t kNone = ~size_t(0);
 
-    // The table holds each distinct non-zero value once, with where its first live occurrence is. A
-    // search reads only the keys, four bytes a slot: for lists of 50,000 identifiers the probe stays in
-    // one cache line and the table small, and growing memory is what a busy list costs most. Key 0
-    // marks a free slot, so the value 0 is kept beside the table.
+    // The table holds each distinct non-zero value once, beside where its first live occurrence is: a
+    // search and the add that follows it touch one place in memory, which for lists of 50,000
+    // identifiers is the cost that counts. Key 0 marks a free slot, so the value 0 is kept beside the
+    // table.
+    struct Slot {
+        DWORD key;
+        std::uint32_t first;
+    };
     size_t FindSlot(DWORD id) const;
     size_t Home(DWORD id) const;
     // The slot of id, or the free slot where it would go (the table has room for one more).
     size_t Probe(DWORD id) const;
     // Where the first live occurrence of a present id is kept.
-    std::uint32_t& FirstOf(DWORD id) { return id ? m_firsts[FindSlot(id)] : m_zeroFirst; }
+    std::uint32_t& FirstOf(DWORD id) { return id ? m_slots[FindSlot(id)].first : m_zeroFirst; }
     void Insert(DWORD id, std::uint32_t index);
     void Erase(DWORD id);
     void Grow(size_t slots);
-    bool Full() const { return (m_used + 1) * 4 > m_keys.size() * 3; }
-    void CopyFrom(const ProcessedIdList& other);
+    bool Full() const { return (m_used + 1) * 4 > m_slots.size() * 3; }
     void GrowIfFull() {
-        if (Full()) Grow(m_keys.empty() ? kFirstSlots : m_keys.size() * 2);
+        if (Full()) Grow(m_slots.empty() ? kFirstSlots : m_slots.size() * 2);
     }
     void Push(DWORD id);
     bool Removed(size_t index) const { return !m_removed.empty() && m_removed[index]; }
@@ -82,8 +75,7 @@ private:
     std::vector<DWORD> m_values;  // list order, removed entries included
     std::vector<bool> m_removed;  // empty until the first removal, then one flag per entry
     size_t m_live = 0;
-    std::vector<DWORD> m_keys;  // open addressing, linear probing, power-of-two size, at most 3/4 full
-    std::unique_ptr<std::uint32_t[]> m_firsts;  // per slot; only slots with a key are meaningful
+    std::vector<Slot> m_slots;  // open addressing, linear probing, power-of-two size, at most 3/4 full
     size_t m_used = 0;
     int m_shift = 64;  // 64 - log2(slots)
     bool m_zeroPresent = false;
