@@ -45,6 +45,8 @@ CErrorDialog::~CErrorDialog() {
 }
 
 INT_PTR CErrorDialog::DoModal() {
+    // The template is the library's resource: without the library attached there is no dialog to make.
+    if (!AfxFindDialogResource(tavik::IDD_ERROR_DIALOG)) return -1;
     m_hWnd = CreateMessageWindow(&CErrorDialog::WndProc, this);
     if (!m_hWnd) return -1;
     OnInitDialog();

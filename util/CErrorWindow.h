@@ -21,7 +21,8 @@ public:
     CErrorDialog& operator=(const CErrorDialog&) = delete;
 
     // Creates the window, initialises it and runs the modal loop until the dialog is cancelled;
-    // returns IDCANCEL then (-1 when the window could not be made).
+    // returns IDCANCEL then (-1 when the window could not be made, or the library's dialog template is
+    // not among the process's resources).
     INT_PTR DoModal();
     HWND GetSafeHwnd() const { return m_hWnd; }
 
