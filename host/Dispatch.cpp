@@ -2,6 +2,8 @@
 
 #include "host/Commands.h"
 #include "host/ErrorWindowHost.h"
+#include "platform/CException.h"
+#include "platform/FileSystem.h"
 
 namespace tavik::host {
 
@@ -47,6 +49,27 @@ const Command* Resolve(const std::vector<std::string>& args, size_t& at, std::st
         path += " " + sub->name;
     }
     return command;
+}
+
+// Files the library keeps beside the program go to the user's data directory instead, never to /usr or
+// a build tree.
+bool UseDataDirectory(FILE* err) {
+    const std::string directory = TavikDataDirectory();
+    if (directory.empty()) {
+        std::fprintf(err, "tavik: no place for the data files: set TAVIK_DATA, XDG_DATA_HOME or HOME\n");
+        return false;
+    }
+    if (TavikUseDataDirectory(directory.c_str())) return true;
+    const LONG code = static_cast<LONG>(GetLastError());
+    if (code == ERROR_DIRECTORY) {
+        std::fprintf(err, "tavik: cannot use the data directory: %s is not a directory\n", directory.c_str());
+        return false;
+    }
+    char why[512];
+    CFileException(CFileException::OsErrorToException(code), code, directory.c_str())
+        .GetErrorMessage(why, sizeof why);
+    std::fprintf(err, "tavik: cannot use the data directory: %s\n", why);
+    return false;
 }
 
 int Help(const std::vector<std::string>& names, FILE* out, FILE* err) {
@@ -101,6 +124,7 @@ int RunTavik(const std::vector<std::string>& args, FILE* out, FILE* err) {
             std::fputs(HelpText(*command, path).c_str(), out);
             return 0;
         }
+        if (!UseDataDirectory(err)) return 1;
         // Storage failures the library reports go to err while the command runs.
         ErrorWindowHost errorWindow(err);
         return command->run(call);

@@ -103,7 +103,7 @@ BOOL CFile::Open(LPCTSTR fileName, UINT openFlags, CFileException* error) {
     if (openFlags & modeCreate) flags |= O_CREAT;
     if ((openFlags & modeCreate) && (openFlags & osCreateNew)) flags |= O_EXCL;
     if (openFlags & osWriteThrough) flags |= O_DSYNC;
-    unsigned mode = (openFlags & osOwnerOnly) ? 0600 : 0666;
+    const unsigned mode = 0600;
 
     int fdesc;
     do {

@@ -39,13 +39,14 @@ public:
         typeText = 0x4000,  // only meaningful for CStdioFile
         typeBinary = 0x8000,
         osWriteThrough = 0x20000,  // every Write reaches the disk before it returns
-        // Our addition: a file that modeCreate creates gets mode 0600 instead of 0666 & ~umask (for
-        // files that may hold passwords). An existing file keeps its mode.
+        // Every file modeCreate creates is owner-only now (below); the flag stays for callers that say so.
         osOwnerOnly = 0x100000,
         // Our addition, as CreateFile's CREATE_NEW: with modeCreate, the open fails (ERROR_FILE_EXISTS) when
         // the name exists already, a symbolic link included, which is never followed.
         osCreateNew = 0x200000,
     };
+    // A file that modeCreate creates is owner-only (0600): the library's files hold mail, addresses and
+    // passwords, and Windows has no mode bits to say otherwise. An existing file keeps its mode.
     // Share modes are advisory locks on the whole file, taken without waiting when the file is opened:
     // shareExclusive takes an exclusive lock, shareDenyWrite and shareDenyRead a shared one, shareCompat
     // and shareDenyNone none. So two exclusive opens, or an exclusive and a denying one, collide with

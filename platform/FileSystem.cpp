@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <fnmatch.h>
+#include <pwd.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -153,6 +154,54 @@ UINT GetTempFileName(const char* pathName, const char* prefix, UINT unique, char
 void TavikSetApplicationDirectory(const char* directory) {
     std::lock_guard<std::mutex> lock(g_appDirLock);
     g_appDir = directory ? directory : "";
+}
+
+std::string TavikDataDirectory() {
+    if (const char* env = std::getenv("TAVIK_DATA"); env && *env) return env;
+    // A relative XDG directory is to be ignored.
+    if (const char* xdg = std::getenv("XDG_DATA_HOME"); xdg && *xdg == '/')
+        return std::string(xdg) + "/tavikmail";
+    const char* home = std::getenv("HOME");
+    if (!home || !*home) {
+        const passwd* pw = ::getpwuid(::getuid());
+        home = pw ? pw->pw_dir : nullptr;
+    }
+    return home && *home ? std::string(home) + "/.local/share/tavikmail" : std::string();
+}
+
+BOOL TavikUseDataDirectory(const char* directory) {
+    if (!directory || !*directory) {
+        SetLastError(ERROR_PATH_NOT_FOUND);
+        return FALSE;
+    }
+    std::string dir = directory;
+    if (dir[0] != '/') {
+        char cwd[4096];
+        if (!Sys().getcwd(cwd, sizeof cwd)) {
+            SetLastError(errnoToWin32(errno));
+            return FALSE;
+        }
+        dir = std::string(cwd) + "/" + dir;
+    }
+    while (dir.size() > 1 && dir.back() == '/') dir.pop_back();
+    for (size_t pos = 1; pos <= dir.size(); ++pos) {
+        if (pos != dir.size() && dir[pos] != '/') continue;
+        if (Sys().mkdir(dir.substr(0, pos).c_str(), 0700) != 0 && errno != EEXIST) {
+            SetLastError(errnoToWin32(errno));
+            return FALSE;
+        }
+    }
+    struct stat st;
+    if (Sys().stat(dir.c_str(), &st) != 0) {
+        SetLastError(errnoToWin32(errno));
+        return FALSE;
+    }
+    if (!S_ISDIR(st.st_mode)) {
+        SetLastError(ERROR_DIRECTORY);
+        return FALSE;
+    }
+    TavikSetApplicationDirectory(dir.c_str());
+    return TRUE;
 }
 
 DWORD GetModuleFileName(HMODULE module, char* fileName, DWORD size) {

@@ -2,6 +2,8 @@
 // POSIX paths: the separator is '/', and there are no drives (a drive part is always empty).
 #pragma once
 
+#include <string>
+
 #include "platform/WinTypes.h"
 
 constexpr int _MAX_PATH = 260;
@@ -44,6 +46,16 @@ UINT GetTempFileName(const char* pathName, const char* prefix, UINT unique, char
 DWORD GetModuleFileName(HMODULE module, char* fileName, DWORD size);
 // Null or empty restores the program's real directory.
 void TavikSetApplicationDirectory(const char* directory);
+
+// Where a Linux host keeps the files the library puts beside the program: $TAVIK_DATA, else
+// $XDG_DATA_HOME/tavikmail (when that is an absolute path), else ~/.local/share/tavikmail. Empty when
+// none of them can be named (no home directory).
+std::string TavikDataDirectory();
+// Creates the directory and any missing parents owner-only (0700), then makes it the application
+// directory (made absolute, so that paths built from it stay valid wherever the program runs). An
+// existing directory keeps its mode. FALSE with the last error set when the name is empty, or the
+// directory cannot be made or is not a directory; the application directory is then unchanged.
+BOOL TavikUseDataDirectory(const char* directory);
 
 // Removes a file (not a directory). FALSE with the last error set on failure.
 BOOL DeleteFile(const char* fileName);

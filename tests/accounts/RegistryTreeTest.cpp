@@ -89,8 +89,9 @@ TEST(RegistryTree, TwoUsersExportAsTheGoldenText) {
     RegSetStorePath(nullptr);
 
     const std::string exported = dir.file("tree.reg");
-    std::string command = std::string("TAVIK_REGISTRY='") + store + "' '" + TAVIK_EXE +
-                          "' registry export 'HKEY_CURRENT_USER\\Software\\Brannick' '" + exported + "' 2>&1";
+    std::string command = std::string("TAVIK_REGISTRY='") + store + "' TAVIK_DATA='" + dir.file("data") +
+                          "' '" + TAVIK_EXE + "' registry export 'HKEY_CURRENT_USER\\Software\\Brannick' '" +
+                          exported + "' 2>&1";
     ASSERT_EQ(std::system(command.c_str()), 0) << command;
     std::string text = Utf16FileToUtf8(tavik::test::ReadFile(exported));
     ASSERT_EQ(text.substr(0, 36), "Windows Registry Editor Version 5.00");

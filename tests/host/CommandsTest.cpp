@@ -1,6 +1,7 @@
 // `tavik` command lines run whole through the dispatch, on a private registry store (TAVIK_REGISTRY) and
 // files in a temporary directory.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -8,9 +9,11 @@
 #include <string>
 #include <vector>
 
+#include "accounts/CRegistryOptions.h"
 #include "host/Commands.h"
 #include "host/Dispatch.h"
 #include "messages/CStorageManager.h"
+#include "platform/FileSystem.h"
 #include "platform/Registry.h"
 #include "tests/support/TempDir.h"
 
@@ -51,12 +54,15 @@ class Commands : public ::testing::Test {
 protected:
     void SetUp() override {
         setenv("TAVIK_REGISTRY", m_dir.file("registry.db").c_str(), 1);
+        setenv("TAVIK_DATA", m_data.path().c_str(), 1);
         RegSetStorePath(nullptr);
     }
     void TearDown() override {
         RegCloseStore();
         unsetenv("TAVIK_REGISTRY");
+        unsetenv("TAVIK_DATA");
         RegSetStorePath(nullptr);
+        TavikSetApplicationDirectory(nullptr);
     }
     std::vector<std::string> Files() {
         std::vector<std::string> names;
@@ -66,6 +72,7 @@ protected:
         return names;
     }
     tavik::test::TempDir m_dir;
+    tavik::test::TempDir m_data;  // the user's data directory
 };
 
 const char kWindowsFile[] =
@@ -215,6 +222,44 @@ TEST_F(Commands, ScanMakesARecordOfTheHeaderAlone) {
                             "  id                     16135BB3 (CRC-32 of the header)\n"
                             "  size                   184 octets, header 140\n"
                             "  marked deleted         no\n");
+}
+
+TEST_F(Commands, FilesKeptBesideTheProgramLandOwnerOnlyInTheUsersDataDirectory) {
+    const std::string data = (m_data.path() / "share" / "tavikmail").string();
+    setenv("TAVIK_DATA", data.c_str(), 1);
+    ASSERT_EQ(Tavik({"version"}).rc, 0);
+    EXPECT_EQ(std::filesystem::status(data).permissions(), std::filesystem::perms::owner_all);
+
+    // The database an option set falls back to, created where the library puts it.
+    CRegistryOptions options("Software\\Brannick\\Tavik Mail\\Configuration");
+    EXPECT_EQ(std::string(options.GetDataFile().GetString()), data + "/mailread.tvk");
+    { CStorageManager database(options.GetDataFile(), false); }
+    struct stat st {};
+    ASSERT_EQ(stat((data + "/mailread.tvk").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0600u);
+
+    // Without TAVIK_DATA: XDG_DATA_HOME, else the home directory.
+    unsetenv("TAVIK_DATA");
+    const char* home = std::getenv("HOME");
+    const std::string savedHome = home ? home : "";
+    setenv("XDG_DATA_HOME", m_data.file("xdg").c_str(), 1);
+    ASSERT_EQ(Tavik({"version"}).rc, 0);
+    EXPECT_TRUE(std::filesystem::is_directory(m_data.file("xdg") + "/tavikmail"));
+    unsetenv("XDG_DATA_HOME");
+    setenv("HOME", m_data.file("home").c_str(), 1);
+    const int rc = Tavik({"version"}).rc;
+    setenv("HOME", savedHome.c_str(), 1);
+    ASSERT_EQ(rc, 0);
+    EXPECT_TRUE(std::filesystem::is_directory(m_data.file("home") + "/.local/share/tavikmail"));
+
+    // A data directory that cannot be made stops the command before it runs.
+    WriteFile(m_data.file("plain"), "x");
+    setenv("TAVIK_DATA", m_data.file("plain").c_str(), 1);
+    Outcome blocked = Tavik({"version"});
+    EXPECT_EQ(blocked.rc, 1);
+    EXPECT_EQ(blocked.out, "");
+    EXPECT_EQ(blocked.err,
+              "tavik: cannot use the data directory: " + m_data.file("plain") + " is not a directory\n");
 }
 
 TEST_F(Commands, DispatchHelpAndUsageErrors) {

@@ -155,17 +155,19 @@ TEST(CFileTest, OpenModesCreateTruncateAndFail) {
     EXPECT_EQ(error.m_cause, CFileException::accessDenied);
 }
 
-TEST(CFileTest, NewFilesGetOwnerOnlyModeOnRequest) {
+TEST(CFileTest, NewFilesAreOwnerOnlyAndExistingOnesKeepTheirMode) {
     TempDir dir;
-    mode_t old = umask(022);
-    { CFile a(dir.file("plain").c_str(), CFile::modeCreate | CFile::modeWrite); }
-    { CFile b(dir.file("secret").c_str(), CFile::modeCreate | CFile::modeWrite | CFile::osOwnerOnly); }
+    mode_t old = umask(0);
+    { CFile a(dir.file("new").c_str(), CFile::modeCreate | CFile::modeWrite); }
+    WriteFile(dir.file("shared"), "x");
+    chmod(dir.file("shared").c_str(), 0644);
+    { CFile b(dir.file("shared").c_str(), CFile::modeCreate | CFile::modeWrite); }
     umask(old);
     struct stat st;
-    ASSERT_EQ(stat(dir.file("plain").c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 0777, 0644u);
-    ASSERT_EQ(stat(dir.file("secret").c_str(), &st), 0);
+    ASSERT_EQ(stat(dir.file("new").c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 0777, 0600u);
+    ASSERT_EQ(stat(dir.file("shared").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0644u);
 }
 
 TEST(CFileTest, ShareModesCollide) {

@@ -1,9 +1,15 @@
 // Path parts, presence tests, temporary names and the temporary-file list, against real files.
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <map>
+#include <optional>
+#include <string>
 
 #include "platform/FileSystem.h"
 #include "platform/Shell.h"
@@ -169,6 +175,74 @@ TEST(PathCalls, TempFileNamesAreCreatedUniqueWithWindowsShape) {
     ASSERT_GT(n, 0u);
     EXPECT_EQ(temp[n - 1], '/');
     EXPECT_GT(GetTempPath(1, temp), 1u);  // too small: the size needed
+}
+
+// Sets or unsets environment variables for its lifetime.
+class ScopedEnvironment {
+public:
+    ~ScopedEnvironment() {
+        for (auto& [name, value] : m_saved)
+            value ? (void)setenv(name.c_str(), value->c_str(), 1) : (void)unsetenv(name.c_str());
+    }
+    void Set(const std::string& name, const char* value) {
+        if (!m_saved.count(name)) {
+            const char* old = std::getenv(name.c_str());
+            m_saved[name] = old ? std::optional<std::string>(old) : std::nullopt;
+        }
+        value ? (void)setenv(name.c_str(), value, 1) : (void)unsetenv(name.c_str());
+    }
+
+private:
+    std::map<std::string, std::optional<std::string>> m_saved;
+};
+
+TEST(PathCalls, TheDataDirectoryComesFromTavikDataThenXdgThenHome) {
+    ScopedEnvironment env;
+    env.Set("TAVIK_DATA", "/srv/mail-data");
+    env.Set("XDG_DATA_HOME", "/xdg");
+    env.Set("HOME", "/home/ann");
+    EXPECT_EQ(TavikDataDirectory(), "/srv/mail-data");
+    env.Set("TAVIK_DATA", "");
+    EXPECT_EQ(TavikDataDirectory(), "/xdg/tavikmail");
+    env.Set("XDG_DATA_HOME", "relative/data");  // not absolute: to be ignored
+    EXPECT_EQ(TavikDataDirectory(), "/home/ann/.local/share/tavikmail");
+    env.Set("XDG_DATA_HOME", nullptr);
+    EXPECT_EQ(TavikDataDirectory(), "/home/ann/.local/share/tavikmail");
+}
+
+TEST(PathCalls, UsingTheDataDirectoryCreatesItOwnerOnlyAndMovesTheModulePath) {
+    TempDir dir;
+    char path[MAX_PATH];
+    GetModuleFileName(nullptr, path, MAX_PATH);
+    const std::string name = fs::path(path).filename().string();
+    const mode_t old = umask(022);
+    const std::string data = (dir.path() / "share" / "tavikmail").string();
+    ASSERT_TRUE(TavikUseDataDirectory((data + "/").c_str()));
+    umask(old);
+    for (const fs::path& made : {dir.path() / "share", dir.path() / "share" / "tavikmail"})
+        EXPECT_EQ(fs::status(made).permissions(), fs::perms::owner_all) << made;
+    GetModuleFileName(nullptr, path, MAX_PATH);
+    EXPECT_EQ(std::string(path), data + "/" + name);
+
+    // A file in the way: refused, and the application directory stays where it was.
+    touch(dir.file("plain"));
+    SetLastError(0);
+    EXPECT_FALSE(TavikUseDataDirectory(dir.file("plain").c_str()));
+    EXPECT_EQ(GetLastError(), DWORD(ERROR_DIRECTORY));
+    EXPECT_FALSE(TavikUseDataDirectory((dir.file("plain") + "/below").c_str()));
+    EXPECT_FALSE(TavikUseDataDirectory(""));
+    GetModuleFileName(nullptr, path, MAX_PATH);
+    EXPECT_EQ(std::string(path), data + "/" + name);
+
+    // A relative name is taken from the current directory and kept absolute.
+    const fs::path before = fs::current_path();
+    fs::current_path(dir.path());
+    const bool used = TavikUseDataDirectory("rel");
+    fs::current_path(before);
+    ASSERT_TRUE(used);
+    GetModuleFileName(nullptr, path, MAX_PATH);
+    EXPECT_EQ(std::string(path), dir.file("rel") + "/" + name);
+    TavikSetApplicationDirectory(nullptr);
 }
 
 TEST(PathCalls, ModuleFileNameFollowsTheApplicationDirectory) {
