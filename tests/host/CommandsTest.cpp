@@ -15,6 +15,7 @@
 #include "messages/CStorageManager.h"
 #include "platform/FileSystem.h"
 #include "platform/Registry.h"
+#include "rules/CBaseFilter.h"
 #include "tests/support/TempDir.h"
 
 using tavik::test::ReadFile;
@@ -234,9 +235,17 @@ TEST_F(Commands, FilesKeptBesideTheProgramLandOwnerOnlyInTheUsersDataDirectory) 
     CRegistryOptions options("Software\\Brannick\\Tavik Mail\\Configuration");
     EXPECT_EQ(std::string(options.GetDataFile().GetString()), data + "/mailread.tvk");
     { CStorageManager database(options.GetDataFile(), false); }
-    struct stat st {};
-    ASSERT_EQ(stat((data + "/mailread.tvk").c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 0777, 0600u);
+    // A rule's list of handled messages, written through a file of its own.
+    CBaseFilter rule;
+    rule.SetFilterData("Junk", "", "", "", "", "", 0, 0, 0);
+    rule.AddProcessedID(7);
+    rule.SaveProcessedIDs();
+    EXPECT_EQ(std::string(rule.GetProcessedIDsFile().GetString()), data + "/Junk.tpd");
+    for (const char* name : {"/mailread.tvk", "/Junk.tpd"}) {
+        struct stat st {};
+        ASSERT_EQ(stat((data + name).c_str(), &st), 0) << name;
+        EXPECT_EQ(st.st_mode & 0777, 0600u) << name;
+    }
 
     // Without TAVIK_DATA: XDG_DATA_HOME, else the home directory.
     unsetenv("TAVIK_DATA");

@@ -9,6 +9,7 @@
 #include "host/Dispatch.h"
 #include "host/MailSend.h"
 #include "platform/Clock.h"
+#include "platform/FileSystem.h"
 #include "platform/Registry.h"
 #include "tests/support/ScriptedServer.h"
 #include "tests/support/TempDir.h"
@@ -38,6 +39,7 @@ protected:
         ::setenv("TZ", "UTC0", 1);
         ::tzset();
         ::setenv("TAVIK_REGISTRY", dir.file("registry.db").c_str(), 1);
+        ::setenv("TAVIK_DATA", dir.file("data").c_str(), 1);
         RegSetStorePath(nullptr);
         WriteFile(dir.file("mime.types"), "text/csv csv\n");
         RegSetMimeTypesPath(dir.file("mime.types").c_str());
@@ -50,6 +52,8 @@ protected:
     void TearDown() override {
         RegCloseStore();
         ::unsetenv("TAVIK_REGISTRY");
+        ::unsetenv("TAVIK_DATA");
+        TavikSetApplicationDirectory(nullptr);
         RegSetStorePath(nullptr);
         RegSetMimeTypesPath(nullptr);
     }
