@@ -185,6 +185,12 @@ void CMimeHeader::Decode() {
     }
 }
 
+CString CMimeHeader::GetSafeFileName() const {
+    if (m_strFileName.IsEmpty()) return CString();
+    const detail::SafeName safe = detail::MakeSafeName(m_strFileName.str());
+    return CString(safe.title + safe.extension);
+}
+
 const unsigned char* CMimeHeader::GetDecodedContent() {
     static const unsigned char kEmpty = 0;
     Decode();

@@ -64,6 +64,9 @@ public:
     const XString& GetContent() const { return m_strContent; }
     // The decoded bytes of the last decode, the final zero byte included.
     const CByteArray& GetDecodedBytes() const { return m_DecodedContent; }
+    // The file name made safe to create inside one directory, as GetLocalFile cleans it; empty when the
+    // part has no name.
+    CString GetSafeFileName() const;
 
 protected:
     void ParseMimeHeader();
