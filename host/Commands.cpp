@@ -8,6 +8,7 @@ const std::vector<const Command*>& AllCommands() {
         &VersionCommand(),
         &CheckCommand(),
         &SendCommand(),
+        &ShowCommand(),
         &DemoCommand(),
         &ScanCommand(),
         &RegistryCommand(),

@@ -14,6 +14,7 @@ const Command& ScanCommand();
 const Command& RegistryCommand();
 const Command& StoreCommand();
 const Command& SendCommand();
+const Command& ShowCommand();
 
 // Every command, in the order `tavik help` lists them.
 const std::vector<const Command*>& AllCommands();
