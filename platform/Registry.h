@@ -153,7 +153,9 @@ std::string RegGetLastMessage();
 void RegSetMimeTypesPath(LPCSTR path);
 
 // Export and import in the registry editor's text format. A key path starts with its root's name
-// ("HKEY_CURRENT_USER\\Software\\..." or "HKCU\\..."). Export writes a new file or replaces one.
+// ("HKEY_CURRENT_USER\\Software\\..." or "HKCU\\..."). Export writes a new file or replaces one; below the
+// exported key, a key without values that has sub-keys gets no line of its own (its sub-keys' lines
+// create it again on import), so that a deep tree does not repeat its paths at every level.
 // Import accepts UTF-16 (with byte-order mark) or UTF-8 text, applies "[-key]" and "\"name\"=-" deletions,
 // and changes nothing unless every line is valid (ERROR_INVALID_DATA, RegGetLastMessage names the line).
 LONG RegExportKey(LPCSTR keyPath, LPCSTR lpFile);

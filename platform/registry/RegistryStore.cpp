@@ -462,14 +462,18 @@ LONG RegistryStore::CreatePath(Node* node, const std::vector<std::string>& parts
     return ERROR_SUCCESS;
 }
 
-// Removes the stored rows of a key and everything below it; entries of the MIME list stay.
+// Removes the stored rows of a key and everything below it; entries of the MIME list stay. Gathers the
+// keys level by level rather than recursing: keys can nest tens of thousands deep.
 LONG RegistryStore::DeleteTree(const Node& node) {
     if (node.id == 0) return ERROR_SUCCESS;
+    std::vector<std::int64_t> ids{node.id};
     std::vector<StoredChild> children;
-    if (LONG c = m_db->Children(node.id, &children); c != ERROR_SUCCESS) return Fail(c);
-    for (const StoredChild& child : children)
-        if (LONG c = DeleteTree(Node{node.root, child.id, nullptr}); c != ERROR_SUCCESS) return c;
-    if (LONG c = m_db->DeleteKeyRow(node.id); c != ERROR_SUCCESS) return Fail(c);
+    for (size_t i = 0; i < ids.size(); ++i) {
+        if (LONG c = m_db->Children(ids[i], &children); c != ERROR_SUCCESS) return Fail(c);
+        for (const StoredChild& child : children) ids.push_back(child.id);
+    }
+    for (std::int64_t id : ids)
+        if (LONG c = m_db->DeleteKeyRow(id); c != ERROR_SUCCESS) return Fail(c);
     Changed();
     return ERROR_SUCCESS;
 }

@@ -141,17 +141,44 @@ LONG RegistryStore::FullPath(const Node& node, std::string* path) {
     return ERROR_SUCCESS;
 }
 
-LONG RegistryStore::Export(const Node& node, const std::string& path, RegTextWriter& writer) {
-    writer.Key(path);
+// Depth first in hive order, without recursion: keys can nest tens of thousands deep. Below the exported
+// key, a key without values that has sub-keys gets no line of its own: its sub-keys' lines create it on
+// import, and a line per level would repeat the whole path at every level.
+LONG RegistryStore::Export(const Node& top, const std::string& topPath, RegTextWriter& writer) {
+    struct Level {
+        Node node;
+        std::vector<StoredChild> children;
+        size_t next = 0;
+        size_t pathLength = 0;
+    };
+    std::vector<Level> levels;
+    std::string path = topPath;
     std::vector<StoredValue> values;
-    if (LONG c = LoadValues(node, &values); c != ERROR_SUCCESS) return c;
-    for (const StoredValue& value : values) writer.Value(value.name, value.type, value.data);
-    std::vector<StoredChild> children;
-    if (LONG c = LoadChildren(node, &children); c != ERROR_SUCCESS) return c;
-    for (const StoredChild& child : children) {
+    auto enter = [&](const Node& node) -> LONG {
+        Level level{node, {}, 0, path.size()};
+        if (LONG c = LoadValues(node, &values); c != ERROR_SUCCESS) return c;
+        if (LONG c = LoadChildren(node, &level.children); c != ERROR_SUCCESS) return c;
+        if (levels.empty() || !values.empty() || level.children.empty()) {
+            writer.Key(path);
+            for (const StoredValue& value : values) writer.Value(value.name, value.type, value.data);
+        }
+        levels.push_back(std::move(level));
+        return ERROR_SUCCESS;
+    };
+    if (LONG c = enter(top); c != ERROR_SUCCESS) return c;
+    while (!levels.empty()) {
+        Level& level = levels.back();
+        if (level.next == level.children.size()) {
+            levels.pop_back();
+            continue;
+        }
+        const StoredChild& child = level.children[level.next++];
         Node next;
-        if (LONG c = Child(node, child.name, &next); c != ERROR_SUCCESS) return c;
-        if (LONG c = Export(next, path + '\\' + child.name, writer); c != ERROR_SUCCESS) return c;
+        if (LONG c = Child(level.node, child.name, &next); c != ERROR_SUCCESS) return c;
+        path.resize(level.pathLength);
+        path += '\\';
+        path += child.name;
+        if (LONG c = enter(next); c != ERROR_SUCCESS) return c;
     }
     return ERROR_SUCCESS;
 }

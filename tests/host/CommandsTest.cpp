@@ -94,7 +94,6 @@ std::string Utf16(const std::string& ascii) {
 const std::string kExported = Utf16(
     "Windows Registry Editor Version 5.00\r\n\r\n"
     "[HKEY_CURRENT_USER\\Software\\Brannick\\Tavik Mail]\r\n\r\n"
-    "[HKEY_CURRENT_USER\\Software\\Brannick\\Tavik Mail\\Users]\r\n\r\n"
     "[HKEY_CURRENT_USER\\Software\\Brannick\\Tavik Mail\\Users\\ann]\r\n"
     "\"Data File\"=\"ann.tvs\"\r\n"
     "\"Accounts\"=dword:00000002\r\n\r\n");

@@ -212,5 +212,35 @@ TEST_F(RegistryText, ImportAppliesDeletionsAndReadsUtf8AndTheOldFormat) {
     RegCloseKey(four);
 }
 
+// A key 50,000 levels deep (a 100 KB file): importing it, exporting it, deleting it and importing the
+// export again each take time and room in proportion to the depth, not to its square.
+TEST_F(RegistryText, AKeyFiftyThousandLevelsDeepGoesOutAndComesBack) {
+    std::string below;
+    for (int i = 0; i < 50000; ++i) below += "\\k";
+    const std::string header = "Windows Registry Editor Version 5.00\r\n\r\n";
+    std::string file = m_dir.file("deep.reg");
+    WriteFile(file, header + "[HKEY_CURRENT_USER\\Software\\Deep" + below + "]\r\n\"v\"=\"bottom\"\r\n");
+    ASSERT_EQ(RegImportFile(file.c_str()), ERROR_SUCCESS) << RegGetLastMessage();
+
+    std::string out = m_dir.file("out.reg");
+    ASSERT_EQ(RegExportKey("HKEY_CURRENT_USER\\Software\\Deep", out.c_str()), ERROR_SUCCESS)
+        << RegGetLastMessage();
+    // A line per level, each naming its whole path, would be 5 GB; the levels without values are implied
+    // by the deepest one.
+    EXPECT_LT(ReadFile(out).size(), 1u << 20);
+
+    WriteFile(file, header + "[-HKEY_CURRENT_USER\\Software\\Deep]\r\n");
+    ASSERT_EQ(RegImportFile(file.c_str()), ERROR_SUCCESS) << RegGetLastMessage();
+    HKEY key = nullptr;
+    EXPECT_EQ(RegOpenKeyEx(HKEY_CURRENT_USER, "Software\\Deep", 0, KEY_READ, &key), ERROR_FILE_NOT_FOUND);
+
+    ASSERT_EQ(RegImportFile(out.c_str()), ERROR_SUCCESS) << RegGetLastMessage();
+    ASSERT_EQ(RegOpenKeyEx(HKEY_CURRENT_USER, ("Software\\Deep" + below).c_str(), 0, KEY_READ, &key),
+              ERROR_SUCCESS);
+    EXPECT_EQ(GetString(key, "v"), "bottom");
+    EXPECT_TRUE(SubKeys(key).empty());
+    RegCloseKey(key);
+}
+
 }  // namespace
 }  // namespace tavik::test
