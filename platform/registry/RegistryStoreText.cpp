@@ -218,6 +218,9 @@ LONG RegistryStore::SaveKey(HKEY key, const char* file) {
     if (!file || !*file) return ERROR_INVALID_PARAMETER;
     if (LONG c = Ready(); c != ERROR_SUCCESS) return c;
     if (Sys().access(file, F_OK) == 0) return ERROR_ALREADY_EXISTS;
+    // A damaged store can hide keys and values from the walk without an error; never pass that off as
+    // the whole key.
+    if (LONG c = m_db->CheckIntegrity(); c != ERROR_SUCCESS) return Fail(c);
     Handle* h = nullptr;
     if (LONG c = Resolve(key, 0, &h); c != ERROR_SUCCESS) return c;
     std::string path;
@@ -245,6 +248,7 @@ LONG RegistryStore::ExportKey(const char* keyPath, const char* file) {
         return ERROR_BAD_PATHNAME;
     }
     if (LONG c = Ready(); c != ERROR_SUCCESS) return c;
+    if (LONG c = m_db->CheckIntegrity(); c != ERROR_SUCCESS) return Fail(c);
     Handle* h = nullptr;
     if (LONG c = Resolve(root == StoreDatabase::kClassesRoot ? HKEY_CLASSES_ROOT : HKEY_CURRENT_USER, 0, &h);
         c != ERROR_SUCCESS)

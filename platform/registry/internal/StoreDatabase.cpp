@@ -615,6 +615,24 @@ LONG StoreDatabase::Commit() {
     return ERROR_SUCCESS;
 }
 
+LONG StoreDatabase::CheckIntegrity() {
+    sqlite3_stmt* s = nullptr;
+    int rc = sqlite3_prepare_v2(m_db, "PRAGMA integrity_check(1)", -1, &s, nullptr);
+    std::string verdict;
+    if (rc == SQLITE_OK) {
+        rc = sqlite3_step(s);
+        if (rc == SQLITE_ROW) {
+            verdict = ColumnText(s, 0);
+            rc = SQLITE_OK;
+        }
+    }
+    sqlite3_finalize(s);
+    if (rc != SQLITE_OK) return Fail(rc, "check");
+    if (verdict == "ok") return ERROR_SUCCESS;
+    m_message = "the registry store " + m_path + " is damaged (" + verdict + "); it was left as it is";
+    return ERROR_REGISTRY_CORRUPT;
+}
+
 LONG StoreDatabase::Savepoint() { return Exec("SAVEPOINT step"); }
 LONG StoreDatabase::Release() { return Exec("RELEASE step"); }
 void StoreDatabase::RollbackToSavepoint() {

@@ -81,6 +81,9 @@ public:
     LONG Savepoint();
     LONG Release();
     void RollbackToSavepoint();
+    // SQLite's full check of the file: ERROR_REGISTRY_CORRUPT when it finds damage that reads may pass
+    // over (a lost branch of a tree hides its rows without an error). Costs a read of the whole file.
+    LONG CheckIntegrity();
     // Forces what has been committed to the disk.
     LONG Sync();
     // Every commit waits for the disk (slower); the default is a sync by Sync() or the store's timer.

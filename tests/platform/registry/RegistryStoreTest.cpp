@@ -156,6 +156,47 @@ TEST_F(RegistryStore, ForeignAndDamagedFilesAreReportedAndLeftAlone) {
     RegCloseKey(Create("Software\\Fresh"));
 }
 
+// Damage that SQLite's own reads pass over (a branch of the value tree pointed elsewhere, so its values
+// vanish from every listing) is found before an export or a save claims to hold the whole tree.
+TEST_F(RegistryStore, AnExportOfADamagedStoreFailsInsteadOfLeavingValuesOut) {
+    for (int k = 0; k < 10; ++k) {
+        HKEY key = Create(("Software\\Damaged\\Key" + std::to_string(k)).c_str());
+        for (int v = 0; v < 30; ++v)
+            SetString(key, ("Value" + std::to_string(v)).c_str(), std::string(60, 'x'));
+        RegCloseKey(key);
+    }
+    ASSERT_EQ(RegCloseStore(), ERROR_SUCCESS);
+
+    // The values' tree spans several pages under an interior root: its last child pointer is made to
+    // name the first child again.
+    sqlite3* db = nullptr;
+    ASSERT_EQ(sqlite3_open(StoreFile().c_str(), &db), SQLITE_OK);
+    sqlite3_stmt* s = nullptr;
+    sqlite3_prepare_v2(db, "SELECT rootpage FROM sqlite_master WHERE name='vals'", -1, &s, nullptr);
+    ASSERT_EQ(sqlite3_step(s), SQLITE_ROW);
+    const size_t root = static_cast<size_t>(sqlite3_column_int64(s, 0));
+    sqlite3_finalize(s);
+    sqlite3_close(db);
+    std::string bytes = ReadFile(StoreFile());
+    const size_t page = (root - 1) * 4096;
+    ASSERT_EQ(bytes[page], 0x02) << "the root is an interior page";
+    const size_t firstCell =
+        (static_cast<unsigned char>(bytes[page + 12]) << 8) | static_cast<unsigned char>(bytes[page + 13]);
+    bytes.replace(page + 8, 4, bytes.substr(page + firstCell, 4));
+    WriteFile(StoreFile(), bytes);
+
+    std::string out = m_dir.file("out.reg");
+    EXPECT_EQ(RegExportKey("HKEY_CURRENT_USER\\Software\\Damaged", out.c_str()), ERROR_REGISTRY_CORRUPT);
+    EXPECT_NE(RegGetLastMessage().find("damaged"), std::string::npos) << RegGetLastMessage();
+    EXPECT_TRUE(ReadFile(out).empty());
+    HKEY key = nullptr;
+    ASSERT_EQ(RegOpenKeyEx(HKEY_CURRENT_USER, "Software\\Damaged", 0, KEY_READ, &key), ERROR_SUCCESS);
+    EXPECT_EQ(RegSaveKey(key, out.c_str(), nullptr), ERROR_REGISTRY_CORRUPT);
+    EXPECT_TRUE(ReadFile(out).empty());
+    RegCloseKey(key);
+    RegCloseStore();
+}
+
 TEST_F(RegistryStore, TwoProcessesAndThisOneWritingAtOnceLoseNothing) {
     Child a({"write", StoreFile(), "Software\\Shared", "a", "400", "10"});
     Child b({"write", StoreFile(), "Software\\Shared", "b", "400", "25"});
