@@ -5,8 +5,10 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <thread>
 #include <utility>
 
 #include "platform/internal/SystemCalls.h"
@@ -331,16 +333,25 @@ LONG StoreDatabase::CheckAndInitialise() {
         return rc == SQLITE_OK ? ERROR_SUCCESS : Fail(rc, "check");
     };
     std::int64_t appId = 0, version = 0, objects = 0;
+    // All three from one snapshot: another process may be initialising the file meanwhile, and its
+    // schema seen without its marks would look like another program's database.
+    auto readMarks = [&]() -> LONG {
+        LONG code;
+        if ((code = readInt("PRAGMA application_id", &appId)) != ERROR_SUCCESS) return code;
+        if ((code = readInt("PRAGMA user_version", &version)) != ERROR_SUCCESS) return code;
+        return readInt("SELECT count(*) FROM sqlite_master", &objects);
+    };
     LONG code;
-    if ((code = readInt("PRAGMA application_id", &appId)) != ERROR_SUCCESS) return code;
-    if ((code = readInt("PRAGMA user_version", &version)) != ERROR_SUCCESS) return code;
-    if ((code = readInt("SELECT count(*) FROM sqlite_master", &objects)) != ERROR_SUCCESS) return code;
+    if ((code = Exec("BEGIN")) != ERROR_SUCCESS) return code;
+    code = readMarks();
+    sqlite3_exec(m_db, "COMMIT", nullptr, nullptr, nullptr);
+    if (code != ERROR_SUCCESS) return code;
 
     if (appId == 0 && objects == 0) {
         // A new, empty file. Another process may be initialising it at the same moment: decide again
         // under the write lock.
         if ((code = Exec("BEGIN IMMEDIATE")) != ERROR_SUCCESS) return code;
-        if ((code = readInt("SELECT count(*) FROM sqlite_master", &objects)) != ERROR_SUCCESS) return code;
+        if ((code = readMarks()) != ERROR_SUCCESS) return code;
         if (objects == 0) {
             char pragmas[96];
             std::snprintf(pragmas, sizeof pragmas, "PRAGMA application_id=%d; PRAGMA user_version=%d;",
@@ -351,8 +362,7 @@ LONG StoreDatabase::CheckAndInitialise() {
             }
         }
         if ((code = Exec("COMMIT")) != ERROR_SUCCESS) return code;
-        if ((code = readInt("PRAGMA application_id", &appId)) != ERROR_SUCCESS) return code;
-        if ((code = readInt("PRAGMA user_version", &version)) != ERROR_SUCCESS) return code;
+        if ((code = readMarks()) != ERROR_SUCCESS) return code;
     }
     if (appId != kApplicationId) {
         m_message = "the file " + m_path +
@@ -365,7 +375,17 @@ LONG StoreDatabase::CheckAndInitialise() {
     }
     // WAL lets readers in other processes go on while one process writes, and makes a commit one
     // append; the store's timer and RegFlushKey take it to the disk.
-    if ((code = Exec("PRAGMA journal_mode=WAL")) != ERROR_SUCCESS) return code;
+    // The mode is kept in the file, so only its creator normally sets it. Switching needs the file to
+    // itself, and SQLite answers "busy" at once, without waiting, while another process that has just
+    // created the store still reads it: try again for as long as any lock is waited for.
+    const auto giveUp = std::chrono::steady_clock::now() + std::chrono::milliseconds(kBusyTimeoutMs);
+    for (;;) {
+        int rc = sqlite3_exec(m_db, "PRAGMA journal_mode=WAL", nullptr, nullptr, nullptr);
+        if (rc == SQLITE_OK) break;
+        if ((rc & 0xFF) != SQLITE_BUSY || std::chrono::steady_clock::now() >= giveUp)
+            return Fail(rc, "PRAGMA journal_mode=WAL");
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
     if ((code = Exec("PRAGMA synchronous=NORMAL")) != ERROR_SUCCESS) return code;
     // A save rewrites the same pages in many small commits; a longer log lets a checkpoint copy each
     // page once. The log file is cut back afterwards.

@@ -37,7 +37,7 @@ void Report(const char* line) {
 
 }  // namespace
 
-// write STORE KEY PREFIX COUNT BATCH [hang] | hold STORE KEY | delete STORE KEY
+// write STORE KEY PREFIX COUNT BATCH [hang] | hold STORE KEY | delete STORE KEY | import STORE FILE
 int main(int argc, char** argv) {
     if (argc < 4) return 2;
     std::string mode = argv[1];
@@ -68,6 +68,11 @@ int main(int argc, char** argv) {
             return Fail("write", c);
         Report("written\n");
         Hang();
+    }
+    if (mode == "import" && argc == 4) {
+        if (LONG c = RegImportFile(path)) return Fail("import", c);
+        if (LONG c = RegCloseStore()) return Fail("close", c);
+        return 0;
     }
     if (mode == "delete" && argc == 4) {
         if (LONG c = RegDeleteKey(HKEY_CURRENT_USER, path)) return Fail("delete", c);

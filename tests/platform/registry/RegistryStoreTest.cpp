@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <memory>
 #include <optional>
 #include <thread>
 
@@ -195,6 +196,34 @@ TEST_F(RegistryStore, AnExportOfADamagedStoreFailsInsteadOfLeavingValuesOut) {
     EXPECT_TRUE(ReadFile(out).empty());
     RegCloseKey(key);
     RegCloseStore();
+}
+
+// Processes that find no store and all create it at once, again and again: each import lands, none
+// takes another's half-made file for a foreign one or gives up on its lock.
+TEST_F(RegistryStore, ProcessesCreatingTheStoreAtOnceAllSucceed) {
+    const std::vector<std::string> names = {"a", "b", "c"};
+    for (const std::string& who : names)
+        WriteFile(m_dir.file(who + ".reg"),
+                  "Windows Registry Editor Version 5.00\r\n[HKEY_CURRENT_USER\\Software\\" + who +
+                      "]\r\n\"v\"=\"" + who + "\"\r\n");
+    for (int round = 0; round < 10; ++round) {
+        SCOPED_TRACE(round);
+        std::string store = m_dir.file("race" + std::to_string(round) + ".db");
+        std::vector<std::unique_ptr<Child>> children;
+        for (const std::string& who : names)
+            children.push_back(
+                std::make_unique<Child>(std::vector<std::string>{"import", store, m_dir.file(who + ".reg")}));
+        for (auto& child : children) EXPECT_EQ(child->Wait(), 0);
+        RegSetStorePath(store.c_str());
+        for (const std::string& who : names) {
+            HKEY key = nullptr;
+            ASSERT_EQ(RegOpenKeyEx(HKEY_CURRENT_USER, ("Software\\" + who).c_str(), 0, KEY_READ, &key),
+                      ERROR_SUCCESS);
+            EXPECT_EQ(GetString(key, "v"), who);
+            RegCloseKey(key);
+        }
+        RegCloseStore();
+    }
 }
 
 TEST_F(RegistryStore, TwoProcessesAndThisOneWritingAtOnceLoseNothing) {
