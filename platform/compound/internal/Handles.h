@@ -38,7 +38,8 @@ private:
 // 256 MB unless a test lowers it.
 std::uint64_t& SpillThreshold();
 
-// Opens or creates the file behind a root storage. `lock` is 0 (none), 1 (shared) or 2 (exclusive).
+// Opens or creates the file behind a root storage. `lock` is 0 (none kept, though an exclusive holder
+// still refuses the open), 1 (shared) or 2 (exclusive).
 HRESULT OpenRootFile(const std::string& path, int lock, bool writable, std::shared_ptr<RootFile>& file,
                      NodePtr& tree);
 HRESULT CreateRootFile(const std::string& path, bool replace, std::shared_ptr<RootFile>& file, NodePtr& tree);

@@ -70,14 +70,17 @@ HRESULT LockedOpen(const std::string& path, int lock, int& fdOut) {
             return Sys().stat(DirectoryOf(path).c_str(), &st) == 0 ? STG_E_FILENOTFOUND : STG_E_PATHNOTFOUND;
         }
         if (fd < 0) return ErrnoToStg(errno, STG_E_FILENOTFOUND);
-        if (lock == 0) {
-            fdOut = fd;
-            return S_OK;
-        }
+        // An opener that denies nothing takes no lock of its own, but must not get past one that denies
+        // it reading (an exclusive or writing holder): it tries a shared lock and lets it go.
         if (Sys().flock(fd, (lock == 2 ? LOCK_EX : LOCK_SH) | LOCK_NB) != 0) {
             int e = errno;
             Sys().close(fd);
             return e == EWOULDBLOCK ? STG_E_SHAREVIOLATION : ErrnoToStg(e, STG_E_LOCKVIOLATION);
+        }
+        if (lock == 0) {
+            Sys().flock(fd, LOCK_UN);
+            fdOut = fd;
+            return S_OK;
         }
         struct stat a {
         }, b{};

@@ -180,8 +180,12 @@ TEST_F(CompoundSemantics, FileLevelCodes) {
               STG_E_FILEALREADYEXISTS);
     EXPECT_EQ(StgIsStorageFile(m_dir.file("text").c_str()), S_FALSE);
     EXPECT_EQ(StgIsStorageFile(m_file.c_str()), S_OK);
-    // The open file is locked, in this process and in another.
+    // The open file is locked, in this process and in another; a reader that denies nothing itself is
+    // refused too, as on Windows.
+    constexpr DWORD kLookOnly = STGM_READ | STGM_SHARE_DENY_NONE | STGM_TRANSACTED;
     EXPECT_EQ(StgOpenStorage(m_file.c_str(), nullptr, kRO, nullptr, 0, other.out()), STG_E_SHAREVIOLATION);
+    EXPECT_EQ(StgOpenStorage(m_file.c_str(), nullptr, kLookOnly, nullptr, 0, other.out()),
+              STG_E_SHAREVIOLATION);
     EXPECT_EQ(StgCreateDocfile(m_file.c_str(), kRW | STGM_CREATE, 0, other.out()), STG_E_SHAREVIOLATION);
     pid_t pid = fork();
     if (pid == 0) {
@@ -197,6 +201,15 @@ TEST_F(CompoundSemantics, FileLevelCodes) {
     EXPECT_EQ(StgOpenStorage(m_file.c_str(), nullptr, kRO, nullptr, 0, other.out()), STG_E_SHAREVIOLATION);
     m_root.reset();
     EXPECT_EQ(StgOpenStorage(m_file.c_str(), nullptr, kRO, nullptr, 0, other.out()), S_OK);
+    other.reset();
+    // Readers that deny nothing share the file with each other and with a reader that denies writing.
+    Com<IStorage> third;
+    ASSERT_EQ(StgOpenStorage(m_file.c_str(), nullptr, kLookOnly, nullptr, 0, other.out()), S_OK);
+    EXPECT_EQ(StgOpenStorage(m_file.c_str(), nullptr, kLookOnly, nullptr, 0, third.out()), S_OK);
+    third.reset();
+    EXPECT_EQ(
+        StgOpenStorage(m_file.c_str(), nullptr, STGM_READ | STGM_SHARE_DENY_WRITE, nullptr, 0, third.out()),
+        S_OK);
 }
 
 TEST_F(CompoundSemantics, ReadOnlyOpenChangesNothing) {
