@@ -26,10 +26,10 @@ std::string Show(const OLECHAR* name) {
         if (text[i] >= 0x20) continue;
         char esc[8];
         std::snprintf(esc, sizeof esc, "\\x%02x", static_cast<unsigned>(text[i]));
-        out += ::detail::WideToUtf8(text.substr(run, i - run)) + esc;
+        out += TavikWideToUtf8(text.substr(run, i - run)) + esc;
         run = i + 1;
     }
-    return out + ::detail::WideToUtf8(text.substr(run));
+    return out + TavikWideToUtf8(text.substr(run));
 }
 
 // UTF-8 with \xNN escapes -> the library's single-byte names (Windows-1252). False when a character has
@@ -41,14 +41,14 @@ bool Parse(const std::string& s, std::string& name) {
         if (s[i] == '\\' && i + 3 < s.size() && s[i + 1] == 'x' &&
             std::isxdigit(static_cast<unsigned char>(s[i + 2])) &&
             std::isxdigit(static_cast<unsigned char>(s[i + 3]))) {
-            wide += ::detail::Utf8ToWide(std::string_view(s).substr(run, i - run));
+            wide += TavikUtf8ToWide(std::string_view(s).substr(run, i - run));
             wide.push_back(static_cast<char16_t>(std::stoul(s.substr(i + 2, 2), nullptr, 16)));
             run = i += 4;
         } else {
             ++i;
         }
     }
-    wide += ::detail::Utf8ToWide(std::string_view(s).substr(run));
+    wide += TavikUtf8ToWide(std::string_view(s).substr(run));
     name.assign(wide.size(), '\0');
     BOOL lossy = FALSE;
     int n =
@@ -57,19 +57,24 @@ bool Parse(const std::string& s, std::string& name) {
     return wide.empty() || (n == static_cast<int>(wide.size()) && !lossy);
 }
 
+// "STG_E_SHAREVIOLATION: the file is open elsewhere, ... (0x80030020)"; the number alone for a code
+// without a name.
 std::string Describe(HRESULT hr) {
-    char text[16];
-    std::snprintf(text, sizeof text, "0x%08X", static_cast<unsigned>(hr));
-    return text;
+    char code[16];
+    std::snprintf(code, sizeof code, "0x%08X", static_cast<unsigned>(hr));
+    const char* name = StgErrorName(hr);
+    return name ? std::string(name) + ": " + StgErrorText(hr) + " (" + code + ")"
+                : "error " + std::string(code);
 }
 
-// Read-only and shared, so that a store the library holds open can be looked at and a missing file is
-// not created: the storage manager opens its files to write and creates them. Null after a failure.
+// Read-only and denying nothing, so that a store another reader has open can be looked at (one open for
+// writing or exclusively cannot, as on Windows) and a missing file is not created: the storage manager
+// opens its files to write and creates them. Null after a failure.
 IStorage* OpenForReading(const Invocation& call, const std::string& file) {
     IStorage* root = nullptr;
     HRESULT hr = StgOpenStorage(file.c_str(), nullptr, STGM_READ | STGM_SHARE_DENY_NONE | STGM_TRANSACTED,
                                 nullptr, 0, &root);
-    if (FAILED(hr)) call.Fail(file + ": error " + Describe(hr));
+    if (FAILED(hr)) call.Fail(file + ": " + Describe(hr));
     return FAILED(hr) ? nullptr : root;
 }
 
@@ -107,7 +112,7 @@ int RunTree(const Invocation& call) {
     root->Release();
     std::fprintf(call.out, "%-7s %12s  %s\n", "storage", "0", "/");
     HRESULT hr = Tree(call.out, store.GetStorage(), "", 0);
-    return FAILED(hr) ? call.Fail(file + ": error " + Describe(hr)) : 0;
+    return FAILED(hr) ? call.Fail(file + ": " + Describe(hr)) : 0;
 }
 
 int RunCat(const Invocation& call) {

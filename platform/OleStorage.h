@@ -324,3 +324,10 @@ HRESULT StgOpenStorageOnMemory(const void* data, size_t size, IStorage** ppstgOp
 // S_OK for a compound file, S_FALSE for another file, STG_E_FILENOTFOUND when it cannot be opened.
 HRESULT StgIsStorageFile(const OLECHAR* pwcsName);
 HRESULT StgIsStorageFile(const char* path);
+
+// ---- beyond Windows -----------------------------------------------------------------------------------
+// The symbolic name of a result ("STG_E_SHAREVIOLATION") and a sentence saying what it means to someone
+// looking at a file ("the file is open elsewhere, by a program that does not share it"); both null for a
+// code outside the sets above and in platform/WinTypes.h.
+const char* StgErrorName(HRESULT hr);
+const char* StgErrorText(HRESULT hr);

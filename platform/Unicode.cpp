@@ -209,9 +209,7 @@ int WideCharToMultiByte(UINT CodePage, DWORD dwFlags, LPCWSTR lpWideCharStr, int
     return Finish(sink);
 }
 
-namespace detail {
-
-std::u16string Utf8ToWide(std::string_view text) {
+std::u16string TavikUtf8ToWide(std::string_view text) {
     if (text.empty() || text.size() > static_cast<size_t>(std::numeric_limits<int>::max())) return {};
     int n = static_cast<int>(text.size());
     int needed = MultiByteToWideChar(CP_UTF8, 0, text.data(), n, nullptr, 0);
@@ -220,7 +218,7 @@ std::u16string Utf8ToWide(std::string_view text) {
     return out;
 }
 
-std::string WideToUtf8(std::u16string_view text) {
+std::string TavikWideToUtf8(std::u16string_view text) {
     if (text.empty() || text.size() > static_cast<size_t>(std::numeric_limits<int>::max())) return {};
     int n = static_cast<int>(text.size());
     int needed = WideCharToMultiByte(CP_UTF8, 0, text.data(), n, nullptr, 0, nullptr, nullptr);
@@ -228,5 +226,3 @@ std::string WideToUtf8(std::u16string_view text) {
     if (needed > 0) WideCharToMultiByte(CP_UTF8, 0, text.data(), n, out.data(), needed, nullptr, nullptr);
     return out;
 }
-
-}  // namespace detail

@@ -37,9 +37,7 @@ int WideCharToMultiByte(UINT CodePage, DWORD dwFlags, LPCWSTR lpWideCharStr, int
                         LPSTR lpMultiByteStr, int cbMultiByte, LPCSTR lpDefaultChar,
                         LPBOOL lpUsedDefaultChar);
 
-namespace detail {
-// Whole-string UTF-8 forms of the two calls (no flags, no NUL added); malformed parts become U+FFFD.
-// Text past INT_MAX units, which the calls cannot take, gives an empty result.
-std::u16string Utf8ToWide(std::string_view text);
-std::string WideToUtf8(std::u16string_view text);
-}  // namespace detail
+// Beyond Windows: whole-string UTF-8 forms of the two calls (no flags, no NUL added); malformed parts
+// become U+FFFD. Text past INT_MAX units, which the calls cannot take, gives an empty result.
+std::u16string TavikUtf8ToWide(std::string_view text);
+std::string TavikWideToUtf8(std::u16string_view text);

@@ -103,7 +103,7 @@ HRESULT StgCreateDocfile(const OLECHAR* pwcsName, DWORD grfMode, DWORD reserved,
         if (ppstgOpen) *ppstgOpen = nullptr;
         return STG_E_INVALIDPARAMETER;
     }
-    return StgCreateDocfile(WideToUtf8(pwcsName).c_str(), grfMode, reserved, ppstgOpen);
+    return StgCreateDocfile(TavikWideToUtf8(pwcsName).c_str(), grfMode, reserved, ppstgOpen);
 }
 
 HRESULT StgOpenStorage(const char* path, IStorage* pstgPriority, DWORD grfMode, SNB snbExclude,
@@ -140,7 +140,7 @@ HRESULT StgOpenStorage(const OLECHAR* pwcsName, IStorage* pstgPriority, DWORD gr
         if (ppstgOpen) *ppstgOpen = nullptr;
         return STG_E_INVALIDNAME;
     }
-    return StgOpenStorage(WideToUtf8(pwcsName).c_str(), pstgPriority, grfMode, snbExclude, reserved,
+    return StgOpenStorage(TavikWideToUtf8(pwcsName).c_str(), pstgPriority, grfMode, snbExclude, reserved,
                           ppstgOpen);
 }
 
@@ -170,7 +170,7 @@ HRESULT StgIsStorageFile(const char* path) {
 
 HRESULT StgIsStorageFile(const OLECHAR* pwcsName) {
     if (!pwcsName) return STG_E_INVALIDNAME;
-    return StgIsStorageFile(WideToUtf8(pwcsName).c_str());
+    return StgIsStorageFile(TavikWideToUtf8(pwcsName).c_str());
 }
 
 HRESULT IStorage::CreateStream(const char* name, DWORD grfMode, DWORD r1, DWORD r2, IStream** ppstm) {

@@ -186,6 +186,16 @@ TEST_F(Commands, StoreShowsATreeAndAStreamWithoutChangingTheFile) {
     Outcome absent = Tavik({"store", "tree", m_dir.file("none.tvs")});
     EXPECT_EQ(absent.rc, 1);
     EXPECT_FALSE(std::filesystem::exists(m_dir.file("none.tvs"))) << "looking never creates";
+    EXPECT_EQ(absent.err, "tavik store tree: " + m_dir.file("none.tvs") +
+                              ": STG_E_FILENOTFOUND: the file or element does not exist (0x80030002)\n");
+    // A file the library holds open for writing is not looked into behind its back.
+    {
+        CStorageManager held(file.c_str(), true);
+        Outcome busy = Tavik({"store", "tree", file});
+        EXPECT_EQ(busy.rc, 1);
+        EXPECT_NE(busy.err.find(": STG_E_SHAREVIOLATION: the file is open elsewhere"), std::string::npos)
+            << busy.err;
+    }
 }
 
 TEST_F(Commands, ScanMakesARecordOfTheHeaderAlone) {

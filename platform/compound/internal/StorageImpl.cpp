@@ -345,7 +345,7 @@ HRESULT StorageImpl::Stat(STATSTG* stat, DWORD flags) {
     if (!stat) return STG_E_INVALIDPOINTER;
     if (!Alive()) return STG_E_REVERTED;
     // The root reports its file's path as its name, as Windows does.
-    std::u16string path = m_root ? Utf8ToWide(m_file->m_path) : m_node->name;
+    std::u16string path = m_root ? TavikUtf8ToWide(m_file->m_path) : m_node->name;
     return FillStat(*m_node, stat, flags, m_mode, path);
 }
 
