@@ -407,7 +407,7 @@ std::string TerminalText(std::string_view text) {
             if (w < 0xA0) {
                 out += Escape(c);
             } else {
-                out += ::detail::WideToUtf8(wide);
+                out += TavikWideToUtf8(wide);
             }
         }
     }
