@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "platform/net/internal/SocketOps.h"
+#include "platform/net/internal/TlsChannel.h"
 
 using detail::net::Endpoint;
 using detail::net::HostInfo;
@@ -31,6 +32,11 @@ public:
         std::lock_guard lock(m_mutex);
         auto it = m_values.find(key(fd, option));
         return it != m_values.end() && it->second == value;
+    }
+    int Get(int fd, int option) {
+        std::lock_guard lock(m_mutex);
+        auto it = m_values.find(key(fd, option));
+        return it == m_values.end() ? 0 : it->second;
     }
     void Remember(int fd, int option, int value) {
         std::lock_guard lock(m_mutex);
@@ -252,6 +258,7 @@ SOCKET socket(int af, int type, int protocol) {
         return INVALID_SOCKET;
     }
     timeouts().Forget(fd);
+    detail::net::TlsForget(fd);
     return static_cast<SOCKET>(fd);
 }
 
@@ -259,6 +266,7 @@ int closesocket(SOCKET s) {
     int fd = 0, error = 0;
     if (!usable(s, fd)) return SOCKET_ERROR;
     timeouts().Forget(fd);
+    detail::net::TlsClose(fd);
     return detail::net::OsClose(fd, error) == 0 ? 0 : failWith(error);
 }
 
@@ -291,6 +299,7 @@ SOCKET accept(SOCKET s, sockaddr* addr, int* addrlen) {
         return INVALID_SOCKET;
     }
     timeouts().Forget(client);
+    detail::net::TlsForget(client);
     writeAddress(peer, addr, addrlen);
     return static_cast<SOCKET>(client);
 }
@@ -305,6 +314,11 @@ int connect(SOCKET s, const sockaddr* name, int namelen) {
 int send(SOCKET s, const char* buf, int len, int flags) {
     int fd = 0, error = 0;
     if (!usable(s, fd) || !validBuffer(buf, len)) return SOCKET_ERROR;
+    if (detail::net::TlsAttached(fd)) {
+        if (flags != 0) return failWith(WSAEOPNOTSUPP);
+        long n = detail::net::TlsSend(fd, buf, len, error);
+        return n < 0 ? failWith(error) : static_cast<int>(n);
+    }
     long n = detail::net::OsSend(fd, buf, len, flags, error);
     return n < 0 ? failWith(error) : static_cast<int>(n);
 }
@@ -312,6 +326,11 @@ int send(SOCKET s, const char* buf, int len, int flags) {
 int recv(SOCKET s, char* buf, int len, int flags) {
     int fd = 0, error = 0;
     if (!usable(s, fd) || !validBuffer(buf, len)) return SOCKET_ERROR;
+    if (detail::net::TlsAttached(fd)) {
+        if (flags != 0) return failWith(WSAEOPNOTSUPP);
+        long n = detail::net::TlsRecv(fd, buf, len, error);
+        return n < 0 ? failWith(error) : static_cast<int>(n);
+    }
     long n = detail::net::OsRecv(fd, buf, len, flags, error);
     return n < 0 ? failWith(error) : static_cast<int>(n);
 }
@@ -386,6 +405,7 @@ int ioctlsocket(SOCKET s, long cmd, ULONG* argp) {
     if (!usable(s, fd)) return SOCKET_ERROR;
     if (!argp) return failWith(WSAEFAULT);
     if (cmd != FIONBIO) return failWith(WSAEINVAL);
+    if (detail::net::TlsAttached(fd)) return failWith(WSAEOPNOTSUPP);
     return detail::net::OsSetNonBlocking(fd, *argp != 0, error) == 0 ? 0 : failWith(error);
 }
 
@@ -394,6 +414,7 @@ int WaitForSocket(SOCKET s, int what, long seconds, long microseconds) {
     if (!usable(s, fd)) return SOCKET_ERROR;
     if (what != SOCKET_WAIT_READ && what != SOCKET_WAIT_WRITE) return failWith(WSAEINVAL);
     if (seconds >= 0 && (microseconds < 0 || microseconds >= 1000000)) return failWith(WSAEINVAL);
+    if (what == SOCKET_WAIT_READ && detail::net::TlsReadable(fd)) return 1;
     int r = detail::net::OsWait(fd, what == SOCKET_WAIT_WRITE, seconds, microseconds, error);
     return r < 0 ? failWith(error) : r;
 }
@@ -491,6 +512,13 @@ char* inet_ntoa(in_addr in) {
     std::snprintf(text, sizeof text, "%u.%u.%u.%u", b.s_b1, b.s_b2, b.s_b3, b.s_b4);
     return text;
 }
+
+namespace detail::net {
+
+bool UsableSocket(std::uintptr_t s, int& fd) { return usable(static_cast<SOCKET>(s), fd); }
+int CachedTimeout(int fd, bool sending) { return timeouts().Get(fd, sending ? SO_SNDTIMEO : SO_RCVTIMEO); }
+
+}  // namespace detail::net
 
 const char* WSAErrorName(int error) {
     for (const NamedCode& n : kNames)

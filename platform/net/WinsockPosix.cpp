@@ -62,10 +62,11 @@ bool isNonBlocking(int fd) {
 }
 
 // On a blocking socket EAGAIN from a transfer means its SO_SNDTIMEO/SO_RCVTIMEO ran out, which Windows
-// reports as a time-out; on a non-blocking one it is "would block".
-int failTransfer(int fd, int& error, int err) {
+// reports as a time-out; on a non-blocking one, or for a transfer that was not to wait, it is "would
+// block".
+int failTransfer(int fd, int& error, int err, int flags = 0) {
     if (err == EAGAIN || err == EWOULDBLOCK) {
-        error = isNonBlocking(fd) ? 10035 : 10060;
+        error = (flags & kMsgDontWait) || isNonBlocking(fd) ? 10035 : 10060;
         return -1;
     }
     return fail(error, err);
@@ -106,6 +107,7 @@ int sysFlags(int flags) {
     int out = MSG_NOSIGNAL;
     if (flags & kMsgOob) out |= MSG_OOB;
     if (flags & kMsgPeek) out |= MSG_PEEK;
+    if (flags & kMsgDontWait) out |= MSG_DONTWAIT;
     return out;
 }
 
@@ -272,7 +274,7 @@ long OsSend(int fd, const char* data, int length, int flags, int& error) {
     for (;;) {
         ssize_t n = ::send(fd, data, static_cast<size_t>(length), sysFlags(flags));
         if (n >= 0) return static_cast<long>(n);
-        if (errno != EINTR) return failTransfer(fd, error, errno);
+        if (errno != EINTR) return failTransfer(fd, error, errno, flags);
     }
 }
 
@@ -280,7 +282,7 @@ long OsRecv(int fd, char* data, int length, int flags, int& error) {
     for (;;) {
         ssize_t n = ::recv(fd, data, static_cast<size_t>(length), sysFlags(flags));
         if (n >= 0) return static_cast<long>(n);
-        if (errno != EINTR) return failTransfer(fd, error, errno);
+        if (errno != EINTR) return failTransfer(fd, error, errno, flags);
     }
 }
 

@@ -35,6 +35,8 @@ int OsConnect(int fd, const Endpoint& to, int& error);
 int OsSetNonBlocking(int fd, bool on, int& error);
 // For tests: the connect limit in milliseconds.
 void SetConnectLimit(int milliseconds);
+// Beside the Windows flags: a transfer that never waits, failing with WSAEWOULDBLOCK instead.
+constexpr int kMsgDontWait = 0x40000000;
 long OsSend(int fd, const char* data, int length, int flags, int& error);
 long OsRecv(int fd, char* data, int length, int flags, int& error);
 long OsSendTo(int fd, const char* data, int length, int flags, const Endpoint& to, int& error);
