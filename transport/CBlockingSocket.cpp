@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "platform/Kernel.h"
+#include "platform/WinsockTls.h"
 
 IMPLEMENT_DYNAMIC(CBlockingSocket, CObject)
 
@@ -135,6 +136,62 @@ void CBlockingSocket::GetPeerAddr(sockaddr* address) {
 void CBlockingSocket::GetSockAddr(sockaddr* address) {
     int length = kAddressLength;
     if (getsockname(m_hSocket, address, &length) == SOCKET_ERROR) fail("GetSockName");
+}
+
+void CBlockingSocket::SetSecurity(SECURITY security, bool verifyCertificate, CString trustFile) {
+    m_nSecurity = security;
+    m_bVerify = verifyCertificate;
+    m_strTrustFile = trustFile;
+}
+
+// The same slicing as Transfer: the handshake is resumable, so each slice is one call bounded by the
+// receive time-out, with the cancel event looked at in between.
+void CBlockingSocket::StartTls(const char* serverName, int seconds) {
+    using Clock = std::chrono::steady_clock;
+    constexpr auto kSlice = std::chrono::milliseconds(100);
+    const auto deadline = Clock::now() + std::chrono::seconds(limit(seconds));
+    WSATLS_SETTINGS settings{serverName, m_bVerify ? TRUE : FALSE,
+                             m_strTrustFile.IsEmpty() ? nullptr : m_strTrustFile.GetString()};
+    const int before = WSAGetLastError();
+    for (;;) {
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+        if (m_hCancel != nullptr && left > kSlice) left = kSlice;
+        const DWORD ms = static_cast<DWORD>(std::max<long long>(left.count(), 1));
+        setsockopt(m_hSocket, SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<const char*>(&ms), sizeof ms);
+        if (WSATlsConnect(m_hSocket, &settings) == 0) {
+            WSASetLastError(before);
+            return;
+        }
+        if (WSAGetLastError() != WSAETIMEDOUT) fail("TLS handshake");
+        if (m_hCancel != nullptr && WaitForSingleObject(m_hCancel, 0) == WAIT_OBJECT_0) {
+            WSASetLastError(WSAEINTR);
+            fail("TLS handshake");
+        }
+        if (Clock::now() >= deadline) {
+            // Reported by its label alone: the last error says nothing about a server that went quiet.
+            WSASetLastError(0);
+            fail("TLS handshake timeout");
+        }
+    }
+}
+
+bool CBlockingSocket::IsSecure() const {
+    WSATLS_INFO info;
+    const int saved = WSAGetLastError();
+    const bool secure = m_hSocket != 0 && WSATlsGetInfo(m_hSocket, &info) == 0;
+    WSASetLastError(saved);
+    return secure;
+}
+
+CString CBlockingSocket::GetSecurityDescription() const {
+    WSATLS_INFO info;
+    const int saved = WSAGetLastError();
+    CString text;
+    if (m_hSocket != 0 && WSATlsGetInfo(m_hSocket, &info) == 0)
+        text.Format("%s, %s, %d-bit key%s", info.protocol, info.cipher, info.bits,
+                    info.verified ? "" : ", certificate not checked");
+    WSASetLastError(saved);
+    return text;
 }
 
 CSockAddr CBlockingSocket::GetHostByName(const char* name, USHORT port) {

@@ -30,6 +30,27 @@ public:
     // any other failure throws "Accept".
     BOOL Accept(CBlockingSocket& into, sockaddr* peer);
 
+    // How the mail clients' Connect secures the session: plain text (the default), plain text upgraded
+    // after the greeting (STLS for POP3, STARTTLS for SMTP), or TLS from the first byte (POP3S, SMTPS).
+    enum SECURITY { SECURITY_NONE = 0, SECURITY_STARTTLS = 1, SECURITY_TLS = 2 };
+    // verifyCertificate false accepts any certificate (encrypted, but open to whoever sits in between);
+    // trustFile names a PEM file of authorities trusted beside the system's.
+    void SetSecurity(SECURITY security, bool verifyCertificate = true, CString trustFile = CString());
+    SECURITY GetSecurity() const { return m_nSecurity; }
+
+    // TLS over the connected socket, the certificate checked against serverName (a host name or dotted
+    // address) unless SetSecurity turned that off. The whole handshake gets seconds, and the cancel
+    // event ends it as it ends Send and Receive; afterwards Send and Receive carry TLS with their usual
+    // behaviour. Throws "TLS handshake timeout" (error 0) when the time runs out, else "TLS handshake" with
+    // the reason (a certificate for another name, an unknown authority, an expired certificate, a server that
+    // does not speak TLS) as the exception's text.
+    void StartTls(const char* serverName, int seconds);
+    // True once StartTls succeeded on the current socket.
+    bool IsSecure() const;
+    // "TLSv1.3, TLS_AES_256_GCM_SHA384, 256-bit key" (with ", certificate not checked" when it was not);
+    // empty when the socket is not secure.
+    CString GetSecurityDescription() const;
+
     // An event (may be null) that cancels Send and Receive while they wait: once it is signalled, a
     // wait ends within 100 ms and the call throws with WSAEINTR ("Interrupted function call.."), as a
     // cancelled blocking call does on Windows.
@@ -85,4 +106,7 @@ private:
     int Transfer(bool sending, char* data, int size, int seconds);
 
     void* m_hCancel = nullptr;
+    SECURITY m_nSecurity = SECURITY_NONE;
+    bool m_bVerify = true;
+    CString m_strTrustFile;
 };

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "platform/Winsock.h"
+#include "platform/WinsockTls.h"
 
 IMPLEMENT_DYNAMIC(CBlockingSocketException, CException)
 
@@ -59,17 +60,32 @@ constexpr Sentence kSentences[] = {
     {11002, "Non-authoritative host not found. Please Retry"},
     {11003, "A non-recoverable error occurred"},
     {11004, "Valid name, no data record of requested type"},
+    // TLS, for the encrypted connections.
+    {SEC_E_UNSUPPORTED_FUNCTION, "The TLS operation is not supported"},
+    {SEC_E_INTERNAL_ERROR, "TLS could not be set up"},
+    {SEC_E_WRONG_PRINCIPAL, "The server's certificate does not name the server"},
+    {SEC_E_UNTRUSTED_ROOT, "The server's certificate is not signed by a trusted authority"},
+    {SEC_E_ILLEGAL_MESSAGE, "The TLS handshake with the server failed"},
+    {SEC_E_CERT_UNKNOWN, "The server's certificate was refused"},
+    {SEC_E_CERT_EXPIRED, "The server's certificate has expired or is not valid yet"},
+    {SEC_E_DECRYPT_FAILURE, "The encrypted data from the server is damaged"},
+    {SEC_E_ALGORITHM_MISMATCH, "The server and the client have no TLS version or cipher in common"},
 };
 
 }  // namespace
 
 CBlockingSocketException::CBlockingSocketException(const char* operation)
-    : m_nError(WSAGetLastError()), m_strMessage(operation) {}
+    : m_nError(WSAGetLastError()), m_strMessage(operation) {
+    if (IsTlsError(m_nError)) m_strDetail = WSATlsGetLastFailure();
+}
 
 int CBlockingSocketException::GetErrorDescription(char* buffer) const {
     for (const Sentence& s : kSentences) {
         if (s.code == m_nError) {
-            std::snprintf(buffer, kWorkBuffer, "%s", s.text);
+            if (m_strDetail.IsEmpty())
+                std::snprintf(buffer, kWorkBuffer, "%s", s.text);
+            else
+                std::snprintf(buffer, kWorkBuffer, "%s: %s", s.text, m_strDetail.GetString());
             return 1;
         }
     }

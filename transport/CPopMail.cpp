@@ -197,6 +197,7 @@ bool CPopMail::Connect(const CString& host, int port) {
             detail::ConnectUntil(m_hSocket, address, detail::DeadlineAfter(m_nTimeLimit), m_hTerminate);
         if (connected == detail::kStopped) Terminated();
         if (connected != 0) throw new CBlockingSocketException("Connect");
+        if (GetSecurity() == SECURITY_TLS) Secure();
         // A greeting may come in pieces; the whole line gets the time limit, so a server dribbling it
         // cannot stretch the wait.
         const detail::Deadline deadline = detail::DeadlineAfter(m_nTimeLimit);
@@ -214,14 +215,52 @@ bool CPopMail::Connect(const CString& host, int port) {
         }
         if (m_strGreeting.IsEmpty()) return true;
         NotifyStatusWindow(m_strGreeting, false);
-        return IsPositive(m_strGreeting);
+        if (!IsPositive(m_strGreeting)) return false;
+        if (GetSecurity() == SECURITY_STARTTLS) UpgradeWithStls();
+        return true;
     } catch (CBlockingSocketException* e) {
         Fail(e);
     }
 }
 
+void CPopMail::Secure() {
+    StartTls(m_strServer, m_nTimeLimit);
+    // What the server said it could do before TLS may have been changed on the way.
+    m_nPipelining = -1;
+    NotifyStatusWindow("Secure connection: " + GetSecurityDescription() + "\r\n", false);
+}
+
+void CPopMail::UpgradeWithStls() {
+    XString listing;
+    if (ReadCapabilities(listing) != 1 || !Lists(listing, "STLS")) {
+        const CString message = "The server does not offer STLS, so the connection cannot be encrypted\r\n";
+        NotifyStatusWindow(message, false);
+        throw new CPopMailException(message);
+    }
+    CString reply;
+    NotifyStatusWindow("STLS\r\n", false);
+    if (!SingleLineResponse("STLS\r\n", reply))
+        throw new CPopMailException("The server closed the connection instead of starting TLS\r\n");
+    NotifyStatusWindow(reply, false);
+    if (!IsPositive(reply)) throw new CPopMailException(reply);
+    // Bytes behind the reply were not sent by a server waiting for the handshake: someone on the way
+    // wants them read as if they had come encrypted.
+    if (reply.Find("\r\n") + 2 != reply.GetLength()) {
+        const CString message = "The server sent more than its STLS reply; the connection is not safe\r\n";
+        NotifyStatusWindow(message, false);
+        throw new CPopMailException(message);
+    }
+    Secure();
+}
+
 bool CPopMail::Login(CString user, CString password) {
     try {
+        if (GetSecurity() != SECURITY_NONE && !IsSecure()) {
+            const CString message =
+                "The connection is not encrypted, so the user name and password were not sent\r\n";
+            NotifyStatusWindow(message, false);
+            throw new CPopMailException(message);
+        }
         m_strUser = user;
         m_strPassword = password;
         CString command = Formatted("USER %s\r\n", user);
@@ -347,10 +386,17 @@ void CPopMail::FinishHeader(CString& header, const CString& status, long size, b
 
 bool CPopMail::PipeliningOffered() {
     if (m_nPipelining >= 0) return m_nPipelining == 1;
+    XString listing;
+    const int capabilities = ReadCapabilities(listing);
+    if (capabilities < 0) return false;
+    m_nPipelining = capabilities == 1 && Lists(listing, "PIPELINING") ? 1 : 0;
+    return m_nPipelining == 1;
+}
+
+int CPopMail::ReadCapabilities(XString& listing) {
     CString reply;
-    if (!SingleLineResponse("CAPA\r\n", reply)) return false;
-    m_nPipelining = 0;
-    if (!IsPositive(reply.Left(std::max(reply.Find("\r\n"), 0)))) return false;
+    if (!SingleLineResponse("CAPA\r\n", reply)) return -1;
+    if (!IsPositive(reply.Left(std::max(reply.Find("\r\n"), 0)))) return 0;
     // The listing may already be whole in what the first read brought.
     detail::EndMarkScanner end("\r\n.\r\n");
     char buffer[kReceiveSize + 1];
@@ -362,16 +408,19 @@ bool CPopMail::PipeliningOffered() {
         if (reply.GetLength() > kMaxLineReply)
             throw new CPopMailException("The server's reply is too long\r\n");
     }
-    // One capability a line, its name first, letter case ignored.
-    XString upper = XString(reply).Upper();
-    for (int at = upper.Find("\r\n"); at >= 0; at = upper.Find("\r\n", at + 2)) {
-        const char* line = upper.GetString() + at + 2;
-        if (std::strncmp(line, "PIPELINING", 10) == 0 && std::strchr(" \t\r", line[10]) != nullptr) {
-            m_nPipelining = 1;
-            break;
-        }
+    listing = XString(reply).Upper();
+    return 1;
+}
+
+// One capability a line, its name first, letter case ignored.
+bool CPopMail::Lists(const XString& listing, const char* name) {
+    const size_t length = std::strlen(name);
+    for (int at = listing.Find("\r\n"); at >= 0; at = listing.Find("\r\n", at + 2)) {
+        const char* line = listing.GetString() + at + 2;
+        if (std::strncmp(line, name, length) == 0 && std::strchr(" \t\r", line[length]) != nullptr)
+            return true;
     }
-    return m_nPipelining == 1;
+    return false;
 }
 
 bool CPopMail::GetHeaders(int first, int last, const HeaderSink& sink) {

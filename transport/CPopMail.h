@@ -30,6 +30,7 @@
 #include "transport/CBlockingSocket.h"
 
 class CMessageList;
+class XString;
 
 class CPopMailException : public CException {
 public:
@@ -59,10 +60,17 @@ public:
     // the server closed without sending anything; false for a negative greeting (GetGreeting has it).
     // Connecting and the whole greeting each get the time limit; a connect that runs out of it throws
     // the socket layer's "Attempt to connect timed out..." text.
+    // With SetSecurity: SECURITY_TLS makes the TLS handshake before the greeting; SECURITY_STARTTLS
+    // asks CAPA after a positive greeting and upgrades with STLS, throwing "The server does not offer
+    // STLS, so the connection cannot be encrypted" when the listing lacks it (never going on in plain
+    // text). A handshake failure throws the socket layer's text for it. Either shows "Secure
+    // connection: <protocol, cipher>" in the status window.
     bool Connect(const CString& host, int port);
     // The greeting Connect read, as it came (with its line end); empty before.
     const CString& GetGreeting() const { return m_strGreeting; }
     // USER then PASS. A negative USER reply throws with the reply; a refused password returns false.
+    // When SetSecurity asked for TLS and the connection is not encrypted, nothing is sent: "The
+    // connection is not encrypted, so the user name and password were not sent".
     bool Login(CString user, CString password);
     // STAT. Fills count and size from "+OK count size" (left as they were when the reply lacks them).
     // A count that is negative or does not fit an int throws "The server reported an impossible message
@@ -145,6 +153,12 @@ private:
                       CMessageList& record);
 
     bool PipeliningOffered();
+    // CAPA: 1 with the listing (upper case) in listing, 0 when the server refused it, -1 when it closed.
+    int ReadCapabilities(XString& listing);
+    static bool Lists(const XString& listing, const char* name);
+    // TLS on the connected socket, with its status line; STLS first, for a session that starts plain.
+    void Secure();
+    void UpgradeWithStls();
     bool ScanPipelined(int first, int last, const HeaderSink& sink);
 
     CString m_strGreeting;

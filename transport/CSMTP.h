@@ -1,6 +1,7 @@
 // The SMTP client: one object is one session with one mail relay. The host creates it, calls Connect,
-// then SendMessage once or more, and destroys it, which ends the session with QUIT. Plain SMTP with HELO;
-// no authentication.
+// then SendMessage once or more, and destroys it, which ends the session with QUIT. Plain SMTP with HELO
+// and no authentication, unless the host asks for TLS (SetSecurity) or a login (SetLogin): then the
+// session says EHLO, upgrades with STARTTLS or starts in TLS, and logs in with AUTH PLAIN or LOGIN.
 //
 // Every reply line goes back to the caller in the reply argument (line end trimmed). Failures are thrown
 // as `CSMTPException*` (the catcher calls Delete()):
@@ -55,7 +56,24 @@ public:
     // Resolves and connects, reads the greeting (one receive; it must start with 220) and sends
     // "HELO <local host name>", whose reply, when one comes, must start with 250. Returns false without
     // sending HELO when the server closed before greeting (reply empty).
+    //
+    // With SECURITY_TLS the TLS handshake comes before the greeting. With TLS or a login the greeting is
+    // answered with EHLO (its whole multi-line reply must start with 250); SECURITY_STARTTLS then needs
+    // STARTTLS in that reply ("The server does not offer STARTTLS, so the connection cannot be
+    // encrypted" otherwise), sends it (220), makes the handshake and says EHLO again. A login follows
+    // last (see SetLogin). A server that closes during any of these throws "The server closed the
+    // connection"; a handshake failure throws the socket layer's text for it.
     bool Connect(CString host, CString& reply, int port = 25);
+
+    // Logs in after the greeting and encryption: AUTH PLAIN when the server lists it, else AUTH LOGIN;
+    // success is 235, anything else throws with the reply. Only over TLS: with SECURITY_NONE, Connect
+    // throws "The password is sent only over an encrypted connection" before connecting. A server that
+    // offers neither mechanism throws "The server offers no login this client knows (AUTH PLAIN or
+    // LOGIN)". An empty user turns the login off (the default).
+    void SetLogin(CString user, CString password);
+    // While a command carrying the credentials is being sent: the text to show in its place ("AUTH PLAIN
+    // xxxxxxx"); empty otherwise. A host that shows the dialogue through Send shows this instead.
+    const CString& GetCredentialsMask() const { return m_sMask; }
 
     // One mail transaction: MAIL From (again with the Resent-From address when the first is refused and
     // there is one), RCPT TO for each envelope recipient (refusals 450-452 and 550-553 skip a recipient;
@@ -81,9 +99,19 @@ protected:
     int m_nTimeLimit;
     void* m_hTerminate;
     bool m_bConnected = true;
+    CString m_sUser;
+    CString m_sPassword;
+    CString m_sMask;
 
 private:
     void CheckTermination();
+    // The session after the greeting when it is not plain HELO: EHLO, STARTTLS, AUTH.
+    void Extended(const CString& localName, CString& reply);
+    // Sends command and reads a reply of any number of lines (continuation lines "250-..."), which must
+    // start with code; throws with it when it does not, and when the server closes first.
+    void Expect(const CString& command, int code, CString& reply, bool multiLine = false);
+    bool MultiLineResponse(CString command, CString& reply);
+    void Authenticate(const CString& extensions, CString& reply);
     // Clears the connected flag and throws the socket exception's text as a CSMTPException.
     [[noreturn]] void Fail(CBlockingSocketException* e);
 };

@@ -179,7 +179,7 @@ size_t DovecotServer::AddLargeMessage(size_t bodyBytes, size_t lineLength) {
     return crlfSize;
 }
 
-std::string DovecotServer::WriteConfig(unsigned short port) {
+std::string DovecotServer::WriteConfig(unsigned short port, unsigned short tlsPort) {
     const bool root = ::geteuid() == 0;
     std::string mailUser = "nobody", mailGroup = "nogroup", self;
     if (!root) {
@@ -201,9 +201,12 @@ std::string DovecotServer::WriteConfig(unsigned short port) {
          "log_path = "
       << m_dir
       << "/dovecot.log\n"
-         "instance_name = tavik-test\n"
-         "ssl = no\n"
-         "disable_plaintext_auth = no\n"
+         "instance_name = tavik-test\n";
+    if (m_tlsCertificate.empty())
+        c << "ssl = no\n";
+    else
+        c << "ssl = yes\nssl_cert = <" << m_tlsCertificate << "\nssl_key = <" << m_tlsKey << "\n";
+    c << "disable_plaintext_auth = no\n"
          "auth_mechanisms = plain login\n"
          "auth_failure_delay = 0\n"
          "mail_fsync = never\n"
@@ -218,7 +221,7 @@ std::string DovecotServer::WriteConfig(unsigned short port) {
       << mailUser << " gid=" << mailGroup << " home=" << m_dir
       << "/home\n}\n"
          "service pop3-login {\n  inet_listener pop3 {\n    port = "
-      << port << "\n  }\n  inet_listener pop3s {\n    port = 0\n  }\n";
+      << port << "\n  }\n  inet_listener pop3s {\n    port = " << tlsPort << "\n  }\n";
     if (!root) c << "  chroot =\n";
     c << "}\n"
          // Without the penalty socket repeated wrong passwords are not slowed down.
@@ -258,7 +261,11 @@ void DovecotServer::Start() {
     std::string lastLog;
     for (int attempt = 0; attempt < 5; ++attempt) {
         m_port = FreeLoopbackPort();
-        std::string conf = WriteConfig(m_port);
+        m_tlsPort = 0;
+        if (!m_tlsCertificate.empty()) do
+                m_tlsPort = FreeLoopbackPort();
+            while (m_tlsPort == m_port);
+        std::string conf = WriteConfig(m_port, m_tlsPort);
         std::string out = m_dir + "/stderr.log";
         pid_t parent = ::getpid();
         pid_t pid = ::fork();

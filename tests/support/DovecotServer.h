@@ -40,6 +40,13 @@ public:
     // about bodyBytes. Returns its POP3 (CRLF) size.
     size_t AddLargeMessage(size_t bodyBytes, size_t lineLength = 76);
 
+    // TLS, set before Start: ssl = yes with this certificate and key, STLS offered on Port() and POP3S
+    // on a port of its own (TlsPort()). Without it the server offers no TLS at all (no STLS in CAPA).
+    void EnableTls(const std::string& certificateFile, const std::string& keyFile) {
+        m_tlsCertificate = certificateFile;
+        m_tlsKey = keyFile;
+    }
+
     // Starts Dovecot and waits until it greets. Throws std::runtime_error with Dovecot's log on failure
     // (not installed, did not come up within 15 s).
     void Start();
@@ -48,6 +55,7 @@ public:
 
     bool Running() const { return m_pid > 0; }
     unsigned short Port() const { return m_port; }
+    unsigned short TlsPort() const { return m_tlsPort; }
     const std::string& User() const { return m_user; }
     const std::string& Password() const { return m_password; }
     const std::string& Dir() const { return m_dir; }
@@ -56,13 +64,16 @@ public:
     static bool Installed();
 
 private:
-    std::string WriteConfig(unsigned short port);
+    std::string WriteConfig(unsigned short port, unsigned short tlsPort);
     void ChownMail();
 
     std::string m_dir;
     std::string m_user = "alice";
     std::string m_password = "s3cret-Pa55";
     unsigned short m_port = 0;
+    unsigned short m_tlsPort = 0;
+    std::string m_tlsCertificate;
+    std::string m_tlsKey;
     pid_t m_pid = -1;
     int m_next = 0;
 };

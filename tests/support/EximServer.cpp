@@ -123,7 +123,13 @@ EximServer::~EximServer() {
 
 bool EximServer::Installed() { return ::access(kExim, X_OK) == 0; }
 
-std::string EximServer::WriteConfig(unsigned short port) {
+void EximServer::EnableTls(const std::string& certificateFile, const std::string& keyFile) {
+    WriteText(m_dir + "/tls.pem", ReadAll(certificateFile));
+    WriteText(m_dir + "/tls.key", ReadAll(keyFile));
+    m_tls = true;
+}
+
+std::string EximServer::WriteConfig(unsigned short port, unsigned short tlsPort) {
     std::ostringstream c;
     c << "primary_hostname = mta." << m_domain << "\n"
       << "exim_user = " << m_user << "\n"
@@ -131,7 +137,9 @@ std::string EximServer::WriteConfig(unsigned short port) {
       << "spool_directory = " << m_dir << "/spool\n"
       << "log_file_path = " << m_dir << "/log/%slog\n"
       << "pid_file_path = " << m_dir << "/exim.pid\n"
-      << "daemon_smtp_ports = " << port << "\n"
+      << "daemon_smtp_ports = " << port;
+    if (m_tls) c << " : " << tlsPort;
+    c << "\n"
       << "local_interfaces = 127.0.0.1\n"
       // A lost race for the port fails at once instead of retrying for minutes.
       << "daemon_startup_retries = 0\n"
@@ -143,7 +151,13 @@ std::string EximServer::WriteConfig(unsigned short port) {
       << "message_size_limit = 200M\n"
       << "domainlist local_domains = " << m_domain << "\n"
       << "acl_smtp_rcpt = acl_check_rcpt\n";
-    if (m_mainOptions.find("tls_advertise_hosts") == std::string::npos) c << "tls_advertise_hosts =\n";
+    if (m_tls)
+        c << "tls_certificate = " << m_dir << "/tls.pem\n"
+          << "tls_privatekey = " << m_dir << "/tls.key\n"
+          << "tls_on_connect_ports = " << tlsPort << "\n"
+          << "tls_advertise_hosts = *\n";
+    else if (m_mainOptions.find("tls_advertise_hosts") == std::string::npos)
+        c << "tls_advertise_hosts =\n";
     c << m_mainOptions << "\n"
       << "begin acl\n\n"
          "acl_check_rcpt:\n"
@@ -180,7 +194,11 @@ void EximServer::Start() {
     std::string lastLog;
     for (int attempt = 0; attempt < 5; ++attempt) {
         m_port = FreeLoopbackPort();
-        std::string conf = WriteConfig(m_port);
+        m_tlsPort = 0;
+        if (m_tls) do
+                m_tlsPort = FreeLoopbackPort();
+            while (m_tlsPort == m_port);
+        std::string conf = WriteConfig(m_port, m_tlsPort);
         std::string out = m_dir + "/stderr.log";
         pid_t parent = ::getpid();
         pid_t pid = ::fork();

@@ -30,6 +30,11 @@ public:
     void AddMainOptions(const std::string& lines) { m_mainOptions += lines; }
     void SetAuthenticators(const std::string& section) { m_authenticators = section; }
 
+    // TLS, set before Start: STARTTLS offered on Port() with this certificate and key (copied into the
+    // server's own directory, where the unprivileged daemon can read them), and TLS from the first byte
+    // on a port of its own (TlsPort()).
+    void EnableTls(const std::string& certificateFile, const std::string& keyFile);
+
     // Starts Exim and waits until it greets. Throws std::runtime_error with the configuration check's
     // output or Exim's logs on failure (not installed, bad configuration, no greeting within 15 s).
     void Start();
@@ -38,6 +43,7 @@ public:
 
     bool Running() const { return m_pid > 0; }
     unsigned short Port() const { return m_port; }
+    unsigned short TlsPort() const { return m_tlsPort; }
     const std::string& Domain() const { return m_domain; }
     const std::string& Dir() const { return m_dir; }
     // The main and reject logs and the daemon's own output (deliveries and their errors go there).
@@ -51,7 +57,7 @@ public:
     static bool Installed();
 
 private:
-    std::string WriteConfig(unsigned short port);
+    std::string WriteConfig(unsigned short port, unsigned short tlsPort);
     void TakeMaildirOwner();
 
     std::string m_dir;
@@ -61,6 +67,8 @@ private:
     std::string m_authenticators;
     std::string m_user, m_group;
     unsigned short m_port = 0;
+    unsigned short m_tlsPort = 0;
+    bool m_tls = false;
     pid_t m_pid = -1;
 };
 
