@@ -20,7 +20,8 @@ namespace {
 // milliseconds that a connection should not pay.
 SSL_CTX* SharedContext(const TlsSettings& settings, TlsFailure& failure) {
     static std::mutex mutex;
-    static std::map<std::pair<bool, std::string>, SSL_CTX*> contexts;
+    // Never destroyed: OpenSSL cleans itself up at exit before a static map could free its contexts.
+    static auto& contexts = *new std::map<std::pair<bool, std::string>, SSL_CTX*>;
     std::lock_guard lock(mutex);
     const auto key = std::make_pair(settings.verify, settings.verify ? settings.trustFile : std::string());
     if (auto it = contexts.find(key); it != contexts.end()) return it->second;

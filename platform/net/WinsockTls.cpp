@@ -266,7 +266,9 @@ long TlsRecv(int fd, char* data, int length, int& error) {
 
 bool TlsReadable(int fd) {
     std::shared_ptr<Channel> c = Find(fd);
-    return c && c->established && c->failure.code == 0 && c->engine->PlaintextPending();
+    // Records already read from the system count: the socket itself may have nothing more to say.
+    return c && c->established && c->failure.code == 0 &&
+           (c->engine->PlaintextPending() || c->engine->InputPending());
 }
 
 void TlsClose(int fd) {

@@ -17,7 +17,8 @@ bool TlsAttached(int fd);
 // send and recv on a TLS socket: the same results and codes as the plain calls.
 long TlsSend(int fd, const char* data, int length, int& error);
 long TlsRecv(int fd, char* data, int length, int& error);
-// Decrypted bytes wait to be read, so a readiness wait need not ask the system.
+// Bytes already taken from the system wait to be read (decrypted, or records not yet decrypted), so a
+// readiness wait need not ask the system.
 bool TlsReadable(int fd);
 // Before the descriptor is closed: tells the peer (close_notify, if it fits without waiting) and forgets
 // the channel.
