@@ -46,7 +46,8 @@ protected:
     static void SetUpTestSuite() {
         s_dir = new TempDir;
         s_authority = new TestAuthority(s_dir->path().string(), "net", "Tavik Net Test Authority");
-        s_certificate = new TestAuthority::Issued(s_authority->Issue("peer", {"peer.tavik.test", "127.0.0.1"}));
+        s_certificate =
+            new TestAuthority::Issued(s_authority->Issue("peer", {"peer.tavik.test", "127.0.0.1"}));
     }
     static void TearDownTestSuite() {
         delete s_certificate;
@@ -119,7 +120,9 @@ TEST_F(WinsockTls, MegabytesBothWaysThroughSendAndRecv) {
             if (n <= 0) return;
             got.append(buf, static_cast<size_t>(n));
         }
-        for (size_t at = 0; at < got.size();) at += static_cast<size_t>(SSL_write(ssl, got.data() + at, static_cast<int>(std::min<size_t>(got.size() - at, 100000))));
+        for (size_t at = 0; at < got.size();)
+            at += static_cast<size_t>(
+                SSL_write(ssl, got.data() + at, static_cast<int>(std::min<size_t>(got.size() - at, 100000))));
         SSL_shutdown(ssl);
     });
     ASSERT_EQ(Handshake(s), 0);
@@ -142,7 +145,8 @@ TEST_F(WinsockTls, MegabytesBothWaysThroughSendAndRecv) {
     }
     std::string back;
     std::vector<char> buf(70000);
-    for (int n; (n = recv(s, buf.data(), static_cast<int>(buf.size()), 0)) > 0;) back.append(buf.data(), static_cast<size_t>(n));
+    for (int n; (n = recv(s, buf.data(), static_cast<int>(buf.size()), 0)) > 0;)
+        back.append(buf.data(), static_cast<size_t>(n));
     EXPECT_EQ(back.size(), kSize);
     EXPECT_TRUE(back == data);
     EXPECT_EQ(recv(s, buf.data(), 10, 0), 0) << "close_notify reads as a closed connection";
@@ -207,7 +211,8 @@ TEST_F(WinsockTls, AFailedHandshakeStaysFailedAndMisuseIsRefused) {
 
     EXPECT_EQ(Handshake(s, "other.tavik.test"), SOCKET_ERROR);
     EXPECT_EQ(WSAGetLastError(), SEC_E_WRONG_PRINCIPAL);
-    EXPECT_EQ(std::string(WSATlsGetLastFailure()), "it is for peer.tavik.test, 127.0.0.1, not other.tavik.test");
+    EXPECT_EQ(std::string(WSATlsGetLastFailure()),
+              "it is for peer.tavik.test, 127.0.0.1, not other.tavik.test");
     EXPECT_TRUE(IsTlsError(SEC_E_WRONG_PRINCIPAL));
     EXPECT_FALSE(IsTlsError(WSAECONNRESET));
     EXPECT_TRUE(WSATlsActive(s));
