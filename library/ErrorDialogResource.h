@@ -3,11 +3,9 @@
 #pragma once
 
 #include "platform/CDynLinkLibrary.h"
+#include "util/CErrorWindow.h"
 
 namespace tavik {
-
-constexpr UINT IDD_ERROR_DIALOG = 130;
-constexpr int IDC_ERROR_LIST = 1000;
 
 inline constexpr AFX_DIALOG_CONTROL_RESOURCE kErrorDialogControls[] = {
     {1, "Button", "Close", 276, 111, 50, 14, true},

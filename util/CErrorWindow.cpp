@@ -3,7 +3,7 @@
 #include <condition_variable>
 #include <mutex>
 
-#include "library/ErrorDialogResource.h"
+#include "platform/CDynLinkLibrary.h"
 
 namespace {
 

@@ -12,6 +12,12 @@
 
 constexpr UINT WM_ERROR_MESSAGE = WM_USER + 500;
 
+namespace tavik {
+// The dialog's resource (its template is in library/ErrorDialogResource.h) and its list control.
+constexpr UINT IDD_ERROR_DIALOG = 130;
+constexpr int IDC_ERROR_LIST = 1000;
+}  // namespace tavik
+
 // The error dialog's model: a one-column report list, shown at each new row, hidden by "Close".
 class CErrorDialog {
 public:
