@@ -38,10 +38,10 @@ private:
 void CheckScanner(const uint8_t* data, size_t size) {
     std::string text(reinterpret_cast<const char*>(data), size);
     for (std::string_view mark : {std::string_view("\r\n"), std::string_view("\r\n.\r\n")}) {
-        detail::EndMarkScanner scanner(mark);
+        tavik::lib::EndMarkScanner scanner(mark);
         std::string grown;
-        size_t found = detail::EndMarkScanner::npos;
-        for (size_t at = 0; at < text.size() && found == detail::EndMarkScanner::npos;) {
+        size_t found = tavik::lib::EndMarkScanner::npos;
+        for (size_t at = 0; at < text.size() && found == tavik::lib::EndMarkScanner::npos;) {
             size_t n = std::min<size_t>(1 + static_cast<uint8_t>(text[at]) % 7, text.size() - at);
             grown.append(text, at, n);
             at += n;

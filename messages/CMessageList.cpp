@@ -397,7 +397,7 @@ CString CMessageList::RandomString(int length, int mode) {
 
 CString CMessageList::GetHash(const char* text, int length) {
     if (text == nullptr || length <= 0) return CString();
-    std::string bytes = detail::CardCipher::Hash(text, std::strlen(text), static_cast<size_t>(length));
+    std::string bytes = tavik::lib::CardCipher::Hash(text, std::strlen(text), static_cast<size_t>(length));
     bytes.resize(std::strlen(bytes.c_str()));  // used as a C string: cut at the first zero byte
     std::vector<char> digits(bytes.size() * 8 / 5 + 2);
     int n = baseConv(bytes.data(), 8, static_cast<int>(bytes.size()), digits.data(), 5);

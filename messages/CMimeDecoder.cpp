@@ -148,15 +148,15 @@ void CMimeDecoder::SplitBlock(std::string_view content, const CString& boundary,
     const std::string_view mark = whole.substr(0, whole.find('\0'));
     std::size_t pos = 0;
     while (!content.empty()) {
-        const std::size_t at = detail::FindText(content, mark, pos);
+        const std::size_t at = tavik::lib::FindText(content, mark, pos);
         if (at == npos) break;
         const std::size_t headerStart = at + whole.size();
-        const std::size_t blank = detail::FindText(content, "\r\n\r\n", headerStart);
+        const std::size_t blank = tavik::lib::FindText(content, "\r\n\r\n", headerStart);
         if (blank == npos) break;
         const std::size_t start = blank + 4;
         std::size_t end = content.size();
         if (start < content.size()) {
-            const std::size_t next = detail::FindText(content, mark, start);
+            const std::size_t next = tavik::lib::FindText(content, mark, start);
             if (next != npos) end = next;
         }
         if (m_nParts >= kMaxParts) {
@@ -217,8 +217,8 @@ void CMimeDecoder::Reformat(Render&& render) {
     const std::string_view body = message.substr(start);
     m_dwLimits &= ~static_cast<DWORD>(LimitRender);
     const std::size_t expected = body.size() + m_listParts.size() * kRenderedPartExtra;
-    detail::WorkBudget budget(kWorkPerByte * expected + kWorkFloor);
-    detail::PartSubstitution text(body, expected, budget);
+    tavik::lib::WorkBudget budget(kWorkPerByte * expected + kWorkFloor);
+    tavik::lib::PartSubstitution text(body, expected, budget);
     XString storage;
     for (CMimeHeader& part : m_listParts) {
         const std::string_view with = render(part, storage);
@@ -228,7 +228,7 @@ void CMimeDecoder::Reformat(Render&& render) {
     std::vector<std::string_view> removals;
     for (const CString& r : m_listRemove) removals.push_back(r.str());
     for (const char* ending : {"--\r\n", "-- \r\n", "--  \r\n"}) removals.push_back(ending);
-    detail::RemoveEachInTurn(result, removals, budget);
+    tavik::lib::RemoveEachInTurn(result, removals, budget);
     if (budget.Exhausted()) m_dwLimits |= LimitRender;
     m_strMessage = XString(CString(std::move(result)));
 }

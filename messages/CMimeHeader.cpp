@@ -178,7 +178,8 @@ void CMimeHeader::Decode() {
         // Decoded where it lands, as TransferContent would have copied the decoded text.
         TransferContent(m_strContent, m_DecodedContent);
         std::vector<BYTE>& bytes = m_DecodedContent.vector();
-        bytes.resize(detail::DecodeQuotedPrintable(reinterpret_cast<char*>(bytes.data()), bytes.size() - 1));
+        bytes.resize(
+            tavik::lib::DecodeQuotedPrintable(reinterpret_cast<char*>(bytes.data()), bytes.size() - 1));
         bytes.push_back(0);
     } else {
         TransferContent(m_strContent, m_DecodedContent);
@@ -187,7 +188,7 @@ void CMimeHeader::Decode() {
 
 CString CMimeHeader::GetSafeFileName() const {
     if (m_strFileName.IsEmpty()) return CString();
-    const detail::SafeName safe = detail::MakeSafeName(m_strFileName.str());
+    const tavik::lib::SafeName safe = tavik::lib::MakeSafeName(m_strFileName.str());
     return CString(safe.title + safe.extension);
 }
 
@@ -214,13 +215,13 @@ XString CMimeHeader::GetLocalFile(CString path) {
         }
         const CString chosen = typeExt.IsEmpty() ? CString(ownExt) : typeExt;
         m_strFileName = CString(title) + chosen;
-        ext = detail::SafeExtension(chosen.str());
+        ext = tavik::lib::SafeExtension(chosen.str());
         if (title.empty()) title = "mail";
     } else {
         // The name as the message gives it, which may try to leave the directory.
-        detail::SafeName safe = detail::MakeSafeName(m_strFileName.str());
+        tavik::lib::SafeName safe = tavik::lib::MakeSafeName(m_strFileName.str());
         title = std::move(safe.title);
-        ext = typeExt.IsEmpty() ? std::move(safe.extension) : detail::SafeExtension(typeExt.str());
+        ext = typeExt.IsEmpty() ? std::move(safe.extension) : tavik::lib::SafeExtension(typeExt.str());
     }
     CFile file;
     CString written = path;

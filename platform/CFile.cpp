@@ -18,7 +18,7 @@ IMPLEMENT_DYNAMIC(CFile, CObject)
 const HANDLE CFile::hFileNull = INVALID_HANDLE_VALUE;
 
 // Declared for the file-mapping family in platform/internal/FileMappingObject.h.
-namespace detail {
+namespace tavik::platform {
 int FileDescriptorOfHandle(HANDLE file);
 }
 
@@ -51,7 +51,7 @@ std::string absolutePath(const char* name) {
 
 }  // namespace
 
-int detail::FileDescriptorOfHandle(HANDLE file) {
+int tavik::platform::FileDescriptorOfHandle(HANDLE file) {
     int fd = descriptorOf(file);
     return fd >= 0 && Sys().fcntl(fd, F_GETFD, 0) != -1 ? fd : -1;
 }

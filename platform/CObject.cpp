@@ -15,7 +15,7 @@ std::vector<CRuntimeClass*>& registry() {
 }
 }  // namespace
 
-detail::RuntimeClassRegistrar::RuntimeClassRegistrar(CRuntimeClass* cls) {
+tavik::platform::RuntimeClassRegistrar::RuntimeClassRegistrar(CRuntimeClass* cls) {
     std::lock_guard<std::mutex> lock(registryMutex());
     registry().push_back(cls);
 }

@@ -21,12 +21,12 @@ struct CRuntimeClass {
     static CObject* CreateObject(const char* name);
 };
 
-namespace detail {
+namespace tavik::platform {
 // Registers a class so that FromName can find it; used by the IMPLEMENT_ macros.
 struct RuntimeClassRegistrar {
     explicit RuntimeClassRegistrar(CRuntimeClass* cls);
 };
-}  // namespace detail
+}  // namespace tavik::platform
 
 class CObject {
 public:
@@ -61,7 +61,7 @@ public:                                     \
                                                    &class_name::_GetBaseClass};                          \
     CRuntimeClass* class_name::_GetBaseClass() { return RUNTIME_CLASS(base_name); }                      \
     CRuntimeClass* class_name::GetRuntimeClass() const { return RUNTIME_CLASS(class_name); }             \
-    static ::detail::RuntimeClassRegistrar tavik_registrar_##class_name(RUNTIME_CLASS(class_name));
+    static ::tavik::platform::RuntimeClassRegistrar tavik_registrar_##class_name(RUNTIME_CLASS(class_name));
 
 #define IMPLEMENT_DYNAMIC(class_name, base_name) \
     TAVIK_IMPLEMENT_RUNTIMECLASS(class_name, base_name, 0xFFFF, nullptr)

@@ -8,14 +8,14 @@ namespace {
 thread_local unsigned int t_randState = 1;
 }
 
-void detail::WinSrand(unsigned int seed) { t_randState = seed; }
+void tavik::platform::WinSrand(unsigned int seed) { t_randState = seed; }
 
-int detail::WinRand() {
+int tavik::platform::WinRand() {
     t_randState = t_randState * 214013u + 2531011u;
     return static_cast<int>((t_randState >> 16) & 0x7FFFu);
 }
 
 extern "C" {
-void srand(unsigned int seed) noexcept { detail::WinSrand(seed); }
-int rand() noexcept { return detail::WinRand(); }
+void srand(unsigned int seed) noexcept { tavik::platform::WinSrand(seed); }
+int rand() noexcept { return tavik::platform::WinRand(); }
 }

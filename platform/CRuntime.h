@@ -11,7 +11,7 @@
 // RAND_MAX of the Windows runtime; <cstdlib>'s RAND_MAX is the C library's and does not apply.
 constexpr int WIN_RAND_MAX = 0x7FFF;
 
-namespace detail {
+namespace tavik::platform {
 void WinSrand(unsigned int seed);
 int WinRand();
-}  // namespace detail
+}  // namespace tavik::platform

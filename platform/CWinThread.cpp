@@ -26,7 +26,7 @@ CWinThread* AfxGetThread() { return t_currentThread; }
 DWORD CWinThread::ThreadEntry(LPVOID self) {
     auto* thread = static_cast<CWinThread*>(self);
     t_currentThread = thread;
-    detail::SetThreadMainWindowSlot(&thread->m_pMainWnd);
+    tavik::platform::SetThreadMainWindowSlot(&thread->m_pMainWnd);
     EnsureMessageQueue();
     HANDLE resume = thread->m_bStartSuspended ? thread->m_hResume : nullptr;
     SetEvent(thread->m_hStarted);  // the creator may go on (and may delete nothing yet: we are not done)
@@ -41,8 +41,8 @@ DWORD CWinThread::ThreadEntry(LPVOID self) {
         code = thread->Run();
     }
     // Windows go before the object: their procedures may still reach it.
-    detail::SetThreadMainWindowSlot(nullptr);
-    detail::DiscardThreadMessageQueue();
+    tavik::platform::SetThreadMainWindowSlot(nullptr);
+    tavik::platform::DiscardThreadMessageQueue();
     t_currentThread = nullptr;
     thread->Delete();
     return static_cast<DWORD>(code);

@@ -15,17 +15,17 @@
 
 using tavik::platform::Sys;
 
-namespace detail {
+namespace tavik::platform {
 
 FileMappingObject::~FileMappingObject() {
     if (fd >= 0) Sys().close(fd);
 }
 
-}  // namespace detail
+}  // namespace tavik::platform
 
 namespace {
 
-using detail::FileMappingObject;
+using tavik::platform::FileMappingObject;
 
 struct View {
     size_t length;  // bytes mapped, from the page-aligned start
@@ -55,7 +55,7 @@ HANDLE CreateFileMapping(HANDLE file, SECURITY_ATTRIBUTES* security, DWORD prote
         auto found = g_named.find(name);
         if (found != g_named.end()) {
             if (auto existing = found->second.lock()) {
-                HANDLE h = detail::NewFileMappingHandle(existing);
+                HANDLE h = tavik::platform::NewFileMappingHandle(existing);
                 SetLastError(ERROR_ALREADY_EXISTS);
                 return h;
             }
@@ -76,7 +76,7 @@ HANDLE CreateFileMapping(HANDLE file, SECURITY_ATTRIBUTES* security, DWORD prote
             return nullptr;
         }
     } else {
-        int fileFd = detail::FileDescriptorOfHandle(file);
+        int fileFd = tavik::platform::FileDescriptorOfHandle(file);
         if (fileFd < 0) {
             SetLastError(ERROR_INVALID_HANDLE);
             return nullptr;
@@ -127,7 +127,7 @@ HANDLE CreateFileMapping(HANDLE file, SECURITY_ATTRIBUTES* security, DWORD prote
     object->protect = page;
     if (name && *name) g_named[name] = object;
     SetLastError(ERROR_SUCCESS);
-    return detail::NewFileMappingHandle(object);
+    return tavik::platform::NewFileMappingHandle(object);
 }
 
 HANDLE OpenFileMapping(DWORD desiredAccess, BOOL inheritHandle, const char* name) {
@@ -139,11 +139,11 @@ HANDLE OpenFileMapping(DWORD desiredAccess, BOOL inheritHandle, const char* name
         SetLastError(ERROR_FILE_NOT_FOUND);
         return nullptr;
     }
-    return detail::NewFileMappingHandle(existing);
+    return tavik::platform::NewFileMappingHandle(existing);
 }
 
 LPVOID MapViewOfFile(HANDLE mapping, DWORD desiredAccess, DWORD offsetHigh, DWORD offsetLow, SIZE_T size) {
-    std::shared_ptr<FileMappingObject> object = detail::FileMappingOfHandle(mapping);
+    std::shared_ptr<FileMappingObject> object = tavik::platform::FileMappingOfHandle(mapping);
     if (!object) {
         SetLastError(ERROR_INVALID_HANDLE);
         return nullptr;

@@ -12,11 +12,11 @@
 #include "platform/internal/SystemCalls.h"
 
 // The file-mapping family (platform/internal/FileMappingObject.h) keeps its objects in this table.
-namespace detail {
+namespace tavik::platform {
 struct FileMappingObject;
 HANDLE NewFileMappingHandle(std::shared_ptr<FileMappingObject> object);
 std::shared_ptr<FileMappingObject> FileMappingOfHandle(HANDLE handle);
-}  // namespace detail
+}  // namespace tavik::platform
 
 namespace {
 
@@ -26,7 +26,7 @@ std::mutex g_kernelMutex;
 std::condition_variable g_kernelChanged;
 
 struct HandleEntry {
-    detail::HandleKind kind;
+    tavik::platform::HandleKind kind;
     std::shared_ptr<void> object;
 };
 std::map<HANDLE, HandleEntry>& handleTable() {
@@ -60,7 +60,7 @@ std::map<std::string, std::weak_ptr<EventObject>>& namedEvents() {
     return events;
 }
 
-HANDLE newHandleLocked(detail::HandleKind kind, std::shared_ptr<void> object) {
+HANDLE newHandleLocked(tavik::platform::HandleKind kind, std::shared_ptr<void> object) {
     HANDLE h = reinterpret_cast<HANDLE>(g_nextHandle);
     g_nextHandle += 4;
     handleTable()[h] = HandleEntry{kind, std::move(object)};
@@ -74,7 +74,7 @@ HandleEntry* findLocked(HANDLE h) {
 
 std::shared_ptr<EventObject> eventLocked(HANDLE h) {
     HandleEntry* e = findLocked(h);
-    if (e == nullptr || e->kind != detail::HandleKind::Event) return nullptr;
+    if (e == nullptr || e->kind != tavik::platform::HandleKind::Event) return nullptr;
     return std::static_pointer_cast<EventObject>(e->object);
 }
 
@@ -105,23 +105,23 @@ thread_local DWORD t_threadId = 0;
 
 }  // namespace
 
-HANDLE detail::NewKernelHandle(HandleKind kind, std::shared_ptr<void> object) {
+HANDLE tavik::platform::NewKernelHandle(HandleKind kind, std::shared_ptr<void> object) {
     std::lock_guard<std::mutex> lock(g_kernelMutex);
     return newHandleLocked(kind, std::move(object));
 }
 
-std::shared_ptr<void> detail::KernelObjectOfHandle(HANDLE handle, HandleKind kind) {
+std::shared_ptr<void> tavik::platform::KernelObjectOfHandle(HANDLE handle, HandleKind kind) {
     std::lock_guard<std::mutex> lock(g_kernelMutex);
     HandleEntry* e = findLocked(handle);
     if (e == nullptr || e->kind != kind) return nullptr;
     return e->object;
 }
 
-HANDLE detail::NewFileMappingHandle(std::shared_ptr<FileMappingObject> object) {
+HANDLE tavik::platform::NewFileMappingHandle(std::shared_ptr<FileMappingObject> object) {
     return NewKernelHandle(HandleKind::FileMapping, std::move(object));
 }
 
-std::shared_ptr<detail::FileMappingObject> detail::FileMappingOfHandle(HANDLE handle) {
+std::shared_ptr<tavik::platform::FileMappingObject> tavik::platform::FileMappingOfHandle(HANDLE handle) {
     return std::static_pointer_cast<FileMappingObject>(KernelObjectOfHandle(handle, HandleKind::FileMapping));
 }
 
@@ -132,7 +132,7 @@ HANDLE CreateEvent(void*, BOOL manualReset, BOOL initialState, LPCTSTR name) {
         if (it != namedEvents().end()) {
             if (auto existing = it->second.lock()) {
                 SetLastError(ERROR_ALREADY_EXISTS);
-                return newHandleLocked(detail::HandleKind::Event, existing);
+                return newHandleLocked(tavik::platform::HandleKind::Event, existing);
             }
         }
     }
@@ -144,7 +144,7 @@ HANDLE CreateEvent(void*, BOOL manualReset, BOOL initialState, LPCTSTR name) {
         namedEvents()[event->name] = event;
     }
     SetLastError(ERROR_SUCCESS);
-    return newHandleLocked(detail::HandleKind::Event, event);
+    return newHandleLocked(tavik::platform::HandleKind::Event, event);
 }
 
 BOOL SetEvent(HANDLE h) {
@@ -211,11 +211,11 @@ DWORD WaitForMultipleObjects(DWORD count, const HANDLE* handles, BOOL waitAll, D
     Waitable objects[MAXIMUM_WAIT_OBJECTS];
     for (DWORD i = 0; i < count; ++i) {
         HandleEntry* e = findLocked(handles[i]);
-        if (e == nullptr || e->kind == detail::HandleKind::FileMapping) {
+        if (e == nullptr || e->kind == tavik::platform::HandleKind::FileMapping) {
             SetLastError(ERROR_INVALID_HANDLE);
             return WAIT_FAILED;
         }
-        if (e->kind == detail::HandleKind::Event) {
+        if (e->kind == tavik::platform::HandleKind::Event) {
             objects[i].event = std::static_pointer_cast<EventObject>(e->object);
             objects[i].startGeneration = objects[i].event->pulseGeneration;
         } else {
@@ -288,7 +288,7 @@ void threadMain(std::shared_ptr<ThreadObject> self) {
         g_kernelChanged.wait(lock, [&] { return !self->suspended; });
     }
     DWORD code = self->start(self->parameter);
-    detail::DiscardThreadMessageQueue();
+    tavik::platform::DiscardThreadMessageQueue();
     std::lock_guard<std::mutex> lock(g_kernelMutex);
     self->exitCode = code;
     self->finished = true;
@@ -307,7 +307,7 @@ HANDLE CreateThread(void*, std::size_t, LPTHREAD_START_ROUTINE start, LPVOID par
     object->parameter = parameter;
     object->suspended = (creationFlags & CREATE_SUSPENDED) != 0;
     object->threadId = g_nextThreadId.fetch_add(1);
-    HANDLE h = detail::NewKernelHandle(detail::HandleKind::Thread, object);
+    HANDLE h = tavik::platform::NewKernelHandle(tavik::platform::HandleKind::Thread, object);
     try {
         std::thread(threadMain, object).detach();
     } catch (const std::system_error&) {
@@ -322,7 +322,7 @@ HANDLE CreateThread(void*, std::size_t, LPTHREAD_START_ROUTINE start, LPVOID par
 DWORD ResumeThread(HANDLE h) {
     std::lock_guard<std::mutex> lock(g_kernelMutex);
     HandleEntry* e = findLocked(h);
-    if (e == nullptr || e->kind != detail::HandleKind::Thread) {
+    if (e == nullptr || e->kind != tavik::platform::HandleKind::Thread) {
         SetLastError(ERROR_INVALID_HANDLE);
         return static_cast<DWORD>(-1);
     }
@@ -336,7 +336,7 @@ DWORD ResumeThread(HANDLE h) {
 BOOL GetExitCodeThread(HANDLE h, DWORD* exitCode) {
     std::lock_guard<std::mutex> lock(g_kernelMutex);
     HandleEntry* e = findLocked(h);
-    if (e == nullptr || e->kind != detail::HandleKind::Thread || exitCode == nullptr) {
+    if (e == nullptr || e->kind != tavik::platform::HandleKind::Thread || exitCode == nullptr) {
         SetLastError(ERROR_INVALID_HANDLE);
         return FALSE;
     }

@@ -53,9 +53,9 @@ struct ThreadQueue {
     UINT_PTR nextThreadTimerId = 0x7F00;
     bool sleeping = false;  // the owner waits on `changed`; only then is a notify worth its system call
     std::atomic<unsigned> arrivals{
-        0};                     // bumped for every send, post and timer set, for an idle owner to watch
-    detail::IdleWatch idle;     // the owner's spells between messages
-    detail::IdleWatch replies;  // how long the owner's cross-thread sends waited for their answers
+        0};                           // bumped for every send, post and timer set, for an idle owner to watch
+    tavik::platform::IdleWatch idle;  // the owner's spells between messages
+    tavik::platform::IdleWatch replies;  // how long the owner's cross-thread sends waited for their answers
 };
 
 // Call with q's mutex held; notify `changed` after unlocking when it returns true, so the woken thread
@@ -71,7 +71,7 @@ void acquire(std::unique_lock<std::mutex>& lock) {
     if (g_watchWorthIt) {
         for (int i = 0; i < 64; ++i) {
             if (lock.try_lock()) return;
-            detail::CpuRelax();
+            tavik::platform::CpuRelax();
         }
     }
     lock.lock();
@@ -122,7 +122,7 @@ std::map<DWORD, std::shared_ptr<ThreadQueue>>& queues() {
 struct QueueHolder {
     std::shared_ptr<ThreadQueue> queue;
     ~QueueHolder() {
-        if (queue) detail::DiscardThreadMessageQueue();
+        if (queue) tavik::platform::DiscardThreadMessageQueue();
     }
 };
 thread_local QueueHolder t_queue;
@@ -261,7 +261,7 @@ bool postTo(const std::shared_ptr<ThreadQueue>& q, const Window* w, HWND hwnd, U
 
 void EnsureMessageQueue() { myQueue(); }
 
-void detail::SetThreadMainWindowSlot(HWND__** slot) { t_mainWindowSlot = slot; }
+void tavik::platform::SetThreadMainWindowSlot(HWND__** slot) { t_mainWindowSlot = slot; }
 
 HWND CreateMessageWindow(WNDPROC proc, void* user) {
     if (proc == nullptr) {
@@ -337,7 +337,7 @@ BOOL DestroyWindow(HWND hwnd) {
     return TRUE;
 }
 
-void detail::DiscardThreadMessageQueue() {
+void tavik::platform::DiscardThreadMessageQueue() {
     std::shared_ptr<ThreadQueue> q = t_queue.queue;
     if (!q) return;
     std::vector<HWND> mine;

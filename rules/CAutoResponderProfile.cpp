@@ -7,7 +7,7 @@
 
 IMPLEMENT_DYNAMIC(CAutoResponderProfile, CBaseFilter)
 
-using namespace detail;
+using namespace tavik::lib;
 
 namespace {
 const char kResetMarkFormat[] = "%Y,%m,%d,%H,%M,%S";
@@ -102,7 +102,7 @@ void CAutoResponderProfile::ParseRecord(const char* text, const _tagSTR_RESPONDE
                                   {lengths.dwDefaultSubject, &m_strDefaultSubject},
                                   {lengths.dwDuplicateAction, &m_strDuplicateAction},
                                   {lengths.dwDateTime, &m_strDateTime}};
-    detail::ParseRecord(text, fields, count);
+    tavik::lib::ParseRecord(text, fields, count);
 }
 
 void CAutoResponderProfile::CheckDate() {

@@ -19,7 +19,7 @@
 
 IMPLEMENT_DYNAMIC(CBaseFilter, CRegistryManager)
 
-using namespace detail;
+using namespace tavik::lib;
 
 namespace {
 

@@ -206,7 +206,7 @@ protected:
     CTime m_tmToDate;
     CTime m_tmFromTime;
     CTime m_tmToTime;
-    detail::ProcessedIdList m_ProcessedIDs;
+    tavik::lib::ProcessedIdList m_ProcessedIDs;
     CStringArray m_IgnoreList;
 
 private:

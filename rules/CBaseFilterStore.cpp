@@ -8,7 +8,7 @@
 #include "rules/internal/RuleStrings.h"
 #include "rules/internal/StorageRecords.h"
 
-using namespace detail;
+using namespace tavik::lib;
 
 namespace {
 

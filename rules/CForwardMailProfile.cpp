@@ -6,7 +6,7 @@
 
 IMPLEMENT_DYNAMIC(CForwardMailProfile, CBaseFilter)
 
-using namespace detail;
+using namespace tavik::lib;
 
 CForwardMailProfile::CForwardMailProfile() { ResetValues(); }
 

@@ -8,7 +8,7 @@
 
 IMPLEMENT_DYNAMIC(CSpamBlockProfile, CBaseFilter)
 
-using namespace detail;
+using namespace tavik::lib;
 
 CSpamBlockProfile::CSpamBlockProfile() { ResetValues(); }
 

@@ -47,7 +47,7 @@ CString CAppOctetStream::build_sub_header(const char* content, const char* param
                                           int isPath) {
     char drive[_MAX_DRIVE], dir[_MAX_DIR], name[_MAX_FNAME], ext[_MAX_EXT];
     _splitpath(content ? content : "", drive, dir, name, ext);
-    const std::string fileName = detail::OneLine(std::string(name) + ext);
+    const std::string fileName = tavik::lib::OneLine(std::string(name) + ext);
     CString type = GetContentTypeString();
     CString fileParameter;
     if (isPath) {
@@ -55,7 +55,8 @@ CString CAppOctetStream::build_sub_header(const char* content, const char* param
         FindContentType(ext, type);
     }
     CString header;
-    header.Format("Content-Type: %s%s\r\n", detail::OneLine(type.str()).c_str(), fileParameter.GetString());
+    header.Format("Content-Type: %s%s\r\n", tavik::lib::OneLine(type.str()).c_str(),
+                  fileParameter.GetString());
     header += "Content-Transfer-Encoding: base64\r\n";
     header.AppendFormat("Content-Disposition: attachment; filename=%s\r\n", fileName.c_str());
     header += "\r\n";

@@ -75,7 +75,7 @@ void CMailMessage::end_header() { m_sHeader += "\r\n"; }
 
 void CMailMessage::add_header_line(const char* line) {
     const char* text = line ? line : "";
-    m_sHeader.str() += detail::OneLine(std::string_view(text, std::strlen(text)));
+    m_sHeader.str() += tavik::lib::OneLine(std::string_view(text, std::strlen(text)));
     m_sHeader += "\r\n";
 }
 

@@ -125,14 +125,14 @@ void CPopMail::CheckTermination() {
     if (m_hTerminate != nullptr && WaitForSingleObject(m_hTerminate, 0) == WAIT_OBJECT_0) Terminated();
 }
 
-int CPopMail::ReceiveUntil(char* buffer, int size, detail::Deadline deadline) {
+int CPopMail::ReceiveUntil(char* buffer, int size, tavik::lib::Deadline deadline) {
     const auto left = std::chrono::ceil<std::chrono::seconds>(deadline - std::chrono::steady_clock::now());
     if (left.count() <= 0) throw new CBlockingSocketException("Receive timeout");
     return Receive(buffer, size, static_cast<int>(left.count()));
 }
 
 bool CPopMail::ReadReply(CString& reply, bool multiLine) {
-    detail::EndMarkScanner mark(multiLine ? std::string_view("\r\n.\r\n") : std::string_view("\r\n"));
+    tavik::lib::EndMarkScanner mark(multiLine ? std::string_view("\r\n.\r\n") : std::string_view("\r\n"));
     const int limit = multiLine ? kMaxMultiLineReply : kMaxLineReply;
     char buffer[kReceiveSize + 1];
     for (;;) {
@@ -145,7 +145,7 @@ bool CPopMail::ReadReply(CString& reply, bool multiLine) {
         CheckTermination();
         // Only the new bytes (and the few before them) can complete the mark: a long reply read in
         // thousands of pieces is scanned once, not once per piece.
-        if (mark.Find(reply.str()) != detail::EndMarkScanner::npos) return true;
+        if (mark.Find(reply.str()) != tavik::lib::EndMarkScanner::npos) return true;
         if (reply.GetLength() > limit) throw new CPopMailException("The server's reply is too long\r\n");
     }
 }
@@ -163,12 +163,12 @@ bool CPopMail::MultiLineResponse(CString command, CString& reply) {
 }
 
 bool CPopMail::StripResponse(CString& reply, CString& status) {
-    bool split = detail::StripReply(reply.str(), &status.str());
+    bool split = tavik::lib::StripReply(reply.str(), &status.str());
     status.FreeExtra();
     return split;
 }
 
-void CPopMail::StripResponse(CString& reply) { detail::StripReply(reply.str(), nullptr); }
+void CPopMail::StripResponse(CString& reply) { tavik::lib::StripReply(reply.str(), nullptr); }
 
 void CPopMail::NotifyStatusWindow(CString text, bool connected) {
     if (!IsWindow(m_hStatusWnd)) return;
@@ -193,15 +193,15 @@ bool CPopMail::Connect(const CString& host, int port) {
         CSockAddr address = GetHostByName(host, static_cast<unsigned short>(port));
         NotifyStatusWindow(Formatted("Connecting to %s..\r\n", host), false);
         // The system's own connect would wait about 21 seconds whatever the host asked for.
-        const int connected =
-            detail::ConnectUntil(m_hSocket, address, detail::DeadlineAfter(m_nTimeLimit), m_hTerminate);
-        if (connected == detail::kStopped) Terminated();
+        const int connected = tavik::lib::ConnectUntil(m_hSocket, address,
+                                                       tavik::lib::DeadlineAfter(m_nTimeLimit), m_hTerminate);
+        if (connected == tavik::lib::kStopped) Terminated();
         if (connected != 0) throw new CBlockingSocketException("Connect");
         if (GetSecurity() == SECURITY_TLS) Secure();
         // A greeting may come in pieces; the whole line gets the time limit, so a server dribbling it
         // cannot stretch the wait.
-        const detail::Deadline deadline = detail::DeadlineAfter(m_nTimeLimit);
-        detail::EndMarkScanner lineEnd("\r\n");
+        const tavik::lib::Deadline deadline = tavik::lib::DeadlineAfter(m_nTimeLimit);
+        tavik::lib::EndMarkScanner lineEnd("\r\n");
         char buffer[kReceiveSize + 1];
         for (;;) {
             int got = ReceiveUntil(buffer, kReceiveSize, deadline);
@@ -209,7 +209,7 @@ bool CPopMail::Connect(const CString& host, int port) {
             m_strGreeting.Append(buffer, got);
             // The greeting is a read like any other: a host that already gave up stops here.
             CheckTermination();
-            if (lineEnd.Find(m_strGreeting.str()) != detail::EndMarkScanner::npos) break;
+            if (lineEnd.Find(m_strGreeting.str()) != tavik::lib::EndMarkScanner::npos) break;
             if (m_strGreeting.GetLength() > kMaxLineReply)
                 throw new CPopMailException("The server's reply is too long\r\n");
         }
@@ -398,9 +398,9 @@ int CPopMail::ReadCapabilities(XString& listing) {
     if (!SingleLineResponse("CAPA\r\n", reply)) return -1;
     if (!IsPositive(reply.Left(std::max(reply.Find("\r\n"), 0)))) return 0;
     // The listing may already be whole in what the first read brought.
-    detail::EndMarkScanner end("\r\n.\r\n");
+    tavik::lib::EndMarkScanner end("\r\n.\r\n");
     char buffer[kReceiveSize + 1];
-    while (end.Find(reply.str()) == detail::EndMarkScanner::npos) {
+    while (end.Find(reply.str()) == tavik::lib::EndMarkScanner::npos) {
         int got = Receive(buffer, kReceiveSize, m_nTimeLimit);
         if (got <= 0) break;
         reply.Append(buffer, got);
@@ -453,14 +453,14 @@ CString ScanCommands(int n) {
 // differs: alone it would wait for an end mark that never comes; here it ends at its line, so that the
 // replies behind it stay in step.
 bool CPopMail::ScanPipelined(int first, int last, const HeaderSink& sink) {
-    detail::ReplyQueue replies;
+    tavik::lib::ReplyQueue replies;
     bool closed = false;
     std::vector<char> buffer(4 * kReceiveSize);
     // Reads until `length` finds a whole reply at the front; npos once the server has closed.
     auto whole = [&](auto length, int limit) {
         for (;;) {
             std::size_t n = length();
-            if (n != detail::ReplyQueue::npos || closed) return n;
+            if (n != tavik::lib::ReplyQueue::npos || closed) return n;
             if (replies.Size() > static_cast<std::size_t>(limit))
                 throw new CPopMailException("The server's reply is too long\r\n");
             int got = Receive(buffer.data(), static_cast<int>(buffer.size()), m_nTimeLimit);
@@ -474,7 +474,7 @@ bool CPopMail::ScanPipelined(int first, int last, const HeaderSink& sink) {
     };
     auto line = [&](CString& reply) {
         std::size_t n = whole([&] { return replies.LineLength(); }, kMaxLineReply);
-        if (n == detail::ReplyQueue::npos) return false;
+        if (n == tavik::lib::ReplyQueue::npos) return false;
         reply.str().assign(replies.Front(n));
         replies.Consume(n);
         return true;
@@ -483,14 +483,14 @@ bool CPopMail::ScanPipelined(int first, int last, const HeaderSink& sink) {
     // came, as the one-message reader does.
     auto listing = [&](CString& reply) {
         std::size_t status = whole([&] { return replies.LineLength(); }, kMaxLineReply);
-        if (status == detail::ReplyQueue::npos) {
+        if (status == tavik::lib::ReplyQueue::npos) {
             if (replies.Size() == 0) return false;
             status = replies.Size();
         }
         std::size_t n = status;
         if (IsPositive(CString(replies.Front(status).data(), static_cast<int>(status)))) {
             n = whole([&] { return replies.ListingLength(); }, kMaxMultiLineReply);
-            if (n == detail::ReplyQueue::npos) n = replies.Size();
+            if (n == tavik::lib::ReplyQueue::npos) n = replies.Size();
         }
         reply.str().assign(replies.Front(n));
         replies.Consume(n);

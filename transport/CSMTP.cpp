@@ -19,7 +19,7 @@ void ScanCode(const CString& reply, int& code) { std::sscanf(reply.GetString(), 
 
 CString Command(const char* format, const CString& argument) {
     CString command;
-    command.Format(format, detail::OneLine(argument.str()).c_str());
+    command.Format(format, tavik::lib::OneLine(argument.str()).c_str());
     return command;
 }
 
@@ -157,7 +157,7 @@ bool CSMTP::SendMessage(CMailMessage* message, CString& reply) {
         // where the original blocking send waited for the whole text.
         Write(message->m_sHeader, message->m_sHeader.GetLength(), m_nTimeLimit);
         // Most bodies need no change on the way: those go out without a copy.
-        if (detail::NeedsWireFixes(message->m_sBody.str())) {
+        if (tavik::lib::NeedsWireFixes(message->m_sBody.str())) {
             CString body = PrepareBody(message);
             Write(body, body.GetLength(), m_nTimeLimit);
         } else {
@@ -174,10 +174,10 @@ bool CSMTP::SendMessage(CMailMessage* message, CString& reply) {
 
 CString CSMTP::PrepareBody(CMailMessage* message) {
     const std::string& body = message->m_sBody.str();
-    if (!detail::HasBareLineEnd(body)) return CString(detail::DoubleLoneDots(body));
+    if (!tavik::lib::HasBareLineEnd(body)) return CString(tavik::lib::DoubleLoneDots(body));
     std::string lines = body;
-    detail::CrlfLineEnds(lines);
-    return CString(detail::DoubleLoneDots(lines));
+    tavik::lib::CrlfLineEnds(lines);
+    return CString(tavik::lib::DoubleLoneDots(lines));
 }
 
 void CSMTP::Disconnect(CString& reply) {

@@ -18,11 +18,11 @@ int CTextPlain::AppendPart(const char* content, const char* parameters, int enco
     destination += build_sub_header(content, parameters, encoding, isPath);
     if (content == nullptr) return 1;
     const std::string_view text(content, std::strlen(content));
-    if (!detail::HasBareLineEnd(text)) {
+    if (!tavik::lib::HasBareLineEnd(text)) {
         WrapInto(destination.str(), text);
     } else {
         std::string lines(text);
-        detail::CrlfLineEnds(lines);
+        tavik::lib::CrlfLineEnds(lines);
         WrapInto(destination.str(), lines);
     }
     return 1;
@@ -31,7 +31,7 @@ int CTextPlain::AppendPart(const char* content, const char* parameters, int enco
 CString CTextPlain::build_sub_header(const char* content, const char* parameters, int encoding, int isPath) {
     CString header;
     header.Format("Content-Type: %s%s\r\n", GetContentTypeString().GetString(),
-                  detail::OneLine(parameters ? parameters : "").c_str());
+                  tavik::lib::OneLine(parameters ? parameters : "").c_str());
     header += "Content-Transfer-Encoding: ";
     header += "7Bit";
     header += "\r\n\r\n";

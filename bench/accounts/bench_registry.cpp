@@ -151,12 +151,12 @@ int main() {
 
     // The same save with every commit waiting for the disk, for comparison.
     RegSetStorePath((dir + "/registry-full.db").c_str());
-    detail::RegistryStore::Instance().SetSyncEveryCommit(true);
+    tavik::platform::RegistryStore::Instance().SetSyncEveryCommit(true);
     start = std::chrono::steady_clock::now();
     SaveUser(1);
     double firstSaveFullSync = Seconds(start);
     RegCloseStore();
-    detail::RegistryStore::Instance().SetSyncEveryCommit(false);
+    tavik::platform::RegistryStore::Instance().SetSyncEveryCommit(false);
 
     cpu = CpuSeconds();
     double plain = PlainSqlite(dir + "/plain.db", rows);

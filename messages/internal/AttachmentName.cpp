@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-namespace detail {
+namespace tavik::lib {
 namespace {
 
 constexpr std::size_t kMaxTitle = 100;
@@ -44,4 +44,4 @@ SafeName MakeSafeName(std::string_view name) {
     return out;
 }
 
-}  // namespace detail
+}  // namespace tavik::lib

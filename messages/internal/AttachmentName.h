@@ -4,7 +4,7 @@
 #include <string>
 #include <string_view>
 
-namespace detail {
+namespace tavik::lib {
 
 // A file name from a message, made safe to create inside one directory: separators, drive colons, the
 // other characters Windows refuses, control characters and DEL become '_', and so do leading dots (no
@@ -19,4 +19,4 @@ SafeName MakeSafeName(std::string_view name);
 // ext itself when it is a dot followed by 1 to 15 letters, digits, '_', '-' or '+'; else empty.
 std::string SafeExtension(std::string_view ext);
 
-}  // namespace detail
+}  // namespace tavik::lib

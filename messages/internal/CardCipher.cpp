@@ -1,6 +1,6 @@
 #include "messages/internal/CardCipher.h"
 
-namespace detail {
+namespace tavik::lib {
 
 CardCipher::CardCipher() {
     for (int i = 0; i < 256; ++i) m_cards[i] = static_cast<std::uint8_t>(255 - i);
@@ -34,4 +34,4 @@ std::string CardCipher::Hash(const char* text, std::size_t textLength, std::size
     return out;
 }
 
-}  // namespace detail
+}  // namespace tavik::lib

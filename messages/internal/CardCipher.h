@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <string>
 
-namespace detail {
+namespace tavik::lib {
 
 class CardCipher {
 public:
@@ -25,4 +25,4 @@ private:
     std::uint8_t m_lastCipher = 11;
 };
 
-}  // namespace detail
+}  // namespace tavik::lib

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-namespace detail {
+namespace tavik::lib {
 namespace {
 
 constexpr std::uint64_t kBase = 0x100000001B3ull;
@@ -165,4 +165,4 @@ std::string PartSubstitution::Take() {
     return std::move(m_done);
 }
 
-}  // namespace detail
+}  // namespace tavik::lib

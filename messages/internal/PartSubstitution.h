@@ -9,7 +9,7 @@
 
 #include "messages/internal/TextSearch.h"
 
-namespace detail {
+namespace tavik::lib {
 
 // The 16-byte substrings of a text that start at every 8th position, with false positives but no false
 // negatives, filled in as the text grows. A pattern of at least 23 bytes that occurred wholly inside the
@@ -72,4 +72,4 @@ private:
     WorkBudget& m_budget;
 };
 
-}  // namespace detail
+}  // namespace tavik::lib

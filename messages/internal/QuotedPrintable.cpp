@@ -7,7 +7,7 @@
 #include <string_view>
 #include <vector>
 
-namespace detail {
+namespace tavik::lib {
 namespace {
 
 int hexValue(char c) {
@@ -159,4 +159,4 @@ std::size_t DecodeQuotedPrintable(char* text, std::size_t length) {
     return write;
 }
 
-}  // namespace detail
+}  // namespace tavik::lib

@@ -3,7 +3,7 @@
 
 #include <cstddef>
 
-namespace detail {
+namespace tavik::lib {
 
 // The decoding steps on text in place; returns its new length. First every " = \r\n", then every
 // " =\r\n", "= \r\n" and "=\r\n" go, each pattern in one pass from left to right that does not look again
@@ -14,4 +14,4 @@ namespace detail {
 // Linear in the text.
 std::size_t DecodeQuotedPrintable(char* text, std::size_t length);
 
-}  // namespace detail
+}  // namespace tavik::lib

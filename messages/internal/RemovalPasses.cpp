@@ -9,7 +9,7 @@
 #include <queue>
 #include <unordered_map>
 
-namespace detail {
+namespace tavik::lib {
 namespace {
 
 // Distinct patterns longer than this together are not indexed (the trie costs about 21 bytes a
@@ -296,4 +296,4 @@ bool RemoveEachInTurn(std::string& text, const std::vector<std::string_view>& pa
     return !budget.Exhausted();
 }
 
-}  // namespace detail
+}  // namespace tavik::lib

@@ -7,7 +7,7 @@
 
 #include "messages/internal/TextSearch.h"
 
-namespace detail {
+namespace tavik::lib {
 
 // For each pattern in turn, as XString::RemoveAll does: the leftmost occurrence is removed, again and
 // again, until the pattern no longer occurs; then the next pattern. Every pattern's occurrences are found
@@ -15,4 +15,4 @@ namespace detail {
 // Returns false when the budget ran out; the text then holds what the removals up to that point left.
 bool RemoveEachInTurn(std::string& text, const std::vector<std::string_view>& patterns, WorkBudget& budget);
 
-}  // namespace detail
+}  // namespace tavik::lib

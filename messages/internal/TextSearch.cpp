@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-namespace detail {
+namespace tavik::lib {
 
 std::size_t FindText(std::string_view text, std::string_view needle, std::size_t from) {
     if (from > text.size()) return std::string_view::npos;
@@ -23,4 +23,4 @@ std::size_t FindTextNear(std::string_view text, std::string_view needle, std::si
     return FindText(text, needle, at + 1);
 }
 
-}  // namespace detail
+}  // namespace tavik::lib

@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <string_view>
 
-namespace detail {
+namespace tavik::lib {
 
 // First index >= from at which needle occurs in text; npos when none (an empty needle is found at from
 // when from <= size). Linear in the text searched, whatever the two texts hold.
@@ -37,4 +37,4 @@ private:
     bool m_spent = false;
 };
 
-}  // namespace detail
+}  // namespace tavik::lib

@@ -11,7 +11,7 @@
 #include "platform/compound/internal/Handles.h"
 #include "platform/internal/SystemCalls.h"
 
-using namespace detail;
+using namespace tavik::platform;
 using tavik::platform::Sys;
 
 namespace {

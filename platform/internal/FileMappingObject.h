@@ -7,7 +7,7 @@
 
 #include "platform/WinTypes.h"
 
-namespace detail {
+namespace tavik::platform {
 
 struct FileMappingObject {
     ~FileMappingObject();
@@ -23,4 +23,4 @@ std::shared_ptr<FileMappingObject> FileMappingOfHandle(HANDLE handle);
 // The descriptor behind a CFile handle, -1 when it is not an open file.
 int FileDescriptorOfHandle(HANDLE file);
 
-}  // namespace detail
+}  // namespace tavik::platform

@@ -10,7 +10,7 @@
 using tavik::platform::Sys;
 
 // The kernel's count of runnable threads (the "4/180" field of /proc/loadavg) includes the caller.
-bool detail::CpusOversubscribed() {
+bool tavik::platform::CpusOversubscribed() {
     static const long cpus = Sys().sysconf(_SC_NPROCESSORS_ONLN);
     int fd = Sys().open("/proc/loadavg", O_RDONLY | O_CLOEXEC, 0);
     if (fd < 0) return false;

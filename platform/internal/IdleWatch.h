@@ -5,7 +5,7 @@
 #include <chrono>
 #include <iterator>
 
-namespace detail {
+namespace tavik::platform {
 
 inline void CpuRelax() {
 #if defined(__x86_64__) || defined(__i386__)
@@ -69,4 +69,4 @@ private:
     Clock::time_point m_nextSample{};
 };
 
-}  // namespace detail
+}  // namespace tavik::platform

@@ -8,7 +8,7 @@
 
 struct HWND__;
 
-namespace detail {
+namespace tavik::platform {
 
 enum class HandleKind { Event, Thread, FileMapping };
 
@@ -26,4 +26,4 @@ void DiscardThreadMessageQueue();
 // clears it and posts WM_QUIT to the thread, as the framework does for a thread's main window.
 void SetThreadMainWindowSlot(HWND__** slot);
 
-}  // namespace detail
+}  // namespace tavik::platform

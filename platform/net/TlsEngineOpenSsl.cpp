@@ -13,7 +13,7 @@
 
 #include "platform/net/internal/TlsEngine.h"
 
-namespace detail::net {
+namespace tavik::platform::net {
 namespace {
 
 // One context per way of checking certificates, made once: loading the system's trust store takes
@@ -347,4 +347,4 @@ std::unique_ptr<TlsEngine> TlsEngine::NewClient(const TlsSettings& settings, Tls
     return engine;
 }
 
-}  // namespace detail::net
+}  // namespace tavik::platform::net

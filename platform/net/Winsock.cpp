@@ -16,8 +16,8 @@
 #include "platform/net/internal/SocketOps.h"
 #include "platform/net/internal/TlsChannel.h"
 
-using detail::net::Endpoint;
-using detail::net::HostInfo;
+using tavik::platform::net::Endpoint;
+using tavik::platform::net::HostInfo;
 
 namespace {
 
@@ -252,13 +252,13 @@ void WSASetLastError(int error) { SetLastError(static_cast<DWORD>(error)); }
 SOCKET socket(int af, int type, int protocol) {
     if (!started()) return INVALID_SOCKET;
     int error = 0;
-    int fd = detail::net::OsSocket(af, type, protocol, error);
+    int fd = tavik::platform::net::OsSocket(af, type, protocol, error);
     if (fd < 0) {
         WSASetLastError(error);
         return INVALID_SOCKET;
     }
     timeouts().Forget(fd);
-    detail::net::TlsForget(fd);
+    tavik::platform::net::TlsForget(fd);
     return static_cast<SOCKET>(fd);
 }
 
@@ -266,40 +266,40 @@ int closesocket(SOCKET s) {
     int fd = 0, error = 0;
     if (!usable(s, fd)) return SOCKET_ERROR;
     timeouts().Forget(fd);
-    detail::net::TlsClose(fd);
-    return detail::net::OsClose(fd, error) == 0 ? 0 : failWith(error);
+    tavik::platform::net::TlsClose(fd);
+    return tavik::platform::net::OsClose(fd, error) == 0 ? 0 : failWith(error);
 }
 
 int shutdown(SOCKET s, int how) {
     int fd = 0, error = 0;
     if (!usable(s, fd)) return SOCKET_ERROR;
-    return detail::net::OsShutdown(fd, how, error) == 0 ? 0 : failWith(error);
+    return tavik::platform::net::OsShutdown(fd, how, error) == 0 ? 0 : failWith(error);
 }
 
 int bind(SOCKET s, const sockaddr* name, int namelen) {
     int fd = 0, error = 0;
     Endpoint e;
     if (!usable(s, fd) || !readAddress(name, namelen, e)) return SOCKET_ERROR;
-    return detail::net::OsBind(fd, e, error) == 0 ? 0 : failWith(error);
+    return tavik::platform::net::OsBind(fd, e, error) == 0 ? 0 : failWith(error);
 }
 
 int listen(SOCKET s, int backlog) {
     int fd = 0, error = 0;
     if (!usable(s, fd)) return SOCKET_ERROR;
-    return detail::net::OsListen(fd, backlog, error) == 0 ? 0 : failWith(error);
+    return tavik::platform::net::OsListen(fd, backlog, error) == 0 ? 0 : failWith(error);
 }
 
 SOCKET accept(SOCKET s, sockaddr* addr, int* addrlen) {
     int fd = 0, error = 0;
     if (!usable(s, fd) || !roomForAddress(addr, addrlen)) return INVALID_SOCKET;
     Endpoint peer;
-    int client = detail::net::OsAccept(fd, &peer, error);
+    int client = tavik::platform::net::OsAccept(fd, &peer, error);
     if (client < 0) {
         WSASetLastError(error);
         return INVALID_SOCKET;
     }
     timeouts().Forget(client);
-    detail::net::TlsForget(client);
+    tavik::platform::net::TlsForget(client);
     writeAddress(peer, addr, addrlen);
     return static_cast<SOCKET>(client);
 }
@@ -308,30 +308,30 @@ int connect(SOCKET s, const sockaddr* name, int namelen) {
     int fd = 0, error = 0;
     Endpoint e;
     if (!usable(s, fd) || !readAddress(name, namelen, e)) return SOCKET_ERROR;
-    return detail::net::OsConnect(fd, e, error) == 0 ? 0 : failWith(error);
+    return tavik::platform::net::OsConnect(fd, e, error) == 0 ? 0 : failWith(error);
 }
 
 int send(SOCKET s, const char* buf, int len, int flags) {
     int fd = 0, error = 0;
     if (!usable(s, fd) || !validBuffer(buf, len)) return SOCKET_ERROR;
-    if (detail::net::TlsAttached(fd)) {
+    if (tavik::platform::net::TlsAttached(fd)) {
         if (flags != 0) return failWith(WSAEOPNOTSUPP);
-        long n = detail::net::TlsSend(fd, buf, len, error);
+        long n = tavik::platform::net::TlsSend(fd, buf, len, error);
         return n < 0 ? failWith(error) : static_cast<int>(n);
     }
-    long n = detail::net::OsSend(fd, buf, len, flags, error);
+    long n = tavik::platform::net::OsSend(fd, buf, len, flags, error);
     return n < 0 ? failWith(error) : static_cast<int>(n);
 }
 
 int recv(SOCKET s, char* buf, int len, int flags) {
     int fd = 0, error = 0;
     if (!usable(s, fd) || !validBuffer(buf, len)) return SOCKET_ERROR;
-    if (detail::net::TlsAttached(fd)) {
+    if (tavik::platform::net::TlsAttached(fd)) {
         if (flags != 0) return failWith(WSAEOPNOTSUPP);
-        long n = detail::net::TlsRecv(fd, buf, len, error);
+        long n = tavik::platform::net::TlsRecv(fd, buf, len, error);
         return n < 0 ? failWith(error) : static_cast<int>(n);
     }
-    long n = detail::net::OsRecv(fd, buf, len, flags, error);
+    long n = tavik::platform::net::OsRecv(fd, buf, len, flags, error);
     return n < 0 ? failWith(error) : static_cast<int>(n);
 }
 
@@ -339,7 +339,7 @@ int sendto(SOCKET s, const char* buf, int len, int flags, const sockaddr* to, in
     int fd = 0, error = 0;
     Endpoint e;
     if (!usable(s, fd) || !validBuffer(buf, len) || !readAddress(to, tolen, e)) return SOCKET_ERROR;
-    long n = detail::net::OsSendTo(fd, buf, len, flags, e, error);
+    long n = tavik::platform::net::OsSendTo(fd, buf, len, flags, e, error);
     return n < 0 ? failWith(error) : static_cast<int>(n);
 }
 
@@ -347,7 +347,7 @@ int recvfrom(SOCKET s, char* buf, int len, int flags, sockaddr* from, int* froml
     int fd = 0, error = 0;
     if (!usable(s, fd) || !validBuffer(buf, len) || !roomForAddress(from, fromlen)) return SOCKET_ERROR;
     Endpoint peer;
-    long n = detail::net::OsRecvFrom(fd, buf, len, flags, &peer, error);
+    long n = tavik::platform::net::OsRecvFrom(fd, buf, len, flags, &peer, error);
     if (n < 0) return failWith(error);
     writeAddress(peer, from, fromlen);
     return static_cast<int>(n);
@@ -358,7 +358,7 @@ int getpeername(SOCKET s, sockaddr* name, int* namelen) {
     Endpoint e;
     if (!usable(s, fd)) return SOCKET_ERROR;
     if (!name || !roomForAddress(name, namelen)) return failWith(WSAEFAULT);
-    if (detail::net::OsPeerName(fd, e, error) != 0) return failWith(error);
+    if (tavik::platform::net::OsPeerName(fd, e, error) != 0) return failWith(error);
     writeAddress(e, name, namelen);
     return 0;
 }
@@ -368,7 +368,7 @@ int getsockname(SOCKET s, sockaddr* name, int* namelen) {
     Endpoint e;
     if (!usable(s, fd)) return SOCKET_ERROR;
     if (!name || !roomForAddress(name, namelen)) return failWith(WSAEFAULT);
-    if (detail::net::OsSockName(fd, e, error) != 0) return failWith(error);
+    if (tavik::platform::net::OsSockName(fd, e, error) != 0) return failWith(error);
     writeAddress(e, name, namelen);
     return 0;
 }
@@ -385,7 +385,7 @@ int setsockopt(SOCKET s, int level, int optname, const char* optval, int optlen)
         value = static_cast<unsigned char>(optval[0]);
     const bool timeout = level == SOL_SOCKET && (optname == SO_SNDTIMEO || optname == SO_RCVTIMEO);
     if (timeout && timeouts().Same(fd, optname, value)) return 0;
-    if (detail::net::OsSetOption(fd, level, optname, value, error) != 0) return failWith(error);
+    if (tavik::platform::net::OsSetOption(fd, level, optname, value, error) != 0) return failWith(error);
     if (timeout) timeouts().Remember(fd, optname, value);
     return 0;
 }
@@ -394,7 +394,7 @@ int getsockopt(SOCKET s, int level, int optname, char* optval, int* optlen) {
     int fd = 0, error = 0, value = 0;
     if (!usable(s, fd)) return SOCKET_ERROR;
     if (!optval || !optlen || *optlen < static_cast<int>(sizeof value)) return failWith(WSAEFAULT);
-    if (detail::net::OsGetOption(fd, level, optname, value, error) != 0) return failWith(error);
+    if (tavik::platform::net::OsGetOption(fd, level, optname, value, error) != 0) return failWith(error);
     std::memcpy(optval, &value, sizeof value);
     *optlen = sizeof value;
     return 0;
@@ -405,8 +405,8 @@ int ioctlsocket(SOCKET s, long cmd, ULONG* argp) {
     if (!usable(s, fd)) return SOCKET_ERROR;
     if (!argp) return failWith(WSAEFAULT);
     if (cmd != FIONBIO) return failWith(WSAEINVAL);
-    if (detail::net::TlsAttached(fd)) return failWith(WSAEOPNOTSUPP);
-    return detail::net::OsSetNonBlocking(fd, *argp != 0, error) == 0 ? 0 : failWith(error);
+    if (tavik::platform::net::TlsAttached(fd)) return failWith(WSAEOPNOTSUPP);
+    return tavik::platform::net::OsSetNonBlocking(fd, *argp != 0, error) == 0 ? 0 : failWith(error);
 }
 
 int WaitForSocket(SOCKET s, int what, long seconds, long microseconds) {
@@ -414,8 +414,8 @@ int WaitForSocket(SOCKET s, int what, long seconds, long microseconds) {
     if (!usable(s, fd)) return SOCKET_ERROR;
     if (what != SOCKET_WAIT_READ && what != SOCKET_WAIT_WRITE) return failWith(WSAEINVAL);
     if (seconds >= 0 && (microseconds < 0 || microseconds >= 1000000)) return failWith(WSAEINVAL);
-    if (what == SOCKET_WAIT_READ && detail::net::TlsReadable(fd)) return 1;
-    int r = detail::net::OsWait(fd, what == SOCKET_WAIT_WRITE, seconds, microseconds, error);
+    if (what == SOCKET_WAIT_READ && tavik::platform::net::TlsReadable(fd)) return 1;
+    int r = tavik::platform::net::OsWait(fd, what == SOCKET_WAIT_WRITE, seconds, microseconds, error);
     return r < 0 ? failWith(error) : r;
 }
 
@@ -427,7 +427,7 @@ hostent* gethostbyname(const char* name) {
     }
     HostInfo info;
     int error = 0;
-    if (detail::net::OsHostByName(name, info, error) != 0) {
+    if (tavik::platform::net::OsHostByName(name, info, error) != 0) {
         WSASetLastError(error);
         return nullptr;
     }
@@ -448,7 +448,7 @@ hostent* gethostbyaddr(const char* addr, int len, int type) {
     std::memcpy(&a, addr, 4);
     HostInfo info;
     int error = 0;
-    if (detail::net::OsHostByAddr(a, info, error) != 0) {
+    if (tavik::platform::net::OsHostByAddr(a, info, error) != 0) {
         WSASetLastError(error);
         return nullptr;
     }
@@ -460,7 +460,7 @@ int gethostname(char* name, int namelen) {
     if (!name || namelen <= 0) return failWith(WSAEFAULT);
     std::string host;
     int error = 0;
-    if (detail::net::OsHostName(host, error) != 0) return failWith(error);
+    if (tavik::platform::net::OsHostName(host, error) != 0) return failWith(error);
     if (static_cast<int>(host.size()) + 1 > namelen) return failWith(WSAEFAULT);
     std::memcpy(name, host.c_str(), host.size() + 1);
     return 0;
@@ -513,12 +513,12 @@ char* inet_ntoa(in_addr in) {
     return text;
 }
 
-namespace detail::net {
+namespace tavik::platform::net {
 
 bool UsableSocket(std::uintptr_t s, int& fd) { return usable(static_cast<SOCKET>(s), fd); }
 int CachedTimeout(int fd, bool sending) { return timeouts().Get(fd, sending ? SO_SNDTIMEO : SO_RCVTIMEO); }
 
-}  // namespace detail::net
+}  // namespace tavik::platform::net
 
 const char* WSAErrorName(int error) {
     for (const NamedCode& n : kNames)

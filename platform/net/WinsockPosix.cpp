@@ -21,7 +21,7 @@
 #include "platform/internal/OsErrors.h"
 #include "platform/net/internal/SocketOps.h"
 
-namespace detail::net {
+namespace tavik::platform::net {
 namespace {
 
 // Windows values of the constants that cross SocketOps.h.
@@ -440,4 +440,4 @@ int OsHostName(std::string& out, int& error) {
     return 0;
 }
 
-}  // namespace detail::net
+}  // namespace tavik::platform::net

@@ -19,17 +19,17 @@
 #include "platform/net/internal/TlsChannel.h"
 #include "platform/net/internal/TlsEngine.h"
 
-static_assert(SEC_E_UNSUPPORTED_FUNCTION == detail::net::kSecUnsupportedFunction);
-static_assert(SEC_E_INTERNAL_ERROR == detail::net::kSecInternalError);
-static_assert(SEC_E_WRONG_PRINCIPAL == detail::net::kSecWrongPrincipal);
-static_assert(SEC_E_UNTRUSTED_ROOT == detail::net::kSecUntrustedRoot);
-static_assert(SEC_E_ILLEGAL_MESSAGE == detail::net::kSecIllegalMessage);
-static_assert(SEC_E_CERT_UNKNOWN == detail::net::kSecCertUnknown);
-static_assert(SEC_E_CERT_EXPIRED == detail::net::kSecCertExpired);
-static_assert(SEC_E_DECRYPT_FAILURE == detail::net::kSecDecryptFailure);
-static_assert(SEC_E_ALGORITHM_MISMATCH == detail::net::kSecAlgorithmMismatch);
+static_assert(SEC_E_UNSUPPORTED_FUNCTION == tavik::platform::net::kSecUnsupportedFunction);
+static_assert(SEC_E_INTERNAL_ERROR == tavik::platform::net::kSecInternalError);
+static_assert(SEC_E_WRONG_PRINCIPAL == tavik::platform::net::kSecWrongPrincipal);
+static_assert(SEC_E_UNTRUSTED_ROOT == tavik::platform::net::kSecUntrustedRoot);
+static_assert(SEC_E_ILLEGAL_MESSAGE == tavik::platform::net::kSecIllegalMessage);
+static_assert(SEC_E_CERT_UNKNOWN == tavik::platform::net::kSecCertUnknown);
+static_assert(SEC_E_CERT_EXPIRED == tavik::platform::net::kSecCertExpired);
+static_assert(SEC_E_DECRYPT_FAILURE == tavik::platform::net::kSecDecryptFailure);
+static_assert(SEC_E_ALGORITHM_MISMATCH == tavik::platform::net::kSecAlgorithmMismatch);
 
-namespace detail::net {
+namespace tavik::platform::net {
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -281,7 +281,7 @@ void TlsClose(int fd) {
 
 void TlsForget(int fd) { Remove(fd); }
 
-}  // namespace detail::net
+}  // namespace tavik::platform::net
 
 bool IsTlsError(int error) {
     switch (error) {
@@ -302,8 +302,8 @@ bool IsTlsError(int error) {
 
 int WSATlsConnect(SOCKET s, const WSATLS_SETTINGS* settings) {
     int fd = 0, error = 0;
-    detail::net::t_lastFailure.clear();
-    if (!detail::net::UsableSocket(s, fd)) return SOCKET_ERROR;
+    tavik::platform::net::t_lastFailure.clear();
+    if (!tavik::platform::net::UsableSocket(s, fd)) return SOCKET_ERROR;
     if (!settings || !settings->serverName) {
         WSASetLastError(WSAEFAULT);
         return SOCKET_ERROR;
@@ -312,19 +312,19 @@ int WSATlsConnect(SOCKET s, const WSATLS_SETTINGS* settings) {
         WSASetLastError(WSAEINVAL);
         return SOCKET_ERROR;
     }
-    if (detail::net::Handshake(fd, *settings, error) == 0) return 0;
+    if (tavik::platform::net::Handshake(fd, *settings, error) == 0) return 0;
     WSASetLastError(error);
     return SOCKET_ERROR;
 }
 
 int WSATlsGetInfo(SOCKET s, WSATLS_INFO* info) {
     int fd = 0;
-    if (!detail::net::UsableSocket(s, fd)) return SOCKET_ERROR;
+    if (!tavik::platform::net::UsableSocket(s, fd)) return SOCKET_ERROR;
     if (!info) {
         WSASetLastError(WSAEFAULT);
         return SOCKET_ERROR;
     }
-    std::shared_ptr<detail::net::Channel> c = detail::net::Find(fd);
+    std::shared_ptr<tavik::platform::net::Channel> c = tavik::platform::net::Find(fd);
     if (!c || !c->established || c->failure.code != 0) {
         WSASetLastError(WSAENOTCONN);
         return SOCKET_ERROR;
@@ -339,8 +339,8 @@ int WSATlsGetInfo(SOCKET s, WSATLS_INFO* info) {
 
 BOOL WSATlsActive(SOCKET s) {
     int fd = 0;
-    if (!detail::net::UsableSocket(s, fd)) return FALSE;
-    return detail::net::Find(fd) ? TRUE : FALSE;
+    if (!tavik::platform::net::UsableSocket(s, fd)) return FALSE;
+    return tavik::platform::net::Find(fd) ? TRUE : FALSE;
 }
 
-const char* WSATlsGetLastFailure() { return detail::net::t_lastFailure.c_str(); }
+const char* WSATlsGetLastFailure() { return tavik::platform::net::t_lastFailure.c_str(); }

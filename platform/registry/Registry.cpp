@@ -3,7 +3,7 @@
 
 #include "platform/registry/RegistryStore.h"
 
-using detail::RegistryStore;
+using tavik::platform::RegistryStore;
 
 LONG RegCreateKeyEx(HKEY hKey, LPCSTR lpSubKey, DWORD Reserved, LPSTR, DWORD dwOptions, REGSAM samDesired,
                     const LPSECURITY_ATTRIBUTES, PHKEY phkResult, LPDWORD lpdwDisposition) {

@@ -9,7 +9,7 @@
 
 #include "platform/registry/internal/MimeTypes.h"
 
-namespace detail {
+namespace tavik::platform {
 
 namespace {
 
@@ -716,4 +716,4 @@ LONG RegistryStore::FlushKey(HKEY key) {
     return ERROR_SUCCESS;
 }
 
-}  // namespace detail
+}  // namespace tavik::platform

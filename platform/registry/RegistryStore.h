@@ -18,7 +18,7 @@
 #include "platform/Registry.h"
 #include "platform/registry/internal/StoreDatabase.h"
 
-namespace detail {
+namespace tavik::platform {
 
 class RegTextWriter;
 struct RegTextKey;
@@ -144,4 +144,4 @@ private:
     std::vector<StoredValue> m_valueCache;
 };
 
-}  // namespace detail
+}  // namespace tavik::platform

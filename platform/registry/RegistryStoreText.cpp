@@ -12,7 +12,7 @@
 #include "platform/registry/RegistryStore.h"
 #include "platform/registry/internal/RegText.h"
 
-namespace detail {
+namespace tavik::platform {
 
 namespace {
 
@@ -368,4 +368,4 @@ LONG RegistryStore::RestoreKey(HKEY key, const char* file) {
     return ERROR_SUCCESS;
 }
 
-}  // namespace detail
+}  // namespace tavik::platform

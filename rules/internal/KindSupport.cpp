@@ -3,7 +3,7 @@
 #include "platform/PrivateProfile.h"
 #include "rules/internal/StorageRecords.h"
 
-namespace detail {
+namespace tavik::lib {
 
 namespace {
 constexpr DWORD kIniBuffer = 16384;
@@ -40,4 +40,4 @@ DWORD IniNumber(const CString& section, UINT keyId, const CString& iniFile) {
     return GetPrivateProfileInt(section, ResourceText(keyId), 0, iniFile);
 }
 
-}  // namespace detail
+}  // namespace tavik::lib

@@ -12,7 +12,7 @@
 #include "platform/OleStorage.h"
 #include "platform/Registry.h"
 
-namespace detail {
+namespace tavik::lib {
 
 // The names of the sub-storages of storage, in enumeration order; nameless ones apart.
 void ListSubStorages(IStorage* storage, std::vector<CString>& named, std::vector<std::u16string>& nameless);
@@ -73,4 +73,4 @@ void EnumKindRegistry(HKEY parent, std::list<Kind>& list, const CString& parentK
     }
 }
 
-}  // namespace detail
+}  // namespace tavik::lib

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <utility>
 
-namespace detail {
+namespace tavik::lib {
 
 namespace {
 // Removed entries are dropped when there are more of them than this and than live ones.
@@ -168,4 +168,4 @@ std::string ProcessedIdList::ToBytes() const {
     return bytes;
 }
 
-}  // namespace detail
+}  // namespace tavik::lib

@@ -12,7 +12,7 @@
 
 #include "platform/WinTypes.h"
 
-namespace detail {
+namespace tavik::lib {
 
 class ProcessedIdList {
 public:
@@ -84,4 +84,4 @@ private:
     std::unordered_map<DWORD, std::uint32_t> m_repeats;
 };
 
-}  // namespace detail
+}  // namespace tavik::lib

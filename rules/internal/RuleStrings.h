@@ -5,7 +5,7 @@
 
 #include "platform/WinTypes.h"
 
-namespace detail {
+namespace tavik::lib {
 
 // Base rule.
 constexpr UINT IDS_FILTER_NAME = 3300;
@@ -62,4 +62,4 @@ constexpr UINT IDS_RECIPIENTS = 3352;
 constexpr UINT IDS_DUPLICATES = 3353;
 constexpr UINT IDS_RECIPIENT = 3354;
 
-}  // namespace detail
+}  // namespace tavik::lib

@@ -7,7 +7,7 @@
 #include <cstring>
 #include <vector>
 
-namespace detail {
+namespace tavik::lib {
 
 namespace {
 
@@ -143,4 +143,4 @@ void DeleteElements(CStorageManager& storage, std::initializer_list<UINT> nameId
     for (UINT id : nameIds) storage.DeleteElement(id);
 }
 
-}  // namespace detail
+}  // namespace tavik::lib

@@ -11,7 +11,7 @@
 #include "messages/CStorageManager.h"
 #include "platform/CArray.h"
 
-namespace detail {
+namespace tavik::lib {
 
 // The stream of 32-bit little-endian values into the targets, in order; targets beyond what the stream
 // holds keep their values. Returns how many were filled.
@@ -61,4 +61,4 @@ int DecimalOf(const CString& text);
 // The resource text of an id.
 CString ResourceText(UINT id);
 
-}  // namespace detail
+}  // namespace tavik::lib

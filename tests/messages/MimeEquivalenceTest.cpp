@@ -77,8 +77,8 @@ TEST(MimeSteps, RemovalsInTurnMatchRepeatedRemoveAll) {
             views.push_back(p);
         }
         std::string fast = text;
-        detail::WorkBudget budget(1u << 30);
-        ASSERT_TRUE(detail::RemoveEachInTurn(fast, views, budget));
+        tavik::lib::WorkBudget budget(1u << 30);
+        ASSERT_TRUE(tavik::lib::RemoveEachInTurn(fast, views, budget));
         ASSERT_EQ(fast, literal.str()) << text;
     }
 }
@@ -91,8 +91,8 @@ TEST(MimeSteps, FirstOccurrenceReplacementMatchesTheLiteralReplace) {
     for (int i = Cases(3000); i > 0; --i) {
         const std::string text = gen.Noise(80, alphabet);
         XString literal = Text(text);
-        detail::WorkBudget budget(1u << 30);
-        detail::PartSubstitution fast(text, text.size(), budget);
+        tavik::lib::WorkBudget budget(1u << 30);
+        tavik::lib::PartSubstitution fast(text, text.size(), budget);
         std::size_t pos = 0;
         std::vector<std::string> earlier;
         for (int n = gen.Pick(7); n > 0; --n) {
@@ -127,8 +127,8 @@ TEST(MimeSteps, LongContentsFoundInsideTheReplacedTextAsTheLiteralReplaceFindsTh
         const std::string piece = gen.Noise(30, "abc") + "0123456789abcdef";
         std::string text = gen.Noise(10, "ab") + piece + gen.Noise(40, "abc") + piece + gen.Noise(10, "ab");
         XString literal = Text(text);
-        detail::WorkBudget budget(1u << 30);
-        detail::PartSubstitution fast(text, text.size(), budget);
+        tavik::lib::WorkBudget budget(1u << 30);
+        tavik::lib::PartSubstitution fast(text, text.size(), budget);
         const std::size_t second = text.rfind(piece);
         std::vector<std::pair<std::string, std::string>> steps = {
             {text.substr(0, 5), piece + "x"}, {piece, "y"}, {text.substr(second), "z"}, {piece + "x", ""}};
@@ -146,8 +146,8 @@ TEST(MimeSteps, LongContentsFoundInsideTheReplacedTextAsTheLiteralReplaceFindsTh
         const std::size_t cut = static_cast<std::size_t>(gen.Pick(static_cast<int>(piece.size())));
         const std::string text = "zz" + piece.substr(cut) + gen.Noise(20, "ab") + piece + gen.Noise(5, "ab");
         XString literal = Text(text);
-        detail::WorkBudget budget(1u << 30);
-        detail::PartSubstitution fast(text, text.size(), budget);
+        tavik::lib::WorkBudget budget(1u << 30);
+        tavik::lib::PartSubstitution fast(text, text.size(), budget);
         std::string damaged = piece.substr(0, cut);
         if (gen.Pick(2)) damaged = gen.Pick(2) ? damaged + "#" : piece.substr(0, 40) + "#" + damaged;
         for (const auto& [content, with] :

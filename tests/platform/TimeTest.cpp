@@ -108,8 +108,8 @@ TEST(RandTest, FollowsTheWindowsSequencePerThread) {
     EXPECT_EQ(rand(), 6334);
     srand(12345);
     int a = rand();
-    detail::WinSrand(12345);
-    EXPECT_EQ(detail::WinRand(), a);
+    tavik::platform::WinSrand(12345);
+    EXPECT_EQ(tavik::platform::WinRand(), a);
     // Each thread starts at seed 1, whatever other threads did.
     int first = -1;
     std::thread([&] { first = rand(); }).join();

@@ -10,7 +10,7 @@
 
 namespace {
 
-using detail::ProcessedIdList;
+using tavik::lib::ProcessedIdList;
 
 void ExpectSame(const ProcessedIdList& ids, const std::list<DWORD>& model, int step) {
     ASSERT_EQ(ids.Size(), model.size()) << "step " << step;

@@ -8,7 +8,7 @@
 #include "transport/internal/ReplyParts.h"
 #include "transport/internal/ReplyQueue.h"
 
-using detail::EndMarkScanner;
+using tavik::lib::EndMarkScanner;
 
 namespace {
 
@@ -94,7 +94,7 @@ TEST(ReplyParts, SplitsTheStatusLineOnlyWhenItHasText) {
     };
     for (auto& c : cases) {
         std::string reply = c.in, status = "unchanged";
-        EXPECT_EQ(detail::StripReply(reply, &status), c.split) << c.in;
+        EXPECT_EQ(tavik::lib::StripReply(reply, &status), c.split) << c.in;
         EXPECT_EQ(status, c.status) << c.in;
         EXPECT_EQ(reply, c.out) << c.in;
     }
@@ -103,13 +103,13 @@ TEST(ReplyParts, SplitsTheStatusLineOnlyWhenItHasText) {
 TEST(ReplyParts, GivesBackSpareRoomOnlyWhenItMatters) {
     std::string big = "+OK 100000 octets\r\n" + std::string(100000, 'm') + "\r\n.\r\n", status;
     big.reserve(big.size() + 100);
-    detail::StripReply(big, &status);
+    tavik::lib::StripReply(big, &status);
     EXPECT_EQ(big.size(), 100000u);
     EXPECT_LT(big.capacity(), 100000u + 4096) << "a few bytes of room are not worth a copy";
 
     std::string oversized = "+OK\r\nshort\r\n.\r\n";
     oversized.reserve(1 << 20);
-    detail::StripReply(oversized, &status);
+    tavik::lib::StripReply(oversized, &status);
     EXPECT_EQ(oversized, "short");
     EXPECT_LT(oversized.capacity(), 4096u) << "a megabyte of room for five bytes is released";
 }
@@ -128,7 +128,7 @@ TEST(ReplyParts, CutsAtTheFirstEndMarkAndKeepsDotStuffing) {
     };
     for (auto& c : cases) {
         std::string reply = c.in;
-        detail::StripReply(reply, nullptr);
+        tavik::lib::StripReply(reply, nullptr);
         EXPECT_EQ(reply, c.out) << c.in;
     }
 }
@@ -139,13 +139,13 @@ namespace {
 // piece sizes given (cycled).
 std::vector<std::string> Split(const std::string& stream, const std::vector<bool>& listing,
                                const std::vector<size_t>& pieces) {
-    detail::ReplyQueue queue;
+    tavik::lib::ReplyQueue queue;
     std::vector<std::string> out;
     size_t at = 0, piece = 0;
     for (bool isListing : listing) {
         for (;;) {
             size_t n = isListing ? queue.ListingLength() : queue.LineLength();
-            if (n != detail::ReplyQueue::npos) {
+            if (n != tavik::lib::ReplyQueue::npos) {
                 out.emplace_back(queue.Front(n));
                 queue.Consume(n);
                 break;
@@ -182,7 +182,7 @@ TEST(ReplyQueue, CutsPipelinedRepliesAtTheirMarksHoweverTheyArrive) {
 }
 
 TEST(ReplyQueue, KeepsItsBufferSmallWhileManyRepliesPassThrough) {
-    detail::ReplyQueue queue;
+    tavik::lib::ReplyQueue queue;
     const std::string reply = "+OK\r\n" + std::string(1000, 'h') + "\r\n.\r\n";
     for (int i = 0; i < 3; ++i) {
         queue.Append(reply.data(), reply.size());

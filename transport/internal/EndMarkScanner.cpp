@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-namespace detail {
+namespace tavik::lib {
 
 std::size_t EndMarkScanner::Find(std::string_view text) {
     // A mark that ends in the new bytes can start at most mark-1 bytes before them.
@@ -17,4 +17,4 @@ std::size_t EndMarkScanner::Find(std::string_view text) {
     return static_cast<std::size_t>(static_cast<const char*>(hit) - text.data());
 }
 
-}  // namespace detail
+}  // namespace tavik::lib

@@ -6,7 +6,7 @@
 #include <cstddef>
 #include <string_view>
 
-namespace detail {
+namespace tavik::lib {
 
 class EndMarkScanner {
 public:
@@ -32,4 +32,4 @@ private:
     std::size_t m_examined = 0;
 };
 
-}  // namespace detail
+}  // namespace tavik::lib

@@ -1,6 +1,6 @@
 #include "transport/internal/LineBreaks.h"
 
-namespace detail {
+namespace tavik::lib {
 
 namespace {
 bool IsBreak(char c) { return c == '\r' || c == '\n'; }
@@ -77,4 +77,4 @@ std::string DoubleLoneDots(std::string_view text) {
     return out;
 }
 
-}  // namespace detail
+}  // namespace tavik::lib

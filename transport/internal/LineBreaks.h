@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-namespace detail {
+namespace tavik::lib {
 
 // The text as one line. A run of CR and LF characters followed by a space or a tab is removed (a folded
 // header unfolds); any other run becomes one space. Text without CR or LF comes back unchanged.
@@ -25,4 +25,4 @@ bool NeedsWireFixes(std::string_view text);
 // start included); a line that starts with a dot followed by other text stays as it is.
 std::string DoubleLoneDots(std::string_view text);
 
-}  // namespace detail
+}  // namespace tavik::lib

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
-namespace detail {
+namespace tavik::lib {
 
 namespace {
 // Spare room above this is released: an eighth of the text, and never less than 4 KiB.
@@ -37,4 +37,4 @@ bool StripReply(std::string& reply, std::string* status) {
     return split;
 }
 
-}  // namespace detail
+}  // namespace tavik::lib

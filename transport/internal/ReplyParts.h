@@ -4,7 +4,7 @@
 
 #include <string>
 
-namespace detail {
+namespace tavik::lib {
 
 // With status: when the first "\r\n" lies after position 0, status becomes the text before it and the
 // reply loses it (result true); otherwise status and reply's front stay as they were (false).
@@ -14,4 +14,4 @@ namespace detail {
 // a large message would cost more than the room it frees.
 bool StripReply(std::string& reply, std::string* status);
 
-}  // namespace detail
+}  // namespace tavik::lib

@@ -1,6 +1,6 @@
 #include "transport/internal/ReplyQueue.h"
 
-namespace detail {
+namespace tavik::lib {
 
 namespace {
 // Consumed bytes are dropped from the buffer once they are at least this many and outweigh the rest,
@@ -36,4 +36,4 @@ void ReplyQueue::Consume(std::size_t length) {
     m_listing.Reset();
 }
 
-}  // namespace detail
+}  // namespace tavik::lib

@@ -9,7 +9,7 @@
 
 #include "transport/internal/EndMarkScanner.h"
 
-namespace detail {
+namespace tavik::lib {
 
 class ReplyQueue {
 public:
@@ -40,4 +40,4 @@ private:
     EndMarkScanner m_listing{"\r\n.\r\n"};
 };
 
-}  // namespace detail
+}  // namespace tavik::lib

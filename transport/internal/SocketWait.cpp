@@ -4,7 +4,7 @@
 
 #include "platform/Kernel.h"
 
-namespace detail {
+namespace tavik::lib {
 
 namespace {
 
@@ -62,4 +62,4 @@ int ConnectUntil(SOCKET s, const sockaddr* to, Deadline deadline, void* stopEven
     return error != 0 ? SOCKET_ERROR : 0;
 }
 
-}  // namespace detail
+}  // namespace tavik::lib

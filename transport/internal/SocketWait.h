@@ -7,7 +7,7 @@
 
 #include "platform/Winsock.h"
 
-namespace detail {
+namespace tavik::lib {
 
 using Deadline = std::chrono::steady_clock::time_point;
 
@@ -30,4 +30,4 @@ int WaitUntil(SOCKET s, int what, Deadline deadline, void* stopEvent);
 // when it failed).
 int ConnectUntil(SOCKET s, const sockaddr* to, Deadline deadline, void* stopEvent);
 
-}  // namespace detail
+}  // namespace tavik::lib

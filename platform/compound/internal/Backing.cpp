@@ -6,7 +6,7 @@
 #include "platform/internal/OsErrors.h"
 #include "platform/internal/SystemCalls.h"
 
-namespace detail {
+namespace tavik::platform {
 namespace {
 
 using tavik::platform::Sys;
@@ -364,4 +364,4 @@ bool Contains(const Node& outer, const Node* inner) {
     return false;
 }
 
-}  // namespace detail
+}  // namespace tavik::platform

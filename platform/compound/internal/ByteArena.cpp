@@ -34,7 +34,7 @@
 #define TAVIK_UNPOISON(p, n) ((void)(p), (void)(n))
 #endif
 
-namespace detail {
+namespace tavik::platform {
 namespace {
 
 using tavik::platform::Sys;
@@ -294,4 +294,4 @@ void ArenaFree(void* p, std::size_t bytes) {
     TheArena().Free(p, bytes);
 }
 
-}  // namespace detail
+}  // namespace tavik::platform

@@ -6,7 +6,7 @@
 #include <utility>
 #include <vector>
 
-namespace detail {
+namespace tavik::platform {
 
 // Buffers up to kArenaMax bytes are carved from 2 MB slabs that the kernel may back with one huge page
 // each; larger ones come from operator new. A slab is emptied once every buffer in it is freed, which a
@@ -89,4 +89,4 @@ struct LargeAllocator {
     }
 };
 
-}  // namespace detail
+}  // namespace tavik::platform

@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-namespace detail::cfb {
+namespace tavik::platform::cfb {
 
 constexpr std::uint32_t MAXREGSECT = 0xFFFFFFFA;
 constexpr std::uint32_t DIFSECT = 0xFFFFFFFC;
@@ -77,4 +77,4 @@ struct NameLess {
     bool operator()(std::u16string_view a, std::u16string_view b) const { return CompareNames(a, b) < 0; }
 };
 
-}  // namespace detail::cfb
+}  // namespace tavik::platform::cfb

@@ -8,7 +8,7 @@
 #include "platform/OleStorage.h"
 #include "platform/compound/internal/Tree.h"
 
-namespace detail {
+namespace tavik::platform {
 
 // One open compound file: where it lives, the version its unchanged streams are read from, and the lock.
 class RootFile {
@@ -162,4 +162,4 @@ private:
 // Fills a STATSTG for a node (the name copied unless STATFLAG_NONAME).
 HRESULT FillStat(const Node& node, STATSTG* stat, DWORD flags, DWORD mode, std::u16string_view name);
 
-}  // namespace detail
+}  // namespace tavik::platform

@@ -4,7 +4,7 @@
 
 #include "platform/compound/internal/Format.h"
 
-namespace detail::cfb {
+namespace tavik::platform::cfb {
 namespace {
 
 // glibc's C.UTF-8 carries the full Unicode one-to-one case table; without it we fall back to the
@@ -35,4 +35,4 @@ char16_t UpperUnit(char16_t c) {
     return FallbackUpper(c);
 }
 
-}  // namespace detail::cfb
+}  // namespace tavik::platform::cfb

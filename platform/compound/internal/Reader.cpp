@@ -5,7 +5,7 @@
 
 #include "platform/compound/internal/Tree.h"
 
-namespace detail {
+namespace tavik::platform {
 namespace {
 
 using namespace cfb;
@@ -208,4 +208,4 @@ HRESULT ReadCompoundFile(std::unique_ptr<ByteStore> store, std::shared_ptr<Backi
     return S_OK;
 }
 
-}  // namespace detail
+}  // namespace tavik::platform

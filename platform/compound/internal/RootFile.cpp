@@ -10,7 +10,7 @@
 #include "platform/compound/internal/Handles.h"
 #include "platform/internal/SystemCalls.h"
 
-namespace detail {
+namespace tavik::platform {
 namespace {
 
 using tavik::platform::Sys;
@@ -245,4 +245,4 @@ HRESULT CreateRootFile(const std::string& path, bool replace, std::shared_ptr<Ro
     return S_OK;
 }
 
-}  // namespace detail
+}  // namespace tavik::platform

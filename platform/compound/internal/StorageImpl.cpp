@@ -5,7 +5,7 @@
 #include "platform/Unicode.h"
 #include "platform/compound/internal/Handles.h"
 
-namespace detail {
+namespace tavik::platform {
 namespace {
 
 constexpr DWORD kShareMask = 0x70;
@@ -349,4 +349,4 @@ HRESULT StorageImpl::Stat(STATSTG* stat, DWORD flags) {
     return FillStat(*m_node, stat, flags, m_mode, path);
 }
 
-}  // namespace detail
+}  // namespace tavik::platform

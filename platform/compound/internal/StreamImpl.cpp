@@ -3,7 +3,7 @@
 
 #include "platform/compound/internal/Handles.h"
 
-namespace detail {
+namespace tavik::platform {
 namespace {
 
 // Streams stay inside what a version 3 file can hold.
@@ -274,4 +274,4 @@ HRESULT EnumImpl::Clone(IEnumSTATSTG** ppenum) {
     return S_OK;
 }
 
-}  // namespace detail
+}  // namespace tavik::platform

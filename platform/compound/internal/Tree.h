@@ -14,7 +14,7 @@
 #include "platform/compound/internal/ByteArena.h"
 #include "platform/compound/internal/Format.h"
 
-namespace detail {
+namespace tavik::platform {
 
 // Random-access bytes of one file version: a real file or a buffer.
 class ByteStore {
@@ -232,4 +232,4 @@ void RebindWritten(WrittenFile& written, std::unique_ptr<ByteStore> store);
 
 HRESULT ErrnoToStg(int error, HRESULT fallback);
 
-}  // namespace detail
+}  // namespace tavik::platform

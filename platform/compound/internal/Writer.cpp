@@ -10,7 +10,7 @@
 #include "platform/compound/internal/Tree.h"
 #include "platform/internal/SystemCalls.h"
 
-namespace detail {
+namespace tavik::platform {
 namespace {
 
 using namespace cfb;
@@ -408,4 +408,4 @@ void RebindWritten(WrittenFile& written, std::unique_ptr<ByteStore> store) {
     written.placements.clear();
 }
 
-}  // namespace detail
+}  // namespace tavik::platform

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-namespace detail::net {
+namespace tavik::platform::net {
 
 // An IPv4 endpoint, both fields in network order.
 struct Endpoint {
@@ -63,4 +63,4 @@ std::span<const CodeRow> ResolverTable();
 int WsaFromErrno(int err);
 int WsaFromResolver(int result, int savedErrno);
 
-}  // namespace detail::net
+}  // namespace tavik::platform::net

@@ -5,7 +5,7 @@
 
 #include <cstdint>
 
-namespace detail::net {
+namespace tavik::platform::net {
 
 // Winsock.cpp: the checks every call makes on its handle (last error set when it fails), and the
 // SO_SNDTIMEO (sending) or SO_RCVTIMEO value last set on fd in milliseconds, 0 when never set.
@@ -26,4 +26,4 @@ void TlsClose(int fd);
 // A new descriptor with this number: a channel left behind is dropped without a word.
 void TlsForget(int fd);
 
-}  // namespace detail::net
+}  // namespace tavik::platform::net

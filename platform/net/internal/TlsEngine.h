@@ -8,7 +8,7 @@
 #include <string>
 #include <string_view>
 
-namespace detail::net {
+namespace tavik::platform::net {
 
 // Schannel's SEC_E_* values (platform/WinsockTls.h names them), for files that cannot see that header.
 constexpr int kSecUnsupportedFunction = static_cast<int>(0x80090302u);
@@ -69,4 +69,4 @@ public:
     virtual bool Verified() const = 0;
 };
 
-}  // namespace detail::net
+}  // namespace tavik::platform::net

@@ -4,7 +4,7 @@
 #include <sstream>
 #include <unordered_map>
 
-namespace detail {
+namespace tavik::platform {
 
 std::vector<MimeType> ReadMimeTypes(const std::string& path) {
     std::vector<MimeType> types;
@@ -37,4 +37,4 @@ std::vector<MimeType> ReadMimeTypes(const std::string& path) {
     return types;
 }
 
-}  // namespace detail
+}  // namespace tavik::platform

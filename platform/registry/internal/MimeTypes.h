@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-namespace detail {
+namespace tavik::platform {
 
 struct MimeType {
     std::string type;       // as the list spells it, e.g. "image/gif"
@@ -15,4 +15,4 @@ struct MimeType {
 // unreadable file gives an empty list; lines that are not "type/subtype [ext...]" are skipped.
 std::vector<MimeType> ReadMimeTypes(const std::string& path);
 
-}  // namespace detail
+}  // namespace tavik::platform

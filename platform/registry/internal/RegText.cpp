@@ -9,7 +9,7 @@
 #include "platform/Unicode.h"
 #include "platform/registry/internal/StoreDatabase.h"
 
-namespace detail {
+namespace tavik::platform {
 
 namespace {
 
@@ -414,4 +414,4 @@ std::string RegTextWriter::Bytes() const {
     return out;
 }
 
-}  // namespace detail
+}  // namespace tavik::platform

@@ -9,7 +9,7 @@
 
 #include "platform/WinTypes.h"
 
-namespace detail {
+namespace tavik::platform {
 
 struct RegTextValue {
     int line = 0;
@@ -58,4 +58,4 @@ private:
 std::string AnsiToUtf16Bytes(std::string_view ansi);
 bool Utf16BytesToAnsi(std::string_view bytes, std::string* ansi);
 
-}  // namespace detail
+}  // namespace tavik::platform

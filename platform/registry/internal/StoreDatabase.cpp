@@ -13,7 +13,7 @@
 
 #include "platform/internal/SystemCalls.h"
 
-namespace detail {
+namespace tavik::platform {
 
 namespace {
 
@@ -672,4 +672,4 @@ void StoreDatabase::SetSyncEveryCommit(bool on) {
     if (m_db) Exec(on ? "PRAGMA synchronous=FULL" : "PRAGMA synchronous=NORMAL");
 }
 
-}  // namespace detail
+}  // namespace tavik::platform

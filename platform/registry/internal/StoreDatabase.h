@@ -13,7 +13,7 @@
 struct sqlite3;
 struct sqlite3_stmt;
 
-namespace detail {
+namespace tavik::platform {
 
 struct StoredValue {
     std::string name;
@@ -125,4 +125,4 @@ private:
     std::unordered_map<std::int64_t, std::int64_t> m_nextSeq;  // per key, within the write transaction
 };
 
-}  // namespace detail
+}  // namespace tavik::platform

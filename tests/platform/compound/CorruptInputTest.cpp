@@ -12,7 +12,7 @@
 namespace tavik::test {
 namespace {
 
-using namespace detail::cfb;
+using namespace tavik::platform::cfb;
 
 // A small file of our own: root { Sub { gamma(200) }, beta(5000), alpha(100) }, ids in that order.
 class CompoundCorrupt : public ::testing::Test {

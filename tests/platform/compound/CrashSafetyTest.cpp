@@ -136,10 +136,10 @@ TEST(CompoundCrashSafety, EveryFailurePointLeavesOldOrNew) {
 // commit copies them out loses nothing, and the handle still holds every change.
 TEST(CompoundCrashSafety, ScratchFileFailuresLoseNothing) {
     struct Restore {
-        std::uint64_t old = detail::SpillThreshold();
-        ~Restore() { detail::SpillThreshold() = old; }
+        std::uint64_t old = tavik::platform::SpillThreshold();
+        ~Restore() { tavik::platform::SpillThreshold() = old; }
     } restore;
-    detail::SpillThreshold() = 0;
+    tavik::platform::SpillThreshold() = 0;
     TempDir dir;
     std::string file = dir.file("f.ole");
     auto makeOld = [&] {

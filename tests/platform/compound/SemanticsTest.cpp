@@ -20,8 +20,8 @@
 namespace tavik::test {
 namespace {
 
-using detail::cfb::Get16;
-using detail::cfb::Get32;
+using tavik::platform::cfb::Get16;
+using tavik::platform::cfb::Get32;
 
 std::string Slurp(const std::string& path) {
     std::ifstream f(path, std::ios::binary);
@@ -53,7 +53,7 @@ int CheckDirectoryTrees(const std::string& path) {
     const auto* b = reinterpret_cast<const unsigned char*>(f.data());
     std::vector<const unsigned char*> entries;
     std::uint32_t s = Get32(b + 0x30);
-    while (s != detail::cfb::ENDOFCHAIN) {
+    while (s != tavik::platform::cfb::ENDOFCHAIN) {
         for (int i = 0; i < 4; ++i) entries.push_back(b + 512 * (s + 1) + 128 * i);
         // FAT sector ids come from the header list; the walk below suffices for the test files.
         std::uint32_t fatSector = Get32(b + 0x4C + 4 * (s / 128));
@@ -69,24 +69,24 @@ int CheckDirectoryTrees(const std::string& path) {
     std::function<int(std::uint32_t, int, bool, const std::u16string*, const std::u16string*)> check =
         [&](std::uint32_t id, int depth, bool parentRed, const std::u16string* lo,
             const std::u16string* hi) -> int {
-        if (id == detail::cfb::NOSTREAM) return 1;
+        if (id == tavik::platform::cfb::NOSTREAM) return 1;
         deepest = std::max(deepest, depth + 1);
         const unsigned char* e = entries.at(id);
         bool red = e[0x43] == 0;
         EXPECT_FALSE(red && parentRed) << "red child of a red node";
         std::u16string n = name(id);
         if (lo) {
-            EXPECT_LT(detail::cfb::CompareNames(*lo, n), 0);
+            EXPECT_LT(tavik::platform::cfb::CompareNames(*lo, n), 0);
         }
         if (hi) {
-            EXPECT_LT(detail::cfb::CompareNames(n, *hi), 0);
+            EXPECT_LT(tavik::platform::cfb::CompareNames(n, *hi), 0);
         }
         int l = check(Get32(e + 0x44), depth + 1, red, lo, &n);
         int r = check(Get32(e + 0x48), depth + 1, red, &n, hi);
         EXPECT_EQ(l, r) << "black heights differ";
-        if (e[0x42] != detail::cfb::kTypeStream) {
+        if (e[0x42] != tavik::platform::cfb::kTypeStream) {
             std::uint32_t child = Get32(e + 0x4C);
-            if (child != detail::cfb::NOSTREAM) {
+            if (child != tavik::platform::cfb::NOSTREAM) {
                 EXPECT_EQ(entries.at(child)[0x43], 1) << "sibling tree root must be black";
                 check(child, 0, false, nullptr, nullptr);
             }
@@ -438,10 +438,10 @@ TEST_F(CompoundSemantics, CopyToCopiesTheWholeTree) {
 // Large streams waiting for a commit may move to a scratch file; nothing about them may change for it.
 TEST_F(CompoundSemantics, SpilledStreamsBehaveLikeHeldOnes) {
     struct Restore {
-        std::uint64_t old = detail::SpillThreshold();
-        ~Restore() { detail::SpillThreshold() = old; }
+        std::uint64_t old = tavik::platform::SpillThreshold();
+        ~Restore() { tavik::platform::SpillThreshold() = old; }
     } restore;
-    detail::SpillThreshold() = 0;
+    tavik::platform::SpillThreshold() = 0;
     ASSERT_EQ(PutStream(m_root.get(), "a", Pattern(5000, 1)), S_OK);
     ASSERT_EQ(PutStream(m_root.get(), "small", Pattern(100, 2)), S_OK);
     EXPECT_EQ(GetStream(m_root.get(), "a"), Pattern(5000, 1));

@@ -52,7 +52,7 @@ protected:
 
 // Real sockets below produce the common codes; an errno with no row must still land on a named code.
 TEST(WinsockCodes, UnknownErrorsFallBackAndCodesHaveNames) {
-    EXPECT_EQ(detail::net::WsaFromErrno(EIO), WSASYSCALLFAILURE);
+    EXPECT_EQ(tavik::platform::net::WsaFromErrno(EIO), WSASYSCALLFAILURE);
     EXPECT_STREQ(WSAErrorName(WSAHOST_NOT_FOUND), "WSAHOST_NOT_FOUND");
     EXPECT_EQ(WSAErrorName(10059 + 10000), nullptr);
 }
@@ -181,7 +181,7 @@ TEST_F(Started, FailuresCarryWindowsCodes) {
 TEST_F(Started, UnansweredConnectTimesOut) {
     USHORT port = 0;
     SOCKET l = listener(port, 0);
-    detail::net::SetConnectLimit(300);
+    tavik::platform::net::SetConnectLimit(300);
     std::vector<SOCKET> queued;
     int result = 0;
     for (int i = 0; i < 8 && result == 0; ++i) {
@@ -190,7 +190,7 @@ TEST_F(Started, UnansweredConnectTimesOut) {
         sockaddr_in to = loopback(port);
         result = connect(c, reinterpret_cast<sockaddr*>(&to), sizeof to);
     }
-    detail::net::SetConnectLimit(21000);
+    tavik::platform::net::SetConnectLimit(21000);
     EXPECT_EQ(result, SOCKET_ERROR);
     EXPECT_EQ(WSAGetLastError(), WSAETIMEDOUT);
     // A socket that did connect is blocking again: its receive waits for the limit instead of failing
