@@ -278,7 +278,9 @@ std::string SaveAttachment(CMimeHeader& part, const std::string& dir, int index)
     const std::string title = dot == std::string::npos || dot == 0 ? name : name.substr(0, dot);
     const std::string ext = dot == std::string::npos || dot == 0 ? "" : name.substr(dot);
     for (int i = 0; i < 1000; ++i) {
-        const std::string path = dir + "/" + title + (i ? "-" + std::to_string(i) : "") + ext;
+        std::string path = dir + "/" + title;
+        if (i) path += '-' + std::to_string(i);
+        path += ext;
         CFile file;
         CFileException error;
         if (!file.Open(path.c_str(),

@@ -97,8 +97,10 @@ bool CMimeDecoder::ScanMessage() {
     const std::string_view message(m_strMessage.str());
     const std::size_t start = bodyStart(message);
     if (start == std::string_view::npos) return false;
+    m_pExtensions = std::make_shared<std::map<std::string, CString>>();
     CMimeHeader top;
     top.SetFileManager(m_pFileManager);
+    top.m_pExtensions = m_pExtensions;
     top.InitializeHeader(message.substr(0, start - 4));
     if (top.m_strContentType.IsEmpty()) return false;
     if (top.HasBoundary()) {
@@ -166,6 +168,7 @@ void CMimeDecoder::SplitBlock(std::string_view content, const CString& boundary,
         ++m_nParts;
         Piece piece;
         piece.part.SetFileManager(m_pFileManager);
+        piece.part.m_pExtensions = m_pExtensions;
         const std::string_view header = content.substr(headerStart, blank - headerStart);
         piece.content = content.substr(start, end - start);
         if (wholeParts) {

@@ -13,6 +13,9 @@
 #pragma once
 
 #include <list>
+#include <map>
+#include <memory>
+#include <string>
 #include <string_view>
 
 #include "messages/CMimeHeader.h"
@@ -73,4 +76,5 @@ private:
 
     DWORD m_dwLimits = LimitNone;
     int m_nParts = 0;
+    std::shared_ptr<std::map<std::string, CString>> m_pExtensions;  // handed to the parts of a scan
 };

@@ -144,6 +144,16 @@ void CMimeHeader::ParseContent(XString& line) {
 
 // Read without creating the key: a message must not be able to add keys to the registry.
 CString CMimeHeader::GetSubType() {
+    if (m_pExtensions) {
+        auto known = m_pExtensions->find(m_strContentType.str());
+        if (known != m_pExtensions->end()) return known->second;
+    }
+    const CString ext = LookUpSubType();
+    if (m_pExtensions) m_pExtensions->emplace(m_strContentType.str(), ext);
+    return ext;
+}
+
+CString CMimeHeader::LookUpSubType() {
     const CString path = CString("MIME\\Database\\Content Type\\") + m_strContentType;
     HKEY key = nullptr;
     if (RegOpenKeyEx(HKEY_CLASSES_ROOT, path, 0, KEY_READ, &key) != ERROR_SUCCESS) return CString();
@@ -248,7 +258,9 @@ CString CMimeHeader::OpenOwnFile(CFile& file, const std::string& dir, const std:
                                  const std::string& ext) {
     const UINT create = CFile::modeCreate | CFile::modeWrite | CFile::typeBinary | CFile::osOwnerOnly;
     for (int i = 0; i < kNameVariants; ++i) {
-        const CString candidate((dir + title + (i ? "-" + std::to_string(i) : std::string()) + ext));
+        std::string name = dir + title;
+        if (i) name += '-' + std::to_string(i);
+        const CString candidate(name + ext);
         const bool own = !m_strOwnFile.IsEmpty() && candidate == m_strOwnFile;
         CFileException error;
         if (file.Open(candidate, own ? create : create | CFile::osCreateNew, &error)) return candidate;

@@ -8,6 +8,8 @@
 // its title followed by the content type's extension becomes the name.
 #pragma once
 
+#include <map>
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -81,6 +83,7 @@ private:
     void InitializeHeader(std::string_view headerText);
     CString OpenOwnFile(CFile& file, const std::string& dir, const std::string& title,
                         const std::string& ext);
+    CString LookUpSubType();
 
     CString m_strContentType;
     CString m_strCharset;
@@ -94,4 +97,6 @@ private:
     CByteArray m_DecodedContent;
     // The last file this part created in the temporary directory: the only one it may write over.
     CString m_strOwnFile;
+    // Extensions already looked up, shared by the parts of one scan: the registry is asked once a type.
+    std::shared_ptr<std::map<std::string, CString>> m_pExtensions;
 };

@@ -1,11 +1,10 @@
 #include "messages/internal/PartSubstitution.h"
 
 #include <algorithm>
+#include <cstring>
 
 namespace tavik::lib {
 namespace {
-
-constexpr std::uint64_t kBase = 0x100000001B3ull;
 
 std::uint64_t mix(std::uint64_t x) {
     x ^= x >> 31;
@@ -15,29 +14,24 @@ std::uint64_t mix(std::uint64_t x) {
     return x ^ (x >> 33);
 }
 
-std::uint64_t power(std::size_t n) {
-    std::uint64_t p = 1;
-    for (std::size_t i = 0; i < n; ++i) p *= kBase;
-    return p;
-}
-
-const std::uint64_t kTop = power(GramFilter::kGram - 1);
-
-std::uint64_t hashOf(std::string_view text) {
-    std::uint64_t h = 0;
-    for (char c : text) h = h * kBase + static_cast<unsigned char>(c);
-    return h;
+// The 16 bytes at p, hashed; the same bytes anywhere give the same hash.
+std::uint64_t gramHash(const char* p) {
+    static_assert(GramFilter::kGram == 16);
+    std::uint64_t a, b;
+    std::memcpy(&a, p, 8);
+    std::memcpy(&b, p + 8, 8);
+    return mix(a * 0x9E3779B97F4A7C15ull ^ (b + 0xD6E8FEB86659FD93ull) * 0xC2B2AE3D27D4EB4Full);
 }
 
 }  // namespace
 
 void GramFilter::Set(std::uint64_t hash) {
-    const std::uint64_t a = mix(hash) & m_mask;
+    const std::uint64_t a = hash & m_mask;
     m_bits[a >> 6] |= std::uint64_t(1) << (a & 63);
 }
 
 bool GramFilter::Test(std::uint64_t hash) const {
-    const std::uint64_t a = mix(hash) & m_mask;
+    const std::uint64_t a = hash & m_mask;
     return m_bits[a >> 6] >> (a & 63) & 1;
 }
 
@@ -61,20 +55,17 @@ bool GramFilter::MayContain(std::string_view text, std::string_view pattern, std
         work += bits / 64;
     }
     for (; m_next + kGram <= text.size(); m_next += kStep) {
-        Set(hashOf(text.substr(m_next, kGram)));
+        Set(gramHash(text.data() + m_next));
         ++work;
     }
     // Which starting offsets (modulo kStep) are still possible.
-    unsigned possible = (1u << kStep) - 1;
-    std::uint64_t h = hashOf(pattern.substr(0, kGram - 1));
-    for (std::size_t end = kGram - 1; end < pattern.size(); ++end) {
-        h = h * kBase + static_cast<unsigned char>(pattern[end]);
-        const std::size_t offset = (end + 1 - kGram) % kStep;
-        if ((possible >> offset & 1) && !Test(h)) {
-            possible &= ~(1u << offset);
+    std::uint64_t possible = (std::uint64_t(1) << kStep) - 1;
+    for (std::size_t start = 0; start + kGram <= pattern.size(); ++start) {
+        const std::size_t offset = start % kStep;
+        if ((possible >> offset & 1) && !Test(gramHash(pattern.data() + start))) {
+            possible &= ~(std::uint64_t(1) << offset);
             if (possible == 0) return false;
         }
-        h -= kTop * static_cast<unsigned char>(pattern[end + 1 - kGram]);
     }
     return true;
 }
@@ -108,7 +99,8 @@ std::size_t PartSubstitution::FindFirst(std::string_view key) {
         std::size_t at = FindText(window, head);
         if (at == npos || from + at >= done.size()) at = npos;
         if (at != npos && head.size() < key.size()) {
-            window.append(rest.substr(head.size() - 1, key.size() - head.size()));
+            if (rest.size() > head.size() - 1)
+                window.append(rest.substr(head.size() - 1, key.size() - head.size()));
             if (std::string_view(window).substr(at, key.size()) != key) {
                 at = FindText(window, key, at + 1);
                 if (at != npos && from + at >= done.size()) at = npos;

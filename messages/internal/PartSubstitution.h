@@ -11,14 +11,14 @@
 
 namespace tavik::lib {
 
-// The 16-byte substrings of a text that start at every 8th position, with false positives but no false
-// negatives, filled in as the text grows. A pattern of at least 23 bytes that occurred wholly inside the
+// The 16-byte substrings of a text that start at every 32nd position, with false positives but no false
+// negatives, filled in as the text grows. A pattern of at least 47 bytes that occurred wholly inside the
 // text would have, for the offset its start has from the sampled positions, every one of its substrings
 // at that offset in the set; so when each offset has one missing, the pattern cannot occur.
 class GramFilter {
 public:
     static constexpr std::size_t kGram = 16;
-    static constexpr std::size_t kStep = 8;
+    static constexpr std::size_t kStep = 32;
     static constexpr std::size_t kShortest = kGram + kStep - 1;
 
     // Sized for a text of about expectedLength bytes (a longer one only gives more false positives); no

@@ -184,10 +184,9 @@ bool RemoveEachInTurn(std::string& text, const std::vector<std::string_view>& pa
         passes.push_back(it->second);
     }
     if (passes.empty()) return true;
-    if (patternText > kMaxPatternText || text.size() >= 0xFFFFFFFFu) {
-        budget.Spend(~std::uint64_t(0));
-        return false;
-    }
+    // Past the bounds the removals are not made, and the budget is marked spent.
+    auto giveUp = [&budget] { return budget.Spend(~std::uint64_t(0)); };
+    if (patternText > kMaxPatternText || text.size() >= 0xFFFFFFFFu) return giveUp();
     std::vector<std::size_t> lastPass(distinct.size(), 0);
     for (std::size_t k = 0; k < passes.size(); ++k) lastPass[passes[k]] = k;
     // The longest pattern still to be used from each pass on: how far a join can make new occurrences.
@@ -197,6 +196,9 @@ bool RemoveEachInTurn(std::string& text, const std::vector<std::string_view>& pa
 
     const Trie trie(distinct);
     std::vector<std::vector<Occurrence>> found(distinct.size());
+    // Occurrences are kept until their pass: at most about four bytes of them per byte of text.
+    const std::uint64_t keepAtMost = text.size() / 2 + (1u << 20);
+    std::uint64_t kept = 0;
     std::uint32_t state = 0;
     std::uint64_t matches = 0;
     for (std::size_t i = 0; i < text.size(); ++i) {
@@ -208,11 +210,13 @@ bool RemoveEachInTurn(std::string& text, const std::vector<std::string_view>& pa
         });
         // Patterns inside one another can match many times at each position: count them as they come.
         if (matches >= 4096) {
-            if (!budget.Spend(matches)) return false;
+            kept += matches;
+            if (!budget.Spend(matches) || kept > keepAtMost) return giveUp();
             matches = 0;
         }
     }
-    if (!budget.Spend(matches)) return false;
+    kept += matches;
+    if (!budget.Spend(matches) || kept > keepAtMost) return giveUp();
 
     const std::int64_t end = static_cast<std::int64_t>(text.size());
     DeadSet dead;
@@ -261,15 +265,15 @@ bool RemoveEachInTurn(std::string& text, const std::vector<std::string_view>& pa
             }
             for (std::uint32_t p : where) window += text[p];
             if (!budget.Spend(window.size())) break;
-            std::uint32_t state = 0;
-            std::uint64_t matches = 0;
+            std::uint32_t node = 0;
+            std::uint64_t hits = 0;
             for (std::size_t i = 0; i < window.size(); ++i) {
-                state = trie.Step(state, static_cast<unsigned char>(window[i]));
+                node = trie.Step(node, static_cast<unsigned char>(window[i]));
                 if (i < leftCount) continue;
-                trie.Matches(state, [&](int hit) {
+                trie.Matches(node, [&](int hit) {
                     const std::size_t first = i + 1 - distinct[hit].size();
                     if (first >= leftCount || lastPass[hit] < k) return;
-                    ++matches;
+                    ++hits;
                     const Occurrence occ{where[first], where[i]};
                     if (hit == id) {
                         joined.push(occ);
@@ -278,7 +282,11 @@ bool RemoveEachInTurn(std::string& text, const std::vector<std::string_view>& pa
                     }
                 });
             }
-            if (!budget.Spend(matches)) break;
+            kept += hits;
+            if (!budget.Spend(hits) || kept > keepAtMost) {
+                giveUp();
+                break;
+            }
         }
         if (budget.Exhausted()) break;
     }

@@ -192,16 +192,6 @@ TEST_F(MimeDecoder, ZeroBytesEndTextsAsCStrings) {
               std::string("ab\0", 3));
 }
 
-TEST_F(MimeDecoder, ComparisonsAllAskWhetherTheHeadersAreEqual) {
-    CMimeHeader a, b, c;
-    XString h1("Content-Type: text/plain"), h2("Content-Type: text/html"), x("x"), y("y");
-    a.Initialize(h1, x);
-    b.Initialize(h1, y);
-    c.Initialize(h2, x);
-    EXPECT_TRUE(a == b && a != b && a < b && a > b);
-    EXPECT_FALSE(a == c || a != c || a < c || a > c);
-}
-
 TEST_F(MimeDecoder, NoTemporaryDirectoryShowsTheMessageAndKeepsTheBox) {
     setenv("TMPDIR", (Tmp() + "missing").c_str(), 1);
     CMimeDecoder decoder;
@@ -212,19 +202,6 @@ TEST_F(MimeDecoder, NoTemporaryDirectoryShowsTheMessageAndKeepsTheBox) {
     EXPECT_EQ(Boxes(), std::vector<std::string>{"unable to create temporary file"});
     // The name is the empty temporary name with the content type's extension.
     EXPECT_EQ(decoder.m_strMessage.str(), Box("", ".pdf", "application/pdf"));
-}
-
-TEST_F(MimeDecoder, CopiesCarryTheTextListsAndFileManager) {
-    CMimeDecoder decoder;
-    Scan(decoder, kAlternative);
-    CMimeDecoder copy(decoder), assigned;
-    assigned = decoder;
-    for (const CMimeDecoder* d : {&copy, &assigned}) {
-        EXPECT_EQ(d->m_strMessage, decoder.m_strMessage);
-        EXPECT_EQ(d->m_listParts, decoder.m_listParts);
-        EXPECT_EQ(d->m_listRemove, decoder.m_listRemove);
-        EXPECT_EQ(d->m_pFileManager, &m_files);
-    }
 }
 
 }  // namespace

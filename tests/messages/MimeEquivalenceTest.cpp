@@ -124,15 +124,61 @@ TEST(MimeSteps, FirstOccurrenceReplacementMatchesTheLiteralReplace) {
 TEST(MimeSteps, LongContentsFoundInsideTheReplacedTextAsTheLiteralReplaceFindsThem) {
     MimeGenerator gen(5);
     for (int i = Cases(1000); i > 0; --i) {
-        const std::string piece = gen.Noise(30, "abc") + "0123456789abcdef";
+        // Long enough for the gram filter to be asked, at any alignment with its samples.
+        const std::string piece = gen.Noise(30, "abc") + "0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKL";
         std::string text = gen.Noise(10, "ab") + piece + gen.Noise(40, "abc") + piece + gen.Noise(10, "ab");
         XString literal = Text(text);
         tavik::lib::WorkBudget budget(1u << 30);
         tavik::lib::PartSubstitution fast(text, text.size(), budget);
         const std::size_t second = text.rfind(piece);
         std::vector<std::pair<std::string, std::string>> steps = {
-            {text.substr(0, 5), piece + "x"}, {piece, "y"}, {text.substr(second), "z"}, {piece + "x", ""}};
+            {text.substr(0, 5), gen.Noise(40, "ab") + piece + "x"},
+            {piece, "y"},
+            {text.substr(second), "z"},
+            {piece + "x", ""}};
         for (const auto& [content, with] : steps) {
+            literal = literal.Replace(Text(with), Text(content));
+            ASSERT_TRUE(fast.Replace(content, with));
+        }
+        ASSERT_EQ(fast.Take(), literal.str());
+    }
+    // A replacement inside what was replaced before moves the text after it, and may join a long content
+    // that is then found there.
+    for (int i = Cases(300); i > 0; --i) {
+        const std::string piece = gen.Noise(30, "abc") + "0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKL";
+        const std::string text = "zz" + gen.Noise(40, "ab") + piece;
+        XString literal = Text(text);
+        detail::WorkBudget budget(1u << 30);
+        detail::PartSubstitution fast(text, text.size(), budget);
+        const std::string mark = "#" + std::string(static_cast<std::size_t>(1 + gen.Pick(40)), '#');
+        const std::size_t cut = static_cast<std::size_t>(gen.Pick(static_cast<int>(piece.size())));
+        for (const auto& [content, with] : std::vector<std::pair<std::string, std::string>>{
+                 {"zz",
+                  gen.Noise(40, "ab") + piece.substr(0, cut) + mark + piece.substr(cut) + gen.Noise(9, "ab")},
+                 {std::string(60, 'Q'), "nowhere"},
+                 {mark, gen.Pick(2) ? "" : "!"},
+                 {piece, "y"}}) {
+            literal = literal.Replace(Text(with), Text(content));
+            ASSERT_TRUE(fast.Replace(content, with));
+        }
+        ASSERT_EQ(fast.Take(), literal.str());
+    }
+    // A replacement that runs from what was replaced into the untouched text cuts the former short; a
+    // long content it brings is then found there.
+    for (int i = Cases(300); i > 0; --i) {
+        const std::string piece = gen.Noise(30, "abc") + "0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKL";
+        const std::string rest = gen.Noise(30, "ab") + "0123456789" + gen.Noise(30, "ab");
+        const std::string text = "zz" + rest;
+        XString literal = Text(text);
+        detail::WorkBudget budget(1u << 30);
+        detail::PartSubstitution fast(text, text.size(), budget);
+        const std::string mine = gen.Noise(40, "xy") + std::string(20, 'x') + "<end of mine>";
+        for (const auto& [content, with] : std::vector<std::pair<std::string, std::string>>{
+                 {"zz", mine},
+                 {std::string(60, 'Q'), "nowhere"},
+                 {mine.substr(static_cast<std::size_t>(gen.Pick(20))) + rest.substr(0, 5),
+                  piece + gen.Noise(40, "ab")},
+                 {piece, "y"}}) {
             literal = literal.Replace(Text(with), Text(content));
             ASSERT_TRUE(fast.Replace(content, with));
         }
