@@ -1,14 +1,22 @@
 // Arbitrary bytes as a cached message handed to the MIME decoder: scanned, then rendered as plain text and
 // as HTML, with attachments written to a private temporary directory and removed after each input. Short
-// inputs are also rendered by the step-by-step algorithm, which must give the same texts. A crash, a
-// sanitizer report, an exception or a file written outside the directory is a finding.
+// inputs are also rendered by the step-by-step algorithm, which must give the same texts. The same bytes
+// also drive the renderings' two text steps directly (a text, then contents to replace and texts to
+// remove), against XString's Replace and RemoveAll. A crash, a sanitizer report, an exception, a
+// difference or a file written outside the directory is a finding.
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
 #include <string>
+#include <string_view>
+#include <vector>
+
+#include <fuzzer/FuzzedDataProvider.h>
 
 #include "messages/CMimeDecoder.h"
+#include "messages/internal/PartSubstitution.h"
+#include "messages/internal/RemovalPasses.h"
 #include "platform/MessageBox.h"
 #include "platform/Registry.h"
 #include "tests/messages/MimeLiteral.h"
@@ -45,7 +53,42 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
     return 0;
 }
 
+// A text, then replacements: contents cut from the text ahead of the last one (their own places, as a
+// message's parts lie) or from anywhere in the input, each checked with its first occurrence replaced;
+// then removals of slices, each repeated until none is left.
+void textSteps(const uint8_t* data, size_t size) {
+    FuzzedDataProvider in(data, size);
+    const std::string text = in.ConsumeRandomLengthString(2048);
+    XString literal{CString(text)};
+    detail::WorkBudget budget(std::uint64_t(1) << 40);
+    detail::PartSubstitution fast(text, text.size(), budget);
+    std::size_t pos = 0;
+    for (int n = in.ConsumeIntegralInRange(0, 8); n > 0; --n) {
+        std::string content;
+        if (in.ConsumeBool() && pos <= text.size()) {
+            pos += in.ConsumeIntegralInRange<std::size_t>(0, 16);
+            content = text.substr(std::min(pos, text.size()), in.ConsumeIntegralInRange<std::size_t>(0, 300));
+            pos += content.size();
+        } else {
+            content = in.ConsumeRandomLengthString(80);
+        }
+        const std::string with = in.ConsumeBool() ? content : in.ConsumeRandomLengthString(80);
+        literal = literal.Replace(XString(CString(with)), XString(CString(content)));
+        check(fast.Replace(content, with));
+    }
+    std::string rendered = fast.Take();
+    check(rendered == literal.str());
+    std::vector<std::string> removals;
+    for (int n = in.ConsumeIntegralInRange(0, 6); n > 0; --n)
+        removals.push_back(in.ConsumeRandomLengthString(12));
+    std::vector<std::string_view> views(removals.begin(), removals.end());
+    for (const std::string& r : removals) literal = literal.RemoveAll(XString(CString(r)));
+    check(detail::RemoveEachInTurn(rendered, views, budget));
+    check(rendered == literal.str());
+}
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    textSteps(data, size);
     const XString message{CString(std::string(reinterpret_cast<const char*>(data), size))};
     CFileManager files;
     for (int html = 0; html < 2; ++html) {
