@@ -60,8 +60,8 @@ void textSteps(const uint8_t* data, size_t size) {
     FuzzedDataProvider in(data, size);
     const std::string text = in.ConsumeRandomLengthString(2048);
     XString literal{CString(text)};
-    detail::WorkBudget budget(std::uint64_t(1) << 40);
-    detail::PartSubstitution fast(text, text.size(), budget);
+    tavik::lib::WorkBudget budget(std::uint64_t(1) << 40);
+    tavik::lib::PartSubstitution fast(text, text.size(), budget);
     std::size_t pos = 0;
     for (int n = in.ConsumeIntegralInRange(0, 8); n > 0; --n) {
         std::string content;
@@ -83,7 +83,7 @@ void textSteps(const uint8_t* data, size_t size) {
         removals.push_back(in.ConsumeRandomLengthString(12));
     std::vector<std::string_view> views(removals.begin(), removals.end());
     for (const std::string& r : removals) literal = literal.RemoveAll(XString(CString(r)));
-    check(detail::RemoveEachInTurn(rendered, views, budget));
+    check(tavik::lib::RemoveEachInTurn(rendered, views, budget));
     check(rendered == literal.str());
 }
 

@@ -148,8 +148,8 @@ TEST(MimeSteps, LongContentsFoundInsideTheReplacedTextAsTheLiteralReplaceFindsTh
         const std::string piece = gen.Noise(30, "abc") + "0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKL";
         const std::string text = "zz" + gen.Noise(40, "ab") + piece;
         XString literal = Text(text);
-        detail::WorkBudget budget(1u << 30);
-        detail::PartSubstitution fast(text, text.size(), budget);
+        tavik::lib::WorkBudget budget(1u << 30);
+        tavik::lib::PartSubstitution fast(text, text.size(), budget);
         const std::string mark = "#" + std::string(static_cast<std::size_t>(1 + gen.Pick(40)), '#');
         const std::size_t cut = static_cast<std::size_t>(gen.Pick(static_cast<int>(piece.size())));
         for (const auto& [content, with] : std::vector<std::pair<std::string, std::string>>{
@@ -170,8 +170,8 @@ TEST(MimeSteps, LongContentsFoundInsideTheReplacedTextAsTheLiteralReplaceFindsTh
         const std::string rest = gen.Noise(30, "ab") + "0123456789" + gen.Noise(30, "ab");
         const std::string text = "zz" + rest;
         XString literal = Text(text);
-        detail::WorkBudget budget(1u << 30);
-        detail::PartSubstitution fast(text, text.size(), budget);
+        tavik::lib::WorkBudget budget(1u << 30);
+        tavik::lib::PartSubstitution fast(text, text.size(), budget);
         const std::string mine = gen.Noise(40, "xy") + std::string(20, 'x') + "<end of mine>";
         for (const auto& [content, with] : std::vector<std::pair<std::string, std::string>>{
                  {"zz", mine},
