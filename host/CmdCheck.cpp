@@ -15,7 +15,8 @@ int Run(const Invocation& call) {
     CheckOptions o;
     o.server = args.Get("server");
     o.user = args.Get("user");
-    o.port = static_cast<int>(args.GetNumber("port", 1, 65535, o.port));
+    o.port = static_cast<int>(args.GetNumber("port", 1, 65535, 0));
+    o.security = ReadSecurityOptions(args);
     o.timeLimit = static_cast<int>(args.GetNumber("timeout", 1, 3600, o.timeLimit));
     if (args.Has("all")) o.scanLimit = 0;
     o.pipeline = !args.Has("no-pipelining");
@@ -34,27 +35,34 @@ int Run(const Invocation& call) {
 
 }  // namespace
 
+std::vector<Option> CheckOptionList() {
+    std::vector<Option> options = {
+        Option::Value("server", "HOST", "the POP3 server", true),
+        Option::Value("port", "PORT", "its port (default 110, or 995 with TLS from the first byte)"),
+        Option::Value("user", "USER", "the mailbox's user name", true),
+        Option::Value("password-file", "FILE", "read the password from the first line of FILE"),
+        Option::Value("timeout", "SECONDS", "longest wait for the server, 1 to 3600 (default 30)"),
+        Option::Flag("all", "scan every message (without it the scan stops after 999)"),
+        Option::Flag(
+            "no-pipelining",
+            "send each command only after the previous reply, even to a server that offers pipelining"),
+    };
+    for (Option& o : SecurityOptionList(MailProtocol::kPop3)) options.push_back(std::move(o));
+    options.push_back(Option::Refused(
+        "password",
+        "a password on the command line is visible to every user; use --password-file or TAVIK_PASSWORD"));
+    return options;
+}
+
 const Command& CheckCommand() {
     static const Command command{
         .name = "check",
         .summary = "check a POP3 mailbox: log in and list every message's header",
-        .options =
-            {
-                Option::Value("server", "HOST", "the POP3 server", true),
-                Option::Value("port", "PORT", "its port (default 110)"),
-                Option::Value("user", "USER", "the mailbox's user name", true),
-                Option::Value("password-file", "FILE", "read the password from the first line of FILE"),
-                Option::Value("timeout", "SECONDS", "longest wait for the server, 1 to 3600 (default 30)"),
-                Option::Flag("all", "scan every message (without it the scan stops after 999)"),
-                Option::Flag("no-pipelining",
-                             "send each command only after the previous reply, even to a server that "
-                             "offers pipelining"),
-                Option::Refused("password",
-                                "a password on the command line is visible to every user; use "
-                                "--password-file or TAVIK_PASSWORD"),
-            },
+        .options = CheckOptionList(),
         .details =
-            "The password is the first line of FILE, or else the environment variable TAVIK_PASSWORD.\n"
+            "The password is the first line of FILE, or else the environment variable TAVIK_PASSWORD.\n" +
+            SecurityDetails(MailProtocol::kPop3) +
+            "\nThe status lines show the TLS version and cipher agreed.\n"
             "Ctrl-C stops the check within a second, whatever the server is doing (exit code 130).",
         .run = Run,
     };

@@ -61,6 +61,12 @@ CheckedMessage Row(const CMessageList& r) {
             Fit(r.GetSenderName(), 30), Fit(r.GetSubject(), 34), Fit(r.GetMessageDate(), 31)};
 }
 
+void NotifyPlainText(HWND window, const std::string& server) {
+    const std::string line =
+        "Warning: the password goes to " + server + " without encryption (--tls none)\r\n";
+    SendMessage(window, CPopMail::WM_POP_STATUS, 0, reinterpret_cast<LPARAM>(line.c_str()));
+}
+
 std::string WithoutLineEnd(std::string text) {
     while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.pop_back();
     return text;
@@ -69,7 +75,13 @@ std::string WithoutLineEnd(std::string text) {
 void Session(const CheckOptions& o, HANDLE terminate, HWND window, CheckOutcome& result) {
     try {
         CPopMail pop(terminate, window, o.timeLimit);
-        if (!pop.Connect(o.server.c_str(), o.port)) {
+        const CBlockingSocket::SECURITY security =
+            ChooseSecurity(o.security, MailProtocol::kPop3, o.server, o.port);
+        pop.SetSecurity(security, !o.security.insecure, o.security.trustFile.c_str());
+        const int port = o.port != 0 ? o.port : DefaultPort(MailProtocol::kPop3, security);
+        if (security == CBlockingSocket::SECURITY_NONE && !IsLoopback(o.server))
+            NotifyPlainText(window, o.server);
+        if (!pop.Connect(o.server.c_str(), port)) {
             result.error =
                 "the server's greeting was not positive: " + WithoutLineEnd(pop.GetGreeting().GetString());
             return;
@@ -177,6 +189,8 @@ int RunMailCheck(const CheckOptions& options, FILE* out, FILE* err) {
     if (!result.error.empty()) {
         std::fprintf(err, "tavik: check %s: %s\n", result.stopped ? "stopped" : "failed",
                      result.error.c_str());
+        if (const std::string advice = CertificateAdvice(result.error); !advice.empty())
+            std::fprintf(err, "tavik: %s\n", advice.c_str());
         return result.stopped ? 130 : 1;
     }
     return 0;

@@ -8,16 +8,19 @@
 #include <string>
 #include <vector>
 
+#include "host/ConnectionSecurity.h"
+
 namespace tavik::host {
 
 struct CheckOptions {
     std::string server;
-    int port = 110;
+    int port = 0;  // 0: the port of the security chosen (110, or 995 for TLS from the first byte)
     std::string user;
     std::string password;
     int timeLimit = 30;    // seconds for each socket wait
     int scanLimit = 999;   // most messages scanned, as an account's "Maximum Scan Limit"; 0: every one
     bool pipeline = true;  // pipeline the scan when the server offers it
+    SecurityOptions security;
 };
 
 // What the table shows of one message: a few fields cut to their column, not the whole header, so that
@@ -35,7 +38,8 @@ struct CheckOutcome {
     bool stopped = false;  // Ctrl-C
 };
 
-// The check itself, with status lines (LF line ends) printed to out as they come.
+// The check itself, with status lines (LF line ends) printed to out as they come. A password about to
+// cross the network in plain text (--tls none to another machine) is announced there first.
 CheckOutcome CheckMailbox(const CheckOptions& options, FILE* out);
 
 // The whole `tavik check`: CheckMailbox, then a table (number, id, size, sender, subject, date) to out,

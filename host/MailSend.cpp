@@ -27,9 +27,12 @@ public:
     ShownSMTP(int timeLimit, FILE* out) : CSMTP(nullptr, timeLimit), m_out(out) {}
 
     int Send(const char* data, int size, int seconds) override {
+        ShowSecurity();
         const int sent = CSMTP::Send(data, size, seconds);
         const std::string text(data, static_cast<size_t>(sent));
-        if (m_inData && text == "\r\n.\r\n") {
+        if (!GetCredentialsMask().IsEmpty()) {
+            Show("> ", std::string(GetCredentialsMask()) + "\n");
+        } else if (m_inData && text == "\r\n.\r\n") {
             std::fprintf(m_out, "> (the message, %llu bytes)\n> .\n", m_dataBytes);
             m_inData = false;
         } else if (m_inData) {
@@ -42,6 +45,7 @@ public:
     }
 
     int Receive(char* buffer, int size, int seconds) override {
+        ShowSecurity();
         const int got = CSMTP::Receive(buffer, size, seconds);
         if (got > 0) {
             const std::string text(buffer, static_cast<size_t>(got));
@@ -68,6 +72,13 @@ public:
     }
 
 private:
+    // Once, when the connection has become encrypted: before the first command or reply that is.
+    void ShowSecurity() {
+        if (m_securityShown || GetSecurity() == SECURITY_NONE || !IsSecure()) return;
+        m_securityShown = true;
+        Show("* ", "Secure connection: " + std::string(GetSecurityDescription()) + "\n");
+    }
+
     // Line by line with the prefix at each line start; a reply that arrives in pieces continues its line.
     void Show(const char* prefix, const std::string& text) {
         for (char c : text) {
@@ -83,6 +94,7 @@ private:
     bool m_lineStart = true;
     bool m_dataAsked = false;
     bool m_inData = false;
+    bool m_securityShown = false;
     unsigned long long m_dataBytes = 0;
 };
 
@@ -198,9 +210,14 @@ int RunMailSend(const SendOptions& options, FILE* out, FILE* err) {
     std::string error;
     {
         ShownSMTP smtp(options.timeLimit, out);
+        const CBlockingSocket::SECURITY security =
+            ChooseSecurity(options.security, MailProtocol::kSmtp, options.server, options.port);
+        const int port = options.port != 0 ? options.port : DefaultPort(MailProtocol::kSmtp, security);
+        smtp.SetSecurity(security, !options.security.insecure, options.security.trustFile.c_str());
+        smtp.SetLogin(options.user.c_str(), options.password.c_str());
         try {
             CString reply;
-            if (!smtp.Connect(options.server.c_str(), reply, options.port))
+            if (!smtp.Connect(options.server.c_str(), reply, port))
                 error = "the server closed the connection without a greeting";
             else if (!smtp.SendMessage(message.get(), reply))
                 error = "the server closed the connection before it took the message";
@@ -213,6 +230,8 @@ int RunMailSend(const SendOptions& options, FILE* out, FILE* err) {
     WSACleanup();
     if (!error.empty()) {
         std::fprintf(err, "tavik send: %s\n", error.c_str());
+        if (const std::string advice = CertificateAdvice(error); !advice.empty())
+            std::fprintf(err, "tavik send: %s\n", advice.c_str());
         return 1;
     }
     return 0;
