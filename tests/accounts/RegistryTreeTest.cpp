@@ -12,6 +12,7 @@
 #include <string>
 
 #include "accounts/CEnvironmentOptions.h"
+#include "accounts/CMailBoxProfile.h"
 #include "accounts/CRegistryOptions.h"
 #include "contacts/CPhoneEntry.h"
 #include "library/Resource.h"
@@ -46,6 +47,22 @@ void BuildUser(const CString& base, const char* account, const char* phone, bool
     shown.SetIndexFile(CString("/opt/tavik/") + account + "/index.html");
     shown.SetActiveAccount(1);
     shown.SaveRegistryData(SubKey(base, "Templates"));
+
+    CMailBoxProfile mailbox;
+    mailbox.SetGeneralData(account, CString("Real ") + account, CString(account) + "@example.org", "", "");
+    mailbox.SetServerData("pop.example.org", "smtp.example.org", "POP3", "SMTP", "user", "kept as given", "",
+                          "");
+    CStringArray friends, spammers;
+    friends.Add("friend@example.org");
+    spammers.Add("junk.example");
+    mailbox.SetFriendList(friends);
+    mailbox.SetSpamList(spammers);
+    mailbox.GetSpamShields().emplace_back();
+    CSpamBlockProfile& shield = mailbox.GetSpamShields().back();
+    shield.ResetValues();
+    shield.SetFilterData("Junk", "Subject", "contains", "offer", "Delete", "All Days", 0, 0, 0);
+    shield.AddProcessedID(changed ? 7 : 8);
+    mailbox.SaveRegistryData(SubKey(base, "Accounts"));
 
     CPhoneEntry number;
     number.SetPhoneNumber(phone);
