@@ -152,6 +152,16 @@ const AFX_STRING_RESOURCE kStringTable[] = {
     {3448, "No Instance Prompt"},
     {3449, "Log Filename"},
     {3450, "Tavik Password"},
+    // User profiles: value and stream names, and the settings file's accounts storage.
+    {3460, "UserName"},
+    {3461, "Password"},
+    {3462, "Data File"},
+    {3463, "Settings File"},
+    {3464, "Registry Location"},
+    {3465, "Default User"},
+    {3466, "Use Registry"},
+    {3467, "Profile ID"},
+    {3468, "Accounts"},
 };
 const size_t kStringTableSize = sizeof kStringTable / sizeof kStringTable[0];
 
