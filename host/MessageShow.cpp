@@ -225,9 +225,21 @@ std::string HtmlEscape(std::string_view text) {
 
 // The HTML rendering as a page whose attachments lie in a new directory beside it; the page may load
 // nothing but those files and runs no script.
+// Where --html and --save-attachments write, checked before anything is shown.
+void CheckTargets(const ShowOptions& o) {
+    std::error_code ec;
+    if (!o.saveDir.empty() && !fs::is_directory(o.saveDir, ec))
+        throw Failure{o.saveDir + " is not a directory"};
+    if (o.htmlFile.empty()) return;
+    const fs::path dir = o.htmlFile + "_files";
+    if (fs::exists(dir, ec) && !fs::is_empty(dir, ec))
+        throw Failure{dir.string() + " exists and is not empty: remove it or name another file"};
+}
+
 void WriteHtml(const std::string& message, const std::string& subject, const std::string& file, FILE* out) {
     const fs::path dir = file + "_files";
     std::error_code ec;
+    // Again here: the clean-up below removes what the page does not link to.
     if (fs::exists(dir, ec) && !fs::is_empty(dir, ec))
         throw Failure{dir.string() + " exists and is not empty: remove it or name another file"};
     fs::create_directories(dir, ec);
@@ -302,6 +314,7 @@ std::string SaveAttachment(CMimeHeader& part, const std::string& dir, int index)
 }
 
 int Show(const ShowOptions& o, FILE* out) {
+    CheckTargets(o);
     std::string text = ReadWholeFile(o.file);
     const bool store = text.size() >= 8 && std::equal(kCompoundSignature, kCompoundSignature + 8,
                                                       reinterpret_cast<const unsigned char*>(text.data()));
@@ -368,8 +381,6 @@ int Show(const ShowOptions& o, FILE* out) {
         }
     }
     if (!o.saveDir.empty()) {
-        std::error_code ec;
-        if (!fs::is_directory(o.saveDir, ec)) throw Failure{o.saveDir + " is not a directory"};
         int index = 0;
         for (CMimeHeader* part : attachments) {
             std::fprintf(out, "saved %s\n", TerminalText(SaveAttachment(*part, o.saveDir, ++index)).c_str());

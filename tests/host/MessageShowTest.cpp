@@ -137,6 +137,8 @@ TEST_F(MessageShow, AttachmentsAreSavedAsTheirBytesUnderCleanNamesBesideExisting
     Outcome notDir = Tavik({"show", "--save-attachments", m_dir.file("m.eml"), m_dir.file("m.eml")});
     EXPECT_EQ(notDir.rc, 1);
     EXPECT_EQ(notDir.err, "tavik show: " + m_dir.file("m.eml") + " is not a directory\n");
+    // Refused before anything is shown or written.
+    EXPECT_EQ(notDir.out, "");
 }
 
 TEST_F(MessageShow, TheHtmlPageLinksToItsAttachmentsAndLoadsNothingElse) {
@@ -159,6 +161,7 @@ TEST_F(MessageShow, TheHtmlPageLinksToItsAttachmentsAndLoadsNothingElse) {
     Outcome again = Tavik({"show", "--html", page, m_dir.file("m.eml")});
     EXPECT_EQ(again.rc, 1);
     EXPECT_NE(again.err.find("exists and is not empty"), std::string::npos) << again.err;
+    EXPECT_EQ(again.out, "");
 }
 
 TEST_F(MessageShow, CachedMessagesAreListedAndShownWithoutChangingTheStore) {
