@@ -1,14 +1,18 @@
 // Decoding mail for display: a corpus of 1,000 messages of the shapes mail takes, scanned and rendered
 // both ways, against Python's email package parsing and walking (and decoding) the same corpus in the same
-// run; and three large messages at two sizes each, whose times must grow with their size only.
+// run; and three large messages at two sizes each, whose times must grow with their size only: a 20 MB
+// message of 2,000 parts, an HTML part of 2 MB with 100,000 tags and a 10 MB quoted-printable part, and
+// each at twice that. (Below about 20 MB the smaller message's work still partly fits the processor's
+// caches, and the doubling then measures the cache as well as the decoder.)
 //
-// Times are the process's CPU time (Python's too), best of three, so that other work on a shared machine
-// does not enter the comparison. The decoder's files (a placeholder for each part, each attachment of the
-// HTML rendering) go to a directory of their own on tmpfs (/dev/shm), as on systems whose /tmp is one;
-// the corpus is also decoded with them under $TMPDIR (else /tmp), whatever file system that is, for
-// comparison: creating and removing thousands of small files is then what costs most.
-// Freed memory stays with the process, as in a long-running host: otherwise each large message's buffers
-// are mapped and faulted in afresh, which on a virtual machine costs more than decoding them.
+// Times are the process's CPU time (Python's too), best of three (of five for the large messages, the two
+// sizes in turn), so that other work on a shared machine does not enter the comparison. The decoder's files
+// (a placeholder for each part, each attachment of the HTML rendering) go to a directory of their own on
+// tmpfs (/dev/shm), as on systems whose /tmp is one; the corpus is also decoded with them under $TMPDIR (else
+// /tmp), whatever file system that is, for comparison: creating and removing thousands of small files is then
+// what costs most. Freed memory stays with the process, as in a long-running host: otherwise each large
+// message's buffers are mapped and faulted in afresh, which on a virtual machine costs more than decoding
+// them.
 #include <malloc.h>
 #include <sys/resource.h>
 #include <time.h>
@@ -273,8 +277,12 @@ double bestOf(int runs, const std::function<void()>& f) {
 
 void pair(const char* name, int smallMb, const std::string& small, const std::string& large,
           CFileManager& files) {
-    const double a = bestOf(3, [&] { render(small, files); });
-    const double b = bestOf(3, [&] { render(large, files); });
+    // Turn about, so that both sizes meet the same load on a shared machine.
+    double a = 1e300, b = 1e300;
+    for (int round = 0; round < 5; ++round) {
+        a = std::min(a, bestOf(1, [&] { render(small, files); }));
+        b = std::min(b, bestOf(1, [&] { render(large, files); }));
+    }
     std::printf("bench mime_%s_%dmb %.1f ms\n", name, smallMb, a);
     std::printf("bench mime_%s_%dmb %.1f ms\n", name, 2 * smallMb, b);
     // Twice the size in at most 2.2 times the time.
@@ -320,10 +328,10 @@ int main() {
         const double grown = static_cast<double>(maxRssKb() - before) * 1024.0;
         std::printf("bench mime_parts_20mb_peak_memory ratio %.2f\n",
                     grown / static_cast<double>(big.size()));
-        pair("parts", 10, mail.ManyParts(1000, 10u << 20), big, files);
+        pair("parts", 20, big, mail.ManyParts(4000, 40u << 20), files);
     }
-    pair("html_tags", 1, mail.HtmlPart(50000), mail.HtmlPart(100000), files);
-    pair("quoted_printable", 5, mail.QuotedPrintablePart(5u << 20), mail.QuotedPrintablePart(10u << 20),
+    pair("html_tags", 2, mail.HtmlPart(100000), mail.HtmlPart(200000), files);
+    pair("quoted_printable", 10, mail.QuotedPrintablePart(10u << 20), mail.QuotedPrintablePart(20u << 20),
          files);
 
     std::vector<std::string> corpus;
