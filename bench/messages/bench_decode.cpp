@@ -5,14 +5,14 @@
 // each at twice that. (Below about 20 MB the smaller message's work still partly fits the processor's
 // caches, and the doubling then measures the cache as well as the decoder.)
 //
-// Times are the process's CPU time (Python's too), best of three (of five for the large messages, the two
-// sizes in turn), so that other work on a shared machine does not enter the comparison. The decoder's files
-// (a placeholder for each part, each attachment of the HTML rendering) go to a directory of their own on
-// tmpfs (/dev/shm), as on systems whose /tmp is one; the corpus is also decoded with them under $TMPDIR (else
-// /tmp), whatever file system that is, for comparison: creating and removing thousands of small files is then
-// what costs most. Freed memory stays with the process, as in a long-running host: otherwise each large
-// message's buffers are mapped and faulted in afresh, which on a virtual machine costs more than decoding
-// them.
+// Times are the process's CPU time (Python's too), best of three (of five or more for the large messages,
+// the two sizes in turn), so that other work on a shared machine does not enter the comparison. The decoder's
+// files (a placeholder for each part, each attachment of the HTML rendering) go to a directory of their own
+// on tmpfs (/dev/shm), as on systems whose /tmp is one; the corpus is also decoded with them under $TMPDIR
+// (else /tmp), whatever file system that is, for comparison: creating and removing thousands of small files
+// is then what costs most. Freed memory stays with the process, as in a long-running host: otherwise each
+// large message's buffers are mapped and faulted in afresh, which on a virtual machine costs more than
+// decoding them.
 #include <malloc.h>
 #include <sys/resource.h>
 #include <time.h>
@@ -277,11 +277,14 @@ double bestOf(int runs, const std::function<void()>& f) {
 
 void pair(const char* name, int smallMb, const std::string& small, const std::string& large,
           CFileManager& files) {
-    // Turn about, so that both sizes meet the same load on a shared machine.
-    double a = 1e300, b = 1e300;
-    for (int round = 0; round < 5; ++round) {
+    // Turn about, so that both sizes meet the same load on a shared machine; short ones more often, so that
+    // a millisecond's disturbance does not make the ratio.
+    double a = 1e300, b = 1e300, spent = 0;
+    for (int round = 0; round < 5 || (spent < 1000 && round < 100); ++round) {
+        const double start = cpuMs();
         a = std::min(a, bestOf(1, [&] { render(small, files); }));
         b = std::min(b, bestOf(1, [&] { render(large, files); }));
+        spent += cpuMs() - start;
     }
     std::printf("bench mime_%s_%dmb %.1f ms\n", name, smallMb, a);
     std::printf("bench mime_%s_%dmb %.1f ms\n", name, 2 * smallMb, b);
