@@ -264,6 +264,17 @@ void CUserProfile::LoadAccountsFromRegistry() {
 // from there. Then the files: the accounts' message files, named in the settings file, and the settings
 // file itself, so that a user made again under the name starts empty.
 void CUserProfile::RemoveUser(const CString& userKey) {
+    // What an earlier activation kept aside goes first: it holds storages the reads below need.
+    std::vector<CString> files;
+    m_pOwnedCurrent.reset();
+    for (CMailBoxProfile* account : m_PrevProfileList) {
+        if (!account) continue;
+        if (!account->GetDataFile().IsEmpty()) files.push_back(account->GetDataFile());
+        if (account == m_pCurrentProfile) m_pCurrentProfile = nullptr;
+        account->UnloadMessages();
+        delete account;
+    }
+    m_PrevProfileList.clear();
     if (m_ProfileList.empty()) LoadAccountsFromRegistry();
     const bool hasFile =
         !m_strSettingsFile.IsEmpty() && GetFileAttributes(m_strSettingsFile) != INVALID_FILE_ATTRIBUTES;
@@ -271,7 +282,6 @@ void CUserProfile::RemoveUser(const CString& userKey) {
         ReadStorageData(m_strSettingsFile, false, false, nullptr, false,
                         CMailBoxProfile::READ_VALIDITY_CHECK);
     const CString accountsKey = GetRegistryKey(SUBKEY_ACCOUNTS);
-    std::vector<CString> files;
     for (CMailBoxProfile* account : m_ProfileList) {
         if (!account) continue;
         if (account->IsValid()) {
@@ -285,6 +295,7 @@ void CUserProfile::RemoveUser(const CString& userKey) {
     }
     m_ProfileList.clear();
     m_LastFound = m_ProfileList.end();
+    m_pCurrentProfile = nullptr;
     removeTree(userKey);
     m_pAccountsStorage->Close();
     m_pUserStorage->Close();
@@ -359,6 +370,7 @@ void CUserProfile::EnumRegistryKey(std::list<CUserProfile>& list, CString usersK
     for (const std::string& name : subKeyNames(m_hKey)) {
         list.emplace_back();
         list.back().LoadRegistryData(usersKey + "\\" + name.c_str());
+        if (list.back().GetUserName().IsEmpty()) list.pop_back();
     }
 }
 
@@ -370,6 +382,7 @@ void CUserProfile::EnumRegistryKey(std::list<CUserProfile*>& list, CString users
     for (const std::string& name : subKeyNames(m_hKey)) {
         auto loaded = std::make_unique<CUserProfile>();
         loaded->LoadRegistryData(usersKey + "\\" + name.c_str());
+        if (loaded->GetUserName().IsEmpty()) continue;
         CUserProfile* present = nullptr;
         if (merge)
             for (CUserProfile* user : list)

@@ -102,8 +102,9 @@ public:
     static UINT GetUserKeyResID();
 
     // --- registry
-    // Reads the user's own key. A key that does not exist is created empty and the profile reset; an
-    // empty key name does nothing; missing values keep their current values.
+    // Reads the user's own key. A key that does not exist is created empty and the profile reset (a
+    // host looks a user up in the enumerated list first); an empty key name does nothing; missing values
+    // keep their current values.
     void LoadRegistryData(CString userKey);
     void LoadRegistryData(UINT userKeyId);
     // Writes "<parentKey>\<name>" and the registry keys of every valid account under the accounts key,
@@ -131,7 +132,8 @@ public:
     // Loads the accounts from the registry, then from the settings file (and their messages when asked;
     // start, record and end notices go to progress's window). The current account stays the one with
     // the same Signature or name when it is still there, else becomes the first account (none for no
-    // account). Accounts of an earlier activation are kept aside until DeactivateProfile.
+    // account). Accounts of an earlier activation are kept aside until DeactivateProfile, holding their
+    // storages: activated again without DeactivateProfile, a user's accounts come from the registry alone.
     void ActivateProfile(_tagLoadProgressData* progress, bool loadMessages);
     // Unloads and destroys every account, clears the current account, closes the files.
     void DeactivateProfile();
@@ -162,9 +164,9 @@ public:
     static std::list<CUserProfile*>::iterator FindProfile(std::list<CUserProfile*>& list, DWORD id);
     static std::list<CUserProfile*>::iterator FindProfile(std::list<CUserProfile*>& list, CString name);
     // Walk the sub-keys of the users' key held open on this object (OpenRegistryKey), loading each user
-    // from "<usersKey>\<sub-key>". The first form appends copies; the second appends new objects the
-    // caller owns, and with merge a user already in the list with the same Profile ID takes the loaded
-    // values (texts, numbers, deleted flag) and keeps its accounts.
+    // from "<usersKey>\<sub-key>" and leaving out keys without a user name. The first form appends copies;
+    // the second appends new objects the caller owns, and with merge a user already in the list with the same
+    // Profile ID takes the loaded values (texts, numbers, deleted flag) and keeps its accounts.
     void EnumRegistryKey(std::list<CUserProfile>& list, CString usersKey);
     void EnumRegistryKey(std::list<CUserProfile>& list, UINT usersKeyId);
     void EnumRegistryKey(std::list<CUserProfile*>& list, CString usersKey, bool merge);

@@ -323,6 +323,10 @@ TEST_F(UserProfileTest, EnumerationMergesByProfileId) {
     walker.Close();
     EXPECT_EQ(values.size(), 2u);
 
+    // Looking up a user that is not there leaves a nameless key, which no list shows.
+    CUserProfile nobody;
+    nobody.LoadRegistryData(CString((std::string(kUsers) + "\\Nobody").c_str()));
+    EXPECT_TRUE(nobody.GetUserName().IsEmpty());
     std::list<CUserProfile*> users = ListUsers();
     ASSERT_EQ(users.size(), 2u);
     CUserProfile* amyListed = *CUserProfile::FindProfile(users, CString("amy"));
@@ -387,11 +391,25 @@ TEST_F(UserProfileTest, DeletionRemovesKeysAndFilesOfThatUserOnly) {
     EXPECT_EQ(CUserProfile::FindProfile(users, CString("Gone")), users.end());
     Free(users);
 
+    // Removed while signed in, with an earlier activation's accounts still aside: nothing comes back
+    // when the profile goes.
+    {
+        CUserProfile active;
+        active.LoadRegistryData(CString((std::string(kUsers) + "\\Stays").c_str()));
+        active.ActivateProfile(nullptr, true);
+        active.ActivateProfile(nullptr, true);
+        active.DeleteEntry();
+        active.SaveRegistryData(kUsers, false, nullptr, true, true);
+        EXPECT_TRUE(active.GetProfileList().empty());
+    }
+    EXPECT_FALSE(KeyExists(std::string(kUsers) + "\\Stays"));
+    for (const std::string& file : staysFiles) EXPECT_FALSE(std::filesystem::exists(file)) << file;
+
     // The default user's location is the root: removing it keeps the other users.
     def.DeleteEntry();
     def.SaveRegistryData(kUsers, false, nullptr, true, true);
     EXPECT_FALSE(KeyExists(std::string(kUsers) + "\\Default"));
-    EXPECT_TRUE(KeyExists(std::string(kUsers) + "\\Stays"));
+    EXPECT_TRUE(KeyExists(kUsers));
 }
 
 }  // namespace
