@@ -1,5 +1,7 @@
 #include "host/Commands.h"
 
+#include "host/RuleMatcher.h"
+
 namespace tavik::host {
 
 const std::vector<const Command*>& AllCommands() {
@@ -16,6 +18,13 @@ const std::vector<const Command*>& AllCommands() {
     };
     // clang-format on
     return commands;
+}
+
+const std::vector<HelpTopic>& AllHelpTopics() {
+    static const std::vector<HelpTopic> topics = {
+        {"rules", "how rules pick messages: the Mail Tag, Action and Object words", RulesHelpText},
+    };
+    return topics;
 }
 
 }  // namespace tavik::host

@@ -1,6 +1,7 @@
 // The commands of `tavik`, each defined in its own host/Cmd*.cpp (host/CommandLine.h tells how to add one).
 #pragma once
 
+#include <string>
 #include <vector>
 
 #include "host/CommandLine.h"
@@ -18,5 +19,13 @@ const Command& ShowCommand();
 
 // Every command, in the order `tavik help` lists them.
 const std::vector<const Command*>& AllCommands();
+
+// Help that belongs to no one command: `tavik help TOPIC`.
+struct HelpTopic {
+    std::string name;
+    std::string summary;    // one line, for the overview
+    std::string (*text)();  // the whole text
+};
+const std::vector<HelpTopic>& AllHelpTopics();
 
 }  // namespace tavik::host

@@ -26,6 +26,9 @@ void PrintOverview(FILE* to) {
     for (const Command* c : AllCommands())
         std::fprintf(to, "  %-10s %s\n", c->name.c_str(), c->summary.c_str());
     std::fprintf(to, "  %-10s %s\n", "help", "describe a command: tavik help COMMAND");
+    std::fprintf(to, "\nmore help: tavik help TOPIC\n");
+    for (const HelpTopic& t : AllHelpTopics())
+        std::fprintf(to, "  %-10s %s\n", t.name.c_str(), t.summary.c_str());
 }
 
 // Walks from args[at] down the sub-commands; returns the command reached (its path in path) and leaves
@@ -76,6 +79,12 @@ int Help(const std::vector<std::string>& names, FILE* out, FILE* err) {
     if (names.empty()) {
         PrintOverview(out);
         return 0;
+    }
+    for (const HelpTopic& t : AllHelpTopics()) {
+        if (names.size() == 1 && names[0] == t.name) {
+            std::fputs(t.text().c_str(), out);
+            return 0;
+        }
     }
     size_t at = 0;
     std::string path, error;
