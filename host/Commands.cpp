@@ -11,6 +11,7 @@ const std::vector<const Command*>& AllCommands() {
         &CheckCommand(),
         &SendCommand(),
         &ShowCommand(),
+        &LogCommand(),
         &DemoCommand(),
         &ScanCommand(),
         &RegistryCommand(),

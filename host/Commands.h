@@ -16,6 +16,7 @@ const Command& RegistryCommand();
 const Command& StoreCommand();
 const Command& SendCommand();
 const Command& ShowCommand();
+const Command& LogCommand();
 
 // Every command, in the order `tavik help` lists them.
 const std::vector<const Command*>& AllCommands();

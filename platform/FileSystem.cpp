@@ -156,6 +156,13 @@ void TavikSetApplicationDirectory(const char* directory) {
     g_appDir = directory ? directory : "";
 }
 
+int _fileno(FILE* stream) { return stream ? ::fileno(stream) : -1; }
+
+int _isatty(int fd) {
+    struct stat st;
+    return fd >= 0 && Sys().fstat(fd, &st) == 0 && S_ISCHR(st.st_mode) ? 1 : 0;
+}
+
 std::string TavikDataDirectory() {
     if (const char* env = std::getenv("TAVIK_DATA"); env && *env) return env;
     // A relative XDG directory is to be ignored.

@@ -2,6 +2,7 @@
 // POSIX paths: the separator is '/', and there are no drives (a drive part is always empty).
 #pragma once
 
+#include <cstdio>
 #include <string>
 
 #include "platform/WinTypes.h"
@@ -46,6 +47,12 @@ UINT GetTempFileName(const char* pathName, const char* prefix, UINT unique, char
 DWORD GetModuleFileName(HMODULE module, char* fileName, DWORD size);
 // Null or empty restores the program's real directory.
 void TavikSetApplicationDirectory(const char* directory);
+
+// The C runtime's: the descriptor behind a stream (-1 for null), and whether a descriptor is a character
+// device (non-zero), which is how a program tells a terminal from a file or a pipe. As on Windows, other
+// character devices (the null device) count too.
+int _fileno(FILE* stream);
+int _isatty(int fd);
 
 // Where a Linux host keeps the files the library puts beside the program: $TAVIK_DATA, else
 // $XDG_DATA_HOME/tavikmail (when that is an absolute path), else ~/.local/share/tavikmail. Empty when

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
@@ -11,6 +12,7 @@
 #include "platform/CFile.h"
 #include "platform/CMemFile.h"
 #include "platform/CStdioFile.h"
+#include "platform/FileSystem.h"
 #include "platform/MessageBox.h"
 #include "platform/internal/SystemCalls.h"
 #include "tests/support/TempDir.h"
@@ -428,4 +430,23 @@ TEST(CStdioFileTest, MixedReadsWritesAndSeeksStayInStep) {
     EXPECT_STREQ(buf, "alpha\nBETA\ngamma\n");
     f.Close();
     EXPECT_EQ(ReadFile(path), "alpha\nBETA\ngamma\n");
+}
+
+TEST(FileSystemTest, CharacterDevicesCountAsTerminalsFilesAndPipesDoNot) {
+    FILE* file = std::tmpfile();
+    ASSERT_NE(file, nullptr);
+    EXPECT_GE(_fileno(file), 0);
+    EXPECT_EQ(_isatty(_fileno(file)), 0);
+    std::fclose(file);
+    FILE* device = std::fopen("/dev/null", "w");
+    ASSERT_NE(device, nullptr);
+    EXPECT_NE(_isatty(_fileno(device)), 0);
+    std::fclose(device);
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    EXPECT_EQ(_isatty(ends[0]), 0);
+    close(ends[0]);
+    close(ends[1]);
+    EXPECT_EQ(_fileno(nullptr), -1);
+    EXPECT_EQ(_isatty(-1), 0);
 }
