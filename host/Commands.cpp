@@ -12,6 +12,7 @@ const std::vector<const Command*>& AllCommands() {
         &SendCommand(),
         &ShowCommand(),
         &LogCommand(),
+        &InstallTimerCommand(),
         &DemoCommand(),
         &ScanCommand(),
         &RegistryCommand(),

@@ -17,6 +17,7 @@ const Command& StoreCommand();
 const Command& SendCommand();
 const Command& ShowCommand();
 const Command& LogCommand();
+const Command& InstallTimerCommand();
 
 // Every command, in the order `tavik help` lists them.
 const std::vector<const Command*>& AllCommands();

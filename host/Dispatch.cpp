@@ -24,11 +24,11 @@ const Command* FindTop(const std::string& name) {
 void PrintOverview(FILE* to) {
     std::fprintf(to, "usage: tavik COMMAND [ARGS...]\n\ncommands:\n");
     for (const Command* c : AllCommands())
-        std::fprintf(to, "  %-10s %s\n", c->name.c_str(), c->summary.c_str());
-    std::fprintf(to, "  %-10s %s\n", "help", "describe a command: tavik help COMMAND");
+        std::fprintf(to, "  %-14s %s\n", c->name.c_str(), c->summary.c_str());
+    std::fprintf(to, "  %-14s %s\n", "help", "describe a command: tavik help COMMAND");
     std::fprintf(to, "\nmore help: tavik help TOPIC\n");
     for (const HelpTopic& t : AllHelpTopics())
-        std::fprintf(to, "  %-10s %s\n", t.name.c_str(), t.summary.c_str());
+        std::fprintf(to, "  %-14s %s\n", t.name.c_str(), t.summary.c_str());
 }
 
 // Walks from args[at] down the sub-commands; returns the command reached (its path in path) and leaves

@@ -255,7 +255,7 @@ TEST_F(LogCommand, HelpOnRules) {
     Outcome help = Tavik({"help", "rules"});
     EXPECT_EQ(help.rc, 0);
     EXPECT_EQ(help.out, RulesHelpText());
-    EXPECT_NE(Tavik({"help"}).out.find("  rules      how rules pick messages"), std::string::npos);
+    EXPECT_NE(Tavik({"help"}).out.find("  rules          how rules pick messages"), std::string::npos);
 }
 
 }  // namespace
