@@ -119,22 +119,28 @@ struct EncodedWord {
     size_t length = 0;
 };
 
-bool ReadEncodedWord(std::string_view text, size_t at, EncodedWord& word) {
-    if (text.substr(at, 2) != "=?") return false;
-    const size_t charsetEnd = text.find('?', at + 2);
-    if (charsetEnd == std::string_view::npos || charsetEnd == at + 2 || charsetEnd - at > 80) return false;
+// blankAt remembers where the last scan for an end met a blank: a word that starts before it cannot end
+// before it either, so a value full of "=?" is read in linear time.
+bool ReadEncodedWord(std::string_view text, size_t at, EncodedWord& word, size_t& blankAt) {
+    if (text.substr(at, 2) != "=?" || at < blankAt) return false;
+    const auto stops = [](char c) { return IsBlank(c) || static_cast<unsigned char>(c) < 0x21; };
+    size_t charsetEnd = at + 2;
+    while (charsetEnd < text.size() && charsetEnd - at <= 80 && text[charsetEnd] != '?' &&
+           !stops(text[charsetEnd]))
+        ++charsetEnd;
+    if (charsetEnd >= text.size() || text[charsetEnd] != '?' || charsetEnd == at + 2) return false;
     const std::string_view charset = text.substr(at + 2, charsetEnd - at - 2);
-    for (char c : charset)
-        if (IsBlank(c) || static_cast<unsigned char>(c) < 0x21) return false;
     if (charsetEnd + 2 >= text.size() || text[charsetEnd + 2] != '?') return false;
     const char encoding = Lower(text[charsetEnd + 1]);
     if (encoding != 'b' && encoding != 'q') return false;
     const size_t start = charsetEnd + 3;
-    const size_t end = text.find("?=", start);
-    if (end == std::string_view::npos) return false;
+    size_t end = start;
+    while (end < text.size() && !stops(text[end]) && text.substr(end, 2) != "?=") ++end;
+    if (end >= text.size() || stops(text[end])) {
+        blankAt = end;
+        return false;
+    }
     const std::string_view encoded = text.substr(start, end - start);
-    for (char c : encoded)
-        if (IsBlank(c) || c == '\r' || c == '\n') return false;
     // "charset*language" (RFC 2231) names the charset before the star.
     word.charset = charset.substr(0, charset.find('*'));
     word.bytes = encoding == 'b' ? DecodeB(encoded) : DecodeQ(encoded);
@@ -248,7 +254,7 @@ std::string DecodeHeaderValue(std::string_view value) {
     std::string out;
     std::string pendingBytes;    // adjacent words of one charset, joined before conversion: a character
     std::string pendingCharset;  // may be split between two words
-    size_t plainStart = 0;
+    size_t plainStart = 0, blankAt = 0;
     bool afterWord = false;
     const auto flush = [&] {
         if (!pendingBytes.empty()) out += CharsetToUtf8(pendingBytes, pendingCharset);
@@ -256,7 +262,7 @@ std::string DecodeHeaderValue(std::string_view value) {
     };
     for (size_t i = 0; i < value.size();) {
         EncodedWord word;
-        if (value[i] == '=' && ReadEncodedWord(value, i, word)) {
+        if (value[i] == '=' && ReadEncodedWord(value, i, word, blankAt)) {
             const std::string_view between = value.substr(plainStart, i - plainStart);
             bool onlyBlanks = true;
             for (char c : between)

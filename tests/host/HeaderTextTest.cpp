@@ -47,6 +47,21 @@ TEST(HeaderText, EncodedWordsAreDecoded) {
     EXPECT_EQ(CharsetToUtf8("a\xFF", "utf-8"), "a\xEF\xBF\xBD");
 }
 
+TEST(HeaderText, HostileValuesDecodeInLinearTime) {
+    // Each of these would take minutes if every "=?" looked to the end of the value for its "?=".
+    std::string starts;
+    for (int i = 0; i < 200000; ++i) starts += "=?";
+    EXPECT_EQ(DecodeHeaderValue(starts), starts);
+    std::string open = "=?utf-8?q?";
+    for (int i = 0; i < 100000; ++i) open += "=?u?q?x";
+    EXPECT_EQ(DecodeHeaderValue(open).size(), open.size());
+    std::string words;
+    for (int i = 0; i < 100000; ++i) words += "=?utf-8?q?a?= ";
+    EXPECT_EQ(DecodeHeaderValue(words), std::string(100000, 'a') + " ");
+    EXPECT_EQ(ParseAddressList(std::string(300000, ',')).size(), 0u);
+    EXPECT_EQ(HeaderParameter("a" + std::string(100000, ';') + "name=x", "name"), "x");
+}
+
 TEST(HeaderText, EncodingRoundTripsInWordsOfAtMost75Characters) {
     EXPECT_EQ(EncodeHeaderValue("Plain subject"), "Plain subject");
     EXPECT_EQ(EncodeHeaderValue("looks =?like?= a word"), "=?UTF-8?B?bG9va3MgPT9saWtlPz0gYSB3b3Jk?=");
