@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <unordered_set>
 
 #include "platform/COleStreamFile.h"
 #include "util/CFileName.h"
@@ -24,10 +25,12 @@ struct Released {
     }
 };
 
-bool containsNoCase(const CStringArray& values, const char* text) {
-    for (int i = 0; i < values.GetSize(); ++i)
-        if (values[i].CompareNoCase(text) == 0) return true;
-    return false;
+// The key under which CompareNoCase finds two texts equal: ASCII letters folded, up to the first NUL.
+std::string noCaseKey(const char* text) {
+    std::string key(text);
+    for (char& c : key)
+        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+    return key;
 }
 
 }  // namespace
@@ -224,9 +227,12 @@ void CStorageManager::WriteStringList(UINT nameId, CStringArray& values, const c
 void CStorageManager::ReadStringList(const char* name, CStringArray& values, const char* delimiters) {
     std::string bytes;
     if (!ReadBytes(name, bytes)) return;
+    // Entries already present, ignoring case, are skipped; a set keeps a list of thousands linear.
+    std::unordered_set<std::string> present;
+    for (int i = 0; i < values.GetSize(); ++i) present.insert(noCaseKey(values[i].GetString()));
     CStringToken tokens(bytes.c_str(), delimiters);
     for (auto it = tokens.Begin(); it != tokens.End(); ++it) {
-        if (it->empty() || containsNoCase(values, it->c_str())) continue;
+        if (it->empty() || !present.insert(noCaseKey(it->c_str())).second) continue;
         values.Add(CString(it->c_str()));
     }
 }
@@ -253,10 +259,11 @@ void CStorageManager::WriteNumberList(UINT nameId, std::list<DWORD>& values) {
 void CStorageManager::ReadNumberList(const char* name, std::list<DWORD>& values) {
     std::string bytes;
     if (!ReadBytes(name, bytes)) return;
+    std::unordered_set<DWORD> present(values.begin(), values.end());
     for (size_t i = 0; i + 4 <= bytes.size(); i += 4) {
         auto b = reinterpret_cast<const unsigned char*>(bytes.data() + i);
         DWORD v = b[0] | (DWORD(b[1]) << 8) | (DWORD(b[2]) << 16) | (DWORD(b[3]) << 24);
-        if (std::find(values.begin(), values.end(), v) == values.end()) values.push_back(v);
+        if (present.insert(v).second) values.push_back(v);
     }
 }
 
@@ -329,15 +336,18 @@ void CStorageManager::ForEachStream(Visit visit) {
 }
 
 void CStorageManager::ReadStreamsIntoArray(CStringArray& values) {
+    std::unordered_set<std::string> present;
+    for (int i = 0; i < values.GetSize(); ++i) present.insert(noCaseKey(values[i].GetString()));
     ForEachStream([&](const std::string& bytes) {
         CString text(bytes.c_str());
-        if (!containsNoCase(values, text)) values.Add(text);
+        if (present.insert(noCaseKey(text.GetString())).second) values.Add(text);
     });
 }
 
 void CStorageManager::ReadStreamsIntoNumberList(std::list<DWORD>& values) {
+    std::unordered_set<DWORD> present(values.begin(), values.end());
     ForEachStream([&](const std::string& bytes) {
         DWORD v = static_cast<DWORD>(std::strtoul(bytes.substr(0, 100).c_str(), nullptr, 10));
-        if (std::find(values.begin(), values.end(), v) == values.end()) values.push_back(v);
+        if (present.insert(v).second) values.push_back(v);
     });
 }
