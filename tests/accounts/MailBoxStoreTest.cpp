@@ -550,7 +550,9 @@ TEST_F(Store, AnotherReaderSeesTheAccountAndItsMessageFile) {
         "import olefile,sys\n"
         "f=olefile.OleFileIO(sys.argv[1],raise_defects=olefile.DEFECT_INCORRECT)\n"
         "for e in sorted(f.listdir(streams=True,storages=False)):\n"
-        "    print('/'.join(e), f.get_size('/'.join(e)))\n";
+        "    n='/'.join(e)\n"
+        "    assert len(f.openstream(n).read())==f.get_size(n),n\n"
+        "    print(n, f.get_size(n))\n";
     auto [status, settings] = run(script, SettingsPath());
     ASSERT_EQ(status, 0) << settings;
     EXPECT_NE(settings.find("Accounts/Interop/Numeric Data 88\n"), std::string::npos) << settings;
