@@ -56,6 +56,25 @@ const char* VerdictWord(CheckDecision::Verdict verdict) {
     return "";
 }
 
+std::string DescribeDecision(const CheckDecision& decision) {
+    std::string line = VerdictWord(decision.verdict);
+    if (!decision.ruleName.empty()) line += " (" + decision.ruleName + ")";
+    if (!decision.withheld.empty()) return line + ": " + decision.withheld;
+    if (decision.action != kActionNothing) {
+        line += ": " + decision.action;
+        if (!decision.folder.empty()) line += " \"" + decision.folder + "\"";
+    }
+    return line;
+}
+
+std::vector<DWORD> GoneIdentifiers(const std::vector<DWORD>& known, const std::vector<DWORD>& session) {
+    const std::set<DWORD> present(session.begin(), session.end());
+    std::set<DWORD> gone;
+    for (DWORD id : known)
+        if (!present.count(id)) gone.insert(id);
+    return {gone.begin(), gone.end()};
+}
+
 CheckDecider::CheckDecider(CheckRules rules, RuleMatcher& matcher) : m_rules(rules), m_matcher(matcher) {}
 
 void CheckDecider::SetSessionIdentifiers(const std::vector<DWORD>& ids) {

@@ -65,6 +65,14 @@ struct CheckDecision {
 
 const char* VerdictWord(CheckDecision::Verdict verdict);
 
+// One line of what a decision does, as --dry-run shows it and the result table's rule column reads:
+// "junk (Global): Delete", "friend", "answer (Away): withheld ...".
+std::string DescribeDecision(const CheckDecision& decision);
+
+// The identifiers the account knew that the mailbox no longer holds, each once, ascending: the rules
+// forget them (RemoveMessageID) so that their lists do not grow without end.
+std::vector<DWORD> GoneIdentifiers(const std::vector<DWORD>& known, const std::vector<DWORD>& session);
+
 class CheckDecider {
 public:
     CheckDecider(CheckRules rules, RuleMatcher& matcher);

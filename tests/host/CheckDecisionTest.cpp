@@ -152,5 +152,21 @@ TEST_F(CheckDecisionTest, EmptyListsAndRulesDecideNothing) {
     EXPECT_EQ(Decide(blanks, Record(2, "anyone@example.org", "x")).verdict, CheckDecision::kClean);
 }
 
+TEST(CheckDecisionText, DescriptionsAndGoneIdentifiers) {
+    CheckDecision d;
+    EXPECT_EQ(DescribeDecision(d), "clean");
+    d.verdict = CheckDecision::kShield;
+    d.ruleName = "Offers";
+    d.action = kActionMove;
+    d.folder = "Junk";
+    EXPECT_EQ(DescribeDecision(d), "junk (Offers): Move To Folder \"Junk\"");
+    d.withheld = "Delete: withheld";
+    EXPECT_EQ(DescribeDecision(d), "junk (Offers): Delete: withheld");
+
+    EXPECT_EQ(GoneIdentifiers({5, 3, 9, 3, 1}, {9, 1, 1}), (std::vector<DWORD>{3, 5}));
+    EXPECT_TRUE(GoneIdentifiers({}, {1}).empty());
+    EXPECT_TRUE(GoneIdentifiers({2, 2}, {2}).empty());
+}
+
 }  // namespace
 }  // namespace tavik::host
