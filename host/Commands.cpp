@@ -17,6 +17,11 @@ const std::vector<const Command*>& AllCommands() {
         &ScanCommand(),
         &RegistryCommand(),
         &StoreCommand(),
+        &AccountCommand(),
+        &FriendsCommand(),
+        &SpammersCommand(),
+        &FoldersCommand(),
+        &ConfigCommand(),
     };
     // clang-format on
     return commands;

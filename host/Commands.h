@@ -18,6 +18,11 @@ const Command& SendCommand();
 const Command& ShowCommand();
 const Command& LogCommand();
 const Command& InstallTimerCommand();
+const Command& AccountCommand();
+const Command& FriendsCommand();
+const Command& SpammersCommand();
+const Command& FoldersCommand();
+const Command& ConfigCommand();
 
 // Every command, in the order `tavik help` lists them.
 const std::vector<const Command*>& AllCommands();

@@ -1,0 +1,81 @@
+// One signed-in user for the commands that manage what the library keeps: the user's accounts loaded
+// from the registry and the user's settings file (messages stay on disk), the global shields, the keys
+// of the option sets, and one save at the end that writes everything back through the library's
+// classes.
+//
+// Failures that would lose or mix data stop the sign-in before anything is written: a settings file
+// that is not a compound file, or one that names another user.
+#pragma once
+
+#include <functional>
+#include <list>
+#include <memory>
+#include <stdexcept>
+#include <string>
+
+#include "accounts/CGlobalProfile.h"
+#include "accounts/CMailBoxProfile.h"
+#include "messages/CStorageManager.h"
+
+namespace tavik::host {
+
+// A failure the user can act on; its text is shown as it stands.
+class SessionError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+// Where a password comes from, in this order: the file's first line, the environment variable, else the
+// terminal without echo. Throws SessionError when none can give one (no terminal, unreadable file). The
+// line end is not part of the password.
+std::string ReadPassword(const std::string& passwordFile, const char* variable, const std::string& prompt);
+
+// Account names end up as registry key names and storage names: refuses the empty name, backslashes,
+// control characters and names longer than the registry allows. Empty result: acceptable.
+std::string CheckAccountName(const std::string& name);
+
+class UserSession {
+public:
+    // The default user when userName is empty. password is asked only when the user has one.
+    UserSession(const std::string& userName, const std::function<std::string()>& password);
+    // Unloads the accounts and closes the settings file; what was not saved is dropped.
+    ~UserSession();
+    UserSession(const UserSession&) = delete;
+    UserSession& operator=(const UserSession&) = delete;
+
+    const std::string& UserName() const { return m_userName; }
+    std::list<CMailBoxProfile*>& Accounts() { return m_accounts; }
+    // The live account of that name (ignoring case), or null.
+    CMailBoxProfile* FindAccount(const std::string& name);
+    // The account or a SessionError naming what exists.
+    CMailBoxProfile& Account(const std::string& name);
+    // Takes ownership; throws SessionError for a bad or taken name.
+    CMailBoxProfile& AddAccount(std::unique_ptr<CMailBoxProfile> account);
+    // Marked deleted: the save removes its key and storage.
+    void RemoveAccount(CMailBoxProfile& account);
+
+    CGlobalProfile& GlobalShields() { return m_global; }
+    // Keys of the user's option sets.
+    std::string ConfigurationKey() const { return m_location + "\\Configuration"; }
+    std::string EnvironmentKey() const { return m_location + "\\Environment"; }
+
+    // Writes the accounts, their lists, rules and contacts and the global shields to the registry and
+    // the settings file. Throws SessionError when the settings file cannot be committed.
+    void Save();
+
+private:
+    std::string AccountsKey() const { return m_location + "\\Accounts"; }
+    std::string GlobalKey() const { return m_location + "\\GlobalShield"; }
+    void OpenSettingsFile();
+
+    std::string m_userName;
+    std::string m_location;  // the user's registry location
+    std::string m_settingsFile;
+    std::list<CMailBoxProfile*> m_accounts;
+    std::list<std::unique_ptr<CMailBoxProfile>> m_removed;
+    CGlobalProfile m_global;
+    CStorageManager m_user;
+    CStorageManager m_accountsStorage;
+};
+
+}  // namespace tavik::host
