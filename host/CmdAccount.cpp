@@ -5,6 +5,7 @@
 
 #include "host/AccountEdit.h"
 #include "host/Commands.h"
+#include "host/ContactEdit.h"
 #include "host/ManageSupport.h"
 
 namespace tavik::host {

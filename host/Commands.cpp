@@ -21,6 +21,8 @@ const std::vector<const Command*>& AllCommands() {
         &FriendsCommand(),
         &SpammersCommand(),
         &FoldersCommand(),
+        &RuleCommand(),
+        &ContactCommand(),
         &ConfigCommand(),
     };
     // clang-format on

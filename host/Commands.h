@@ -22,6 +22,8 @@ const Command& AccountCommand();
 const Command& FriendsCommand();
 const Command& SpammersCommand();
 const Command& FoldersCommand();
+const Command& RuleCommand();
+const Command& ContactCommand();
 const Command& ConfigCommand();
 
 // Every command, in the order `tavik help` lists them.
