@@ -232,9 +232,30 @@ const Command& AccountCommand() {
     return command;
 }
 
+int RunAddContacts(const Invocation& call) {
+    return Guarded(call, [&] {
+        auto session = SignIn(call);
+        CMailBoxProfile& account = session->Account(call.args.Positional(0));
+        int added = AddEntries(account, AccountList::kFriends, ContactAddresses(account));
+        session->Save();
+        std::fprintf(call.out, "added %d entr%s\n", added, added == 1 ? "y" : "ies");
+        return 0;
+    });
+}
+
 const Command& FriendsCommand() {
-    static const Command command =
-        ListCommand("friends", "friends (senders whose mail is never spam)", AccountList::kFriends);
+    static const Command command = [] {
+        Command c =
+            ListCommand("friends", "friends (senders whose mail is never spam)", AccountList::kFriends);
+        c.subcommands.push_back({.name = "add-contacts",
+                                 .summary = "trust every e-mail address of the account's address book",
+                                 .options = SignInOptions(),
+                                 .arguments = "ACCOUNT",
+                                 .minArguments = 1,
+                                 .maxArguments = 1,
+                                 .run = RunAddContacts});
+        return c;
+    }();
     return command;
 }
 

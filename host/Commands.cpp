@@ -17,6 +17,7 @@ const std::vector<const Command*>& AllCommands() {
         &ScanCommand(),
         &RegistryCommand(),
         &StoreCommand(),
+        &UserCommand(),
         &AccountCommand(),
         &FriendsCommand(),
         &SpammersCommand(),

@@ -18,6 +18,7 @@ const Command& SendCommand();
 const Command& ShowCommand();
 const Command& LogCommand();
 const Command& InstallTimerCommand();
+const Command& UserCommand();
 const Command& AccountCommand();
 const Command& FriendsCommand();
 const Command& SpammersCommand();

@@ -25,9 +25,9 @@ std::vector<Option> WithSignIn(std::vector<Option> own) {
 
 std::unique_ptr<UserSession> SignIn(const Invocation& call) {
     std::string file = call.args.Get("password-file");
-    std::string user = call.args.Get("user");
-    return std::make_unique<UserSession>(
-        user, [file, user] { return ReadPassword(file, "TAVIK_PASSWORD", "Password for " + user + ": "); });
+    return std::make_unique<UserSession>(call.args.Get("user"), [file](const std::string& user) {
+        return ReadPassword(file, "TAVIK_PASSWORD", "Password for " + user + ": ");
+    });
 }
 
 std::string Json(std::string_view text) {

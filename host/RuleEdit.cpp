@@ -1,7 +1,10 @@
 #include "host/RuleEdit.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <fstream>
+#include <memory>
+#include <optional>
 
 #include "host/ManageSupport.h"
 #include "platform/PrivateProfile.h"

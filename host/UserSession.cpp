@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <fstream>
 
+#include "messages/CStorageManager.h"
 #include "platform/Console.h"
 #include "platform/FileSystem.h"
 #include "platform/Registry.h"
@@ -12,17 +13,12 @@ namespace tavik::host {
 
 namespace {
 
-constexpr const char* kRoot = "Software\\Brannick\\Tavik Mail";
+// A user's name also names its files, and its accounts' message files ("<user>-<account>-<number>.tvd")
+// must fit a file name.
+constexpr size_t kMaxUserName = 200;
 // A compound file's element names hold at most 31 characters, and each account has a sub-storage
 // named after it.
 constexpr size_t kMaxAccountName = 31;
-
-bool KeyExists(const std::string& path) {
-    HKEY key = nullptr;
-    if (RegOpenKeyEx(HKEY_CURRENT_USER, path.c_str(), 0, KEY_READ, &key) != ERROR_SUCCESS) return false;
-    RegCloseKey(key);
-    return true;
-}
 
 std::string FirstLine(std::string text) {
     size_t end = text.find_first_of("\r\n");
@@ -65,82 +61,125 @@ std::string CheckAccountName(const std::string& name) {
     return {};
 }
 
-UserSession::UserSession(const std::string& userName, const std::function<std::string()>& password)
-    : m_userName(userName.empty() ? "Default" : userName) {
-    (void)password;
-    if (CString(m_userName.c_str()).CompareNoCase("Default") != 0)
-        throw SessionError("no user named '" + m_userName + "' (see 'tavik user list')");
-    m_userName = "Default";
-    m_location = kRoot;
-    m_settingsFile = TavikDataDirectory() + "/" + m_userName + ".tvs";
-    OpenSettingsFile();
+std::string CheckUserName(const std::string& name) {
+    if (name.empty()) return "a user needs a name";
+    if (name.size() > kMaxUserName)
+        return "user name is too long (at most " + std::to_string(kMaxUserName) + " characters)";
+    for (unsigned char c : name) {
+        if (c < 0x20 || c == 0x7F) return "user name '" + name + "' holds a control character";
+        if (c == '\\' || c == '/')
+            return "user name '" + name + "' holds '" + std::string(1, static_cast<char>(c)) +
+                   "', which no user name may hold";
+    }
+    return {};
+}
 
-    // The order of a user's activation: the registry's accounts, then their stored data joined by name.
-    if (KeyExists(AccountsKey())) {
-        CMailBoxProfile reader;
-        if (reader.OpenRegistryKey(HKEY_CURRENT_USER, AccountsKey().c_str(), nullptr) == ERROR_SUCCESS) {
-            reader.EnumRegistryKey(m_accounts, AccountsKey().c_str(), m_userName.c_str(), true);
-            reader.Close();
-        }
+UserList::UserList() {
+    CUserProfile walker;
+    if (walker.OpenRegistryKey(HKEY_CURRENT_USER, CUserProfile::GetUserKeyResID(), nullptr) ==
+        ERROR_SUCCESS) {
+        walker.EnumRegistryKey(m_users, CUserProfile::GetUserKeyResID(), false);
+        walker.Close();
     }
-    try {
-        CMailBoxProfile::EnumStorage(m_accountsStorage.GetStorage(), m_accounts, m_userName.c_str(), nullptr,
-                                     false, CMailBoxProfile::READ_FULL);
-    } catch (CStorageManagerException* e) {
-        e->Delete();
-        for (CMailBoxProfile* account : m_accounts) delete account;
-        m_accounts.clear();
-        throw SessionError("the settings file " + m_settingsFile +
-                           " is damaged: its accounts cannot be read");
+    // The first start: the default user, as the installation has always had one.
+    if (m_users.empty()) {
+        auto user = std::make_unique<CUserProfile>();
+        user->CreateSpecialDefaultUser();
+        m_users.push_back(user.release());
     }
-    for (CMailBoxProfile* account : m_accounts)
-        account->InitializeStorages(m_accountsStorage.GetStorage(), account->GetAccountName());
-    m_global.LoadRegistryData(GlobalKey().c_str());
+}
+
+UserList::~UserList() {
+    for (CUserProfile* user : m_users) delete user;
+}
+
+CUserProfile* UserList::Find(const std::string& name) {
+    auto found = CUserProfile::FindProfile(m_users, CString(name.c_str()));
+    return found == m_users.end() ? nullptr : *found;
+}
+
+CUserProfile& UserList::Get(const std::string& name) {
+    if (CUserProfile* user = Find(name)) return *user;
+    std::string known;
+    for (CUserProfile* user : m_users)
+        if (!user->IsDeleted()) known += (known.empty() ? "" : ", ") + std::string(user->GetUserName());
+    throw SessionError("no user named '" + name + "' (users: " + known + ")");
+}
+
+CUserProfile* UserList::Default() {
+    for (CUserProfile* user : m_users)
+        if (!user->IsDeleted() && user->IsDefault()) return user;
+    return nullptr;
+}
+
+UserSession::UserSession(const std::string& userName,
+                         const std::function<std::string(const std::string& user)>& password) {
+    m_user = userName.empty() ? m_users.Default() : &m_users.Get(userName);
+    if (!m_user) throw SessionError("no default user: name one with --user (see 'tavik user list')");
+    m_userName = m_user->GetUserName();
+    if (!m_user->VerifyPassword("") && !m_user->VerifyPassword(password(m_userName).c_str()))
+        throw SessionError("wrong password for the user '" + m_userName + "'");
+    m_settingsFile = m_user->GetSettingsFile();
+    CheckSettingsFile();
+    m_user->ActivateProfile(nullptr, false);
+    m_global.LoadRegistryData(m_user->GetRegistryKey(CUserProfile::SUBKEY_GLOBALSHIELD));
 }
 
 UserSession::~UserSession() {
-    for (CMailBoxProfile* account : m_accounts) {
-        account->UnloadMessages();
-        delete account;
-    }
-    for (auto& account : m_removed) account->UnloadMessages();
-    m_accounts.clear();
-    m_removed.clear();
-    m_accountsStorage.Close();
-    m_user.Close();
+    if (m_user) m_user->DeactivateProfile();
 }
 
-void UserSession::OpenSettingsFile() {
+std::string UserSession::ConfigurationKey() const {
+    return std::string(m_user->GetRegistryKey(CUserProfile::SUBKEY_CONFIGURATION));
+}
+
+std::string UserSession::EnvironmentKey() const {
+    return std::string(m_user->GetRegistryKey(CUserProfile::SUBKEY_ENVIRONMENT));
+}
+
+// A settings file that is not a compound file, or that another user's values fill, is left as it is:
+// activating over it would lose the other user's data or write over the damage.
+void UserSession::CheckSettingsFile() const {
     const char* path = m_settingsFile.c_str();
-    if (GetFileAttributes(path) != INVALID_FILE_ATTRIBUTES && StgIsStorageFile(path) != S_OK)
+    if (m_settingsFile.empty() || GetFileAttributes(path) == INVALID_FILE_ATTRIBUTES) return;
+    if (StgIsStorageFile(path) != S_OK)
         throw SessionError("the settings file " + m_settingsFile +
                            " is damaged (not a compound file); it was left as it is");
+    IStorage* root = nullptr;
+    if (FAILED(StgOpenStorage(path, nullptr, STGM_READ | STGM_SHARE_DENY_WRITE | STGM_TRANSACTED, nullptr, 0,
+                              &root)))
+        throw SessionError("cannot open the settings file " + m_settingsFile + " (damaged, or in use)");
+    CString owner;
     try {
-        m_user.OpenStorageFile(path, true);
-        if (m_user.StreamExists("UserName")) {
-            CString owner;
-            m_user.ReadString("UserName", owner);
-            if (!owner.IsEmpty() && owner.CompareNoCase(m_userName.c_str()) != 0)
-                throw SessionError("the settings file " + m_settingsFile + " belongs to the user '" +
-                                   std::string(owner) + "', not to '" + m_userName + "'");
-        }
-        m_accountsStorage.OpenSubStorage(m_user.GetStorage(), "Accounts",
-                                         STGM_READWRITE | STGM_SHARE_EXCLUSIVE, true, true);
+        CStorageManager file(root);
+        root->Release();
+        if (file.StreamExists("UserName")) file.ReadString("UserName", owner);
     } catch (CStorageManagerException* e) {
         e->Delete();
-        throw SessionError("cannot open the settings file " + m_settingsFile);
+        throw SessionError("the settings file " + m_settingsFile + " is damaged; it was left as it is");
     }
+    if (!owner.IsEmpty() && owner.CompareNoCase(m_userName.c_str()) != 0)
+        throw SessionError("the settings file " + m_settingsFile + " belongs to the user '" +
+                           std::string(owner) + "', not to '" + m_userName + "'");
+}
+
+std::list<CMailBoxProfile*> UserSession::Accounts() {
+    std::list<CMailBoxProfile*> live;
+    for (CMailBoxProfile* account : m_user->GetProfileList())
+        if (account && !account->IsDeleted()) live.push_back(account);
+    return live;
 }
 
 CMailBoxProfile* UserSession::FindAccount(const std::string& name) {
-    auto found = CMailBoxProfile::FindProfile(m_accounts, name.c_str());
-    return found == m_accounts.end() ? nullptr : *found;
+    for (CMailBoxProfile* account : Accounts())
+        if (account->GetAccountName().CompareNoCase(name.c_str()) == 0) return account;
+    return nullptr;
 }
 
 CMailBoxProfile& UserSession::Account(const std::string& name) {
     if (CMailBoxProfile* account = FindAccount(name)) return *account;
     std::string known;
-    for (CMailBoxProfile* account : m_accounts)
+    for (CMailBoxProfile* account : Accounts())
         known += (known.empty() ? "" : ", ") + std::string(account->GetAccountName());
     throw SessionError("no account named '" + name + "'" +
                        (known.empty() ? std::string(" (there are none)") : " (accounts: " + known + ")"));
@@ -152,45 +191,23 @@ CMailBoxProfile& UserSession::AddAccount(std::unique_ptr<CMailBoxProfile> accoun
     if (CMailBoxProfile* taken = FindAccount(name))
         throw SessionError("an account named '" + std::string(taken->GetAccountName()) +
                            "' exists already (names are compared ignoring case)");
-    account->SetProfileUserName(m_userName.c_str());
-    account->InitializeStorages(m_accountsStorage.GetStorage(), account->GetAccountName());
-    m_accounts.push_back(account.release());
-    return *m_accounts.back();
+    for (CMailBoxProfile* old : m_user->GetProfileList())
+        if (old && old->IsDeleted() && old->GetAccountName().CompareNoCase(name.c_str()) == 0)
+            throw SessionError("the account '" + name + "' is being removed; add it again in a new command");
+    CMailBoxProfile* added = account.release();
+    m_user->AddMailBox(added);
+    if (CStorageManager* accounts = m_user->GetAccountsStoragePtr())
+        added->InitializeStorages(accounts->GetStorage(), added->GetAccountName());
+    return *added;
 }
 
-void UserSession::RemoveAccount(CMailBoxProfile& account) {
-    account.DeleteEntry();
-    for (auto it = m_accounts.begin(); it != m_accounts.end(); ++it) {
-        if (*it != &account) continue;
-        m_removed.emplace_back(*it);
-        m_accounts.erase(it);
-        break;
-    }
-}
+void UserSession::RemoveAccount(CMailBoxProfile& account) { account.DeleteEntry(); }
 
 void UserSession::Save() {
-    const CString accountsKey = AccountsKey().c_str();
-    try {
-        for (auto& account : m_removed) {
-            account->SaveRegistryData(accountsKey);
-            account->SaveStorageData(m_accountsStorage.GetStorage(), nullptr, false);
-        }
-        for (CMailBoxProfile* account : m_accounts) {
-            if (!account->IsValid()) continue;
-            account->SaveRegistryData(accountsKey);
-            account->SaveStorageData(m_accountsStorage.GetStorage(), nullptr, false);
-        }
-        m_user.WriteString("UserName", m_userName.c_str());
-    } catch (CStorageManagerException* e) {
-        e->Delete();
-        throw SessionError("cannot write the settings file " + m_settingsFile);
-    }
-    m_global.SaveRegistryData(GlobalKey().c_str());
-    HRESULT hr = m_accountsStorage.GetStorage()->Commit(STGC_DEFAULT);
-    if (SUCCEEDED(hr)) hr = m_user.GetStorage()->Commit(STGC_DEFAULT);
-    if (FAILED(hr)) throw SessionError("cannot commit the settings file " + m_settingsFile);
-    for (auto& account : m_removed) account->UnloadMessages();
-    m_removed.clear();
+    if (!m_user->GetAccountsStoragePtr() || !m_user->GetAccountsStoragePtr()->IsOpen())
+        throw SessionError("cannot open the settings file " + m_settingsFile + "; nothing was saved");
+    m_user->SaveRegistryData(CUserProfile::GetUserKeyResID(), false, nullptr, true, false);
+    m_global.SaveRegistryData(m_user->GetRegistryKey(CUserProfile::SUBKEY_GLOBALSHIELD));
 }
 
 }  // namespace tavik::host

@@ -15,7 +15,7 @@
 
 #include "accounts/CGlobalProfile.h"
 #include "accounts/CMailBoxProfile.h"
-#include "messages/CStorageManager.h"
+#include "accounts/CUserProfile.h"
 
 namespace tavik::host {
 
@@ -34,17 +34,45 @@ std::string ReadPassword(const std::string& passwordFile, const char* variable, 
 // control characters and names longer than the registry allows. Empty result: acceptable.
 std::string CheckAccountName(const std::string& name);
 
+// A user name fit for the registry key and the files named after it: refuses the empty name,
+// backslashes, '/', control characters and names too long for its files. Empty: acceptable.
+std::string CheckUserName(const std::string& name);
+
+// The users of the installation, as the registry lists them (creating the default user on the first
+// start). Owns the profiles; none is active.
+class UserList {
+public:
+    UserList();
+    ~UserList();
+    UserList(const UserList&) = delete;
+    UserList& operator=(const UserList&) = delete;
+
+    std::list<CUserProfile*>& Users() { return m_users; }
+    // By name ignoring case; null when none.
+    CUserProfile* Find(const std::string& name);
+    // The user or a SessionError naming the users there are.
+    CUserProfile& Get(const std::string& name);
+    // The user flagged default (the first one when several are); null when none is.
+    CUserProfile* Default();
+
+private:
+    std::list<CUserProfile*> m_users;
+};
+
 class UserSession {
 public:
-    // The default user when userName is empty. password is asked only when the user has one.
-    UserSession(const std::string& userName, const std::function<std::string()>& password);
+    // The default user when userName is empty. password is asked only when the user has one; a wrong
+    // one is refused.
+    UserSession(const std::string& userName,
+                const std::function<std::string(const std::string& user)>& password);
     // Unloads the accounts and closes the settings file; what was not saved is dropped.
     ~UserSession();
     UserSession(const UserSession&) = delete;
     UserSession& operator=(const UserSession&) = delete;
 
     const std::string& UserName() const { return m_userName; }
-    std::list<CMailBoxProfile*>& Accounts() { return m_accounts; }
+    // The live accounts, in the user's order.
+    std::list<CMailBoxProfile*> Accounts();
     // The live account of that name (ignoring case), or null.
     CMailBoxProfile* FindAccount(const std::string& name);
     // The account or a SessionError naming what exists.
@@ -56,26 +84,21 @@ public:
 
     CGlobalProfile& GlobalShields() { return m_global; }
     // Keys of the user's option sets.
-    std::string ConfigurationKey() const { return m_location + "\\Configuration"; }
-    std::string EnvironmentKey() const { return m_location + "\\Environment"; }
+    std::string ConfigurationKey() const;
+    std::string EnvironmentKey() const;
 
     // Writes the accounts, their lists, rules and contacts and the global shields to the registry and
     // the settings file. Throws SessionError when the settings file cannot be committed.
     void Save();
 
 private:
-    std::string AccountsKey() const { return m_location + "\\Accounts"; }
-    std::string GlobalKey() const { return m_location + "\\GlobalShield"; }
-    void OpenSettingsFile();
+    void CheckSettingsFile() const;
 
+    UserList m_users;
+    CUserProfile* m_user = nullptr;
     std::string m_userName;
-    std::string m_location;  // the user's registry location
     std::string m_settingsFile;
-    std::list<CMailBoxProfile*> m_accounts;
-    std::list<std::unique_ptr<CMailBoxProfile>> m_removed;
     CGlobalProfile m_global;
-    CStorageManager m_user;
-    CStorageManager m_accountsStorage;
 };
 
 }  // namespace tavik::host
