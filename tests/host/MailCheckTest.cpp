@@ -8,6 +8,8 @@
 #include <string>
 #include <thread>
 
+#include <unistd.h>
+
 #include "host/DemoPop3Server.h"
 #include "host/MailCheck.h"
 #include "host/SampleMailbox.h"
@@ -47,6 +49,19 @@ int Check(const CheckOptions& o, std::string& out, std::string* err = nullptr) {
     std::string errors = ReadAll(e);
     if (err) *err = errors;
     return rc;
+}
+
+// Whether the output the check has flushed so far holds text, within timeoutMs.
+bool WaitForOutput(int fd, const std::string& text, int timeoutMs = 10000) {
+    for (int waited = 0; waited < timeoutMs; waited += 10) {
+        std::string seen;
+        char buf[4096];
+        ssize_t n;
+        for (off_t at = 0; (n = ::pread(fd, buf, sizeof buf, at)) > 0; at += n) seen.append(buf, n);
+        if (seen.find(text) != std::string::npos) return true;
+        Sleep(10);
+    }
+    return false;
 }
 
 CheckOptions Options(unsigned short port, const char* password) {
@@ -130,17 +145,30 @@ TEST(MailCheck, CtrlCEndsTheCheckWithinASecondInEveryState) {
         }
         CheckOptions o = Options(c.script ? server.Port() : swamped.Port(), "x");
         o.timeLimit = 30;
-        std::string out, err;
+        FILE* out = std::tmpfile();
+        FILE* err = std::tmpfile();
+        const int outFd = fileno(out);
         int rc = -1;
-        std::thread check([&] { rc = Check(o, out, &err); });
-        if (c.script) ASSERT_TRUE(server.WaitMark("there"));
+        std::thread check([&] { rc = RunMailCheck(o, out, err); });
+        // Ctrl-C before the check is watching for it would end the test process: wait until the
+        // check says it is connecting (its handler is in place by then), or until the server got
+        // as far as the case wants.
+        const bool ready =
+            c.script ? server.WaitMark("there") : WaitForOutput(outFd, "Connecting to 127.0.0.1");
+        if (!ready) {
+            // Ends the check so that the thread can be joined.
+            std::raise(SIGINT);
+            check.join();
+            FAIL() << "the check never got into the wait: " << ReadAll(out);
+        }
         Sleep(200);  // well into the wait
         auto raised = std::chrono::steady_clock::now();
         std::raise(SIGINT);
         check.join();
         EXPECT_LT(std::chrono::duration<double>(std::chrono::steady_clock::now() - raised).count(), 1.0);
         EXPECT_EQ(rc, 130);
-        EXPECT_EQ(err, "tavik: check stopped: Forced Termination by user\n");
+        ReadAll(out);
+        EXPECT_EQ(ReadAll(err), "tavik: check stopped: Forced Termination by user\n");
         server.Stop();
     }
 }
