@@ -12,22 +12,48 @@ unsigned char upper(unsigned char c) {
     return (c >= 'a' && c <= 'z') ? static_cast<unsigned char>(c - 32) : c;
 }
 
-// The trie while it is built: children per node in insertion order.
-struct BuildNode {
-    std::vector<std::pair<unsigned char, std::uint32_t>> children;
-    bool accepts = false;
-};
+// The trie while it is built, in flat arrays (one allocation each, however many entries): each node's
+// children are a chain of siblings, newest first.
+struct BuildTrie {
+    std::vector<std::uint32_t> firstChild;
+    std::vector<std::uint32_t> nextSibling;
+    std::vector<unsigned char> byte;  // of the edge into the node
+    std::vector<unsigned char> accepts;
 
-std::uint32_t childOf(const std::vector<BuildNode>& nodes, std::uint32_t node, unsigned char c) {
-    for (const auto& [byte, target] : nodes[node].children)
-        if (byte == c) return target;
-    return 0;
-}
+    explicit BuildTrie(size_t capacity) {
+        firstChild.reserve(capacity);
+        nextSibling.reserve(capacity);
+        byte.reserve(capacity);
+        accepts.reserve(capacity);
+        Add(0);
+    }
+    size_t Size() const { return firstChild.size(); }
+    std::uint32_t Add(unsigned char c) {
+        firstChild.push_back(0);
+        nextSibling.push_back(0);
+        byte.push_back(c);
+        accepts.push_back(0);
+        return static_cast<std::uint32_t>(firstChild.size() - 1);
+    }
+    std::uint32_t ChildOf(std::uint32_t node, unsigned char c) const {
+        for (std::uint32_t child = firstChild[node]; child != 0; child = nextSibling[child])
+            if (byte[child] == c) return child;
+        return 0;
+    }
+    std::uint32_t AddChild(std::uint32_t node, unsigned char c) {
+        const std::uint32_t child = Add(c);
+        nextSibling[child] = firstChild[node];
+        firstChild[node] = child;
+        return child;
+    }
+};
 
 }  // namespace
 
 SenderMatcher::SenderMatcher(const CStringArray& entries) {
-    std::vector<BuildNode> nodes(1);
+    size_t bytes = 1;
+    for (int i = 0; i < entries.GetSize(); ++i) bytes += std::strlen(entries[i].GetString());
+    BuildTrie trie(bytes);
     for (int i = 0; i < entries.GetSize(); ++i) {
         const CString& entry = entries[i];
         if (entry.IsEmpty()) continue;
@@ -40,37 +66,33 @@ SenderMatcher::SenderMatcher(const CStringArray& entries) {
         std::uint32_t node = 0;
         for (size_t k = 0; k < length; ++k) {
             const unsigned char c = upper(static_cast<unsigned char>(entry.GetString()[k]));
-            std::uint32_t next = childOf(nodes, node, c);
-            if (next == 0) {
-                next = static_cast<std::uint32_t>(nodes.size());
-                nodes[node].children.emplace_back(c, next);
-                nodes.emplace_back();
-            }
+            std::uint32_t next = trie.ChildOf(node, c);
+            if (next == 0) next = trie.AddChild(node, c);
             node = next;
         }
-        nodes[node].accepts = true;
+        trie.accepts[node] = 1;
         m_hasPatterns = true;
     }
     if (m_matchesAll || !m_hasPatterns) return;
 
-    const size_t count = nodes.size();
+    const size_t count = trie.Size();
     m_fail.assign(count, 0);
-    m_accepts.assign(count, 0);
-    for (size_t n = 0; n < count; ++n) m_accepts[n] = nodes[n].accepts ? 1 : 0;
+    m_accepts = std::move(trie.accepts);
     // Breadth first, so that every failure target is complete before it is used.
     std::vector<std::uint32_t> queue;
     queue.reserve(count);
-    for (const auto& [byte, target] : nodes[0].children) {
-        m_root[byte] = target;
-        queue.push_back(target);
+    for (std::uint32_t child = trie.firstChild[0]; child != 0; child = trie.nextSibling[child]) {
+        m_root[trie.byte[child]] = child;
+        queue.push_back(child);
     }
     for (size_t head = 0; head < queue.size(); ++head) {
         const std::uint32_t node = queue[head];
-        for (const auto& [byte, target] : nodes[node].children) {
+        for (std::uint32_t target = trie.firstChild[node]; target != 0; target = trie.nextSibling[target]) {
+            const unsigned char c = trie.byte[target];
             std::uint32_t f = m_fail[node];
             std::uint32_t via = 0;
             for (;;) {
-                via = f == 0 ? m_root[byte] : childOf(nodes, f, byte);
+                via = f == 0 ? m_root[c] : trie.ChildOf(f, c);
                 if (via != 0 || f == 0) break;
                 f = m_fail[f];
             }
@@ -81,12 +103,17 @@ SenderMatcher::SenderMatcher(const CStringArray& entries) {
     }
     // Flattened, each state's edges sorted for the search.
     m_firstEdge.assign(count + 1, 0);
+    m_edgeByte.reserve(count - 1);
+    m_edgeTarget.reserve(count - 1);
+    std::vector<std::pair<unsigned char, std::uint32_t>> children;
     for (size_t n = 0; n < count; ++n) {
-        auto& children = nodes[n].children;
+        children.clear();
+        for (std::uint32_t child = trie.firstChild[n]; child != 0; child = trie.nextSibling[child])
+            children.emplace_back(trie.byte[child], child);
         std::sort(children.begin(), children.end());
         m_firstEdge[n + 1] = m_firstEdge[n] + static_cast<std::uint32_t>(children.size());
-        for (const auto& [byte, target] : children) {
-            m_edgeByte.push_back(byte);
+        for (const auto& [c, target] : children) {
+            m_edgeByte.push_back(c);
             m_edgeTarget.push_back(target);
         }
     }
