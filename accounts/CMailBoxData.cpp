@@ -76,6 +76,8 @@ void CMailBoxData::CopyFields(const CMailBoxData& other) {
     m_dwAutoDownload = other.m_dwAutoDownload;
     m_dwFilterType = other.m_dwFilterType;
     m_dwSecureLogin = other.m_dwSecureLogin;
+    m_dwIncomingSecurity = other.m_dwIncomingSecurity;
+    m_dwOutgoingSecurity = other.m_dwOutgoingSecurity;
 }
 
 void CMailBoxData::ResetValues() {
@@ -118,6 +120,8 @@ void CMailBoxData::ResetValues() {
     m_dwAutoDownload = 0;
     m_dwFilterType = 0;
     m_dwSecureLogin = 0;
+    m_dwIncomingSecurity = SECURITY_AUTOMATIC;
+    m_dwOutgoingSecurity = SECURITY_AUTOMATIC;
 }
 
 // --- getters
@@ -159,6 +163,8 @@ TAVIK_LOCKED_GETTER(DWORD, GetNewMsgCount, m_dwNewMsgCount)
 TAVIK_LOCKED_GETTER(DWORD, GetLeaveFullMsgs, m_dwLeaveFullMsgs)
 TAVIK_LOCKED_GETTER(DWORD, GetCompressDatabase, m_dwCompressDatabase)
 TAVIK_LOCKED_GETTER(DWORD, GetSignature, m_dwSignature)
+TAVIK_LOCKED_GETTER(DWORD, GetIncomingSecurity, m_dwIncomingSecurity)
+TAVIK_LOCKED_GETTER(DWORD, GetOutgoingSecurity, m_dwOutgoingSecurity)
 TAVIK_LOCKED_GETTER(bool, IsValid, m_bValid)
 TAVIK_LOCKED_GETTER(bool, IsDeleted, m_bDeleted)
 TAVIK_LOCKED_GETTER(bool, IsCollapsed, m_dwCollapsed != 0)
@@ -287,6 +293,12 @@ void CMailBoxData::SetCompressDatabase(DWORD compress) {
 void CMailBoxData::SetSignature(DWORD signature) {
     AccountLock lock(m_csLock);
     m_dwSignature = signature;
+}
+
+void CMailBoxData::SetConnectionSecurity(DWORD incoming, DWORD outgoing) {
+    AccountLock lock(m_csLock);
+    m_dwIncomingSecurity = incoming;
+    m_dwOutgoingSecurity = outgoing;
 }
 
 void CMailBoxData::SetDataFile(CString path) {

@@ -65,6 +65,20 @@ public:
     // Not under the lock: the reference outlives any lock it could take.
     const CString& GetActiveFolder() const { return m_strActiveFolder; }
 
+    // How the connections to the incoming and to the outgoing server are secured. Automatic, the default,
+    // leaves it to the host: TLS for any server that is not on this machine. Kept in the account's registry
+    // key beside the other settings, and only when not automatic; the storage layout has no room for it,
+    // so an account read from storage alone is automatic.
+    enum CONNECTION_SECURITY : DWORD {
+        SECURITY_AUTOMATIC = 0,
+        SECURITY_NONE = 1,     // plain text, the password too
+        SECURITY_UPGRADE = 2,  // STLS or STARTTLS after the greeting, on the protocol's plain port
+        SECURITY_TLS = 3,      // TLS from the first byte (POP3S, SMTPS)
+    };
+    DWORD GetIncomingSecurity() const;
+    DWORD GetOutgoingSecurity() const;
+    void SetConnectionSecurity(DWORD incoming, DWORD outgoing);
+
     // --- groups, in this argument order
     void GetGeneralData(CString& accountName, CString& realName, CString& emailAddress, CString& replyTo,
                         CString& organization) const;
@@ -144,6 +158,8 @@ protected:
     DWORD m_dwAutoDownload = 0;
     DWORD m_dwFilterType = 0;
     DWORD m_dwSecureLogin = 0;
+    DWORD m_dwIncomingSecurity = SECURITY_AUTOMATIC;
+    DWORD m_dwOutgoingSecurity = SECURITY_AUTOMATIC;
 
 private:
     void CopyFields(const CMailBoxData& other);

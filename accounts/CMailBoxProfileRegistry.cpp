@@ -1,6 +1,7 @@
 // An account in the registry, under the current user. Its key "<parent>\<AccountName>" holds the 13
-// texts and 18 numbers of the settings, the rule containers "AutoResponder", "Redirector" and "Shields"
-// (one sub-key per rule) and the anonymous lists "Friends", "Spam" and "Folders" ("Value0", "Value1", ...).
+// texts and 18 numbers of the settings (and the two connection securities when set), the rule containers
+// "AutoResponder", "Redirector" and "Shields" (one sub-key per rule) and the anonymous lists "Friends",
+// "Spam" and "Folders" ("Value0", "Value1", ...).
 #include <map>
 #include <memory>
 #include <string>
@@ -77,6 +78,16 @@ void rewriteList(const CString& key, UINT nameId, CStringArray& list) {
     reg.Close();
 }
 
+// Written only when not automatic, so that an account that never had it set has the key it always had.
+void writeSecurity(CRegistryManager& reg, UINT nameId, DWORD value) {
+    const CString name = resource(nameId);
+    if (value == CMailBoxData::SECURITY_AUTOMATIC)
+        RegDeleteValue(reg.GetKeyHandle(), name);
+    else
+        RegSetValueEx(reg.GetKeyHandle(), name, 0, REG_DWORD, reinterpret_cast<const BYTE*>(&value),
+                      sizeof value);
+}
+
 template <class Kind>
 void loadRules(const CString& key, UINT containerId, std::list<Kind>& rules) {
     const CString container = subKey(key, containerId);
@@ -143,6 +154,11 @@ void CMailBoxProfile::ReadAccountKey(CRegistryManager& reg) {
     TAVIK_REGISTRY_MAPS(*this);
     reg.GetStringValues(texts);
     reg.GetDwordValues(numbers);
+    // Absent unless set: a key without them, or one written before they existed, reads as automatic.
+    m_dwIncomingSecurity = m_dwOutgoingSecurity = SECURITY_AUTOMATIC;
+    std::map<DWORD, DWORD*> security = {{IDS_INCOMING_SECURITY, &m_dwIncomingSecurity},
+                                        {IDS_OUTGOING_SECURITY, &m_dwOutgoingSecurity}};
+    reg.GetDwordValues(security);
 }
 
 void CMailBoxProfile::WriteAccountKey(const CString& accountKey) {
@@ -152,6 +168,8 @@ void CMailBoxProfile::WriteAccountKey(const CString& accountKey) {
         TAVIK_REGISTRY_MAPS(*this);
         reg.SetStringValues(texts);
         reg.SetDwordValues(numbers);
+        writeSecurity(reg, IDS_INCOMING_SECURITY, m_dwIncomingSecurity);
+        writeSecurity(reg, IDS_OUTGOING_SECURITY, m_dwOutgoingSecurity);
     }
     reg.Close();
     for (CAutoResponderProfile& rule : m_AutoResponders)

@@ -68,6 +68,44 @@ int DefaultPort(MailProtocol protocol, CBlockingSocket::SECURITY security) {
     }
 }
 
+namespace {
+
+// The settings and their words, which are --tls's own but for automatic.
+constexpr struct {
+    DWORD setting;
+    const char* word;
+} kSettings[] = {
+    {CMailBoxData::SECURITY_AUTOMATIC, "auto"},
+    {CMailBoxData::SECURITY_NONE, "none"},
+    {CMailBoxData::SECURITY_UPGRADE, "starttls"},
+    {CMailBoxData::SECURITY_TLS, "implicit"},
+};
+
+}  // namespace
+
+SecurityOptions AccountSecurityOptions(DWORD setting) {
+    SecurityOptions o;
+    o.tls = SecuritySettingName(setting);
+    if (o.tls == "auto") o.tls.clear();
+    return o;
+}
+
+bool ParseSecuritySetting(const std::string& text, DWORD& setting) {
+    for (const auto& s : kSettings) {
+        if (text == s.word) {
+            setting = s.setting;
+            return true;
+        }
+    }
+    return false;
+}
+
+std::string SecuritySettingName(DWORD setting) {
+    for (const auto& s : kSettings)
+        if (s.setting == setting) return s.word;
+    return "auto";
+}
+
 std::string SecurityName(MailProtocol protocol, CBlockingSocket::SECURITY security) {
     switch (security) {
         case CBlockingSocket::SECURITY_TLS:

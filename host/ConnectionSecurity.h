@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "accounts/CMailBoxData.h"
 #include "host/CommandLine.h"
 #include "transport/CBlockingSocket.h"
 
@@ -36,6 +37,14 @@ CBlockingSocket::SECURITY ChooseSecurity(const SecurityOptions& options, MailPro
                                          const std::string& server, int port);
 // The port for the security when none was given: POP3 110 or 995, SMTP 25, 587 or 465.
 int DefaultPort(MailProtocol protocol, CBlockingSocket::SECURITY security);
+// An account's security setting (CMailBoxData::CONNECTION_SECURITY) as the options of a check or a send
+// to that account's server: automatic, and any value this version does not know, leave the choice to
+// ChooseSecurity as no --tls does.
+SecurityOptions AccountSecurityOptions(DWORD setting);
+// The setting's words, as an account command takes and shows them: auto, none, starttls, implicit.
+// Parsing gives false for any other text.
+bool ParseSecuritySetting(const std::string& text, DWORD& setting);
+std::string SecuritySettingName(DWORD setting);
 // "TLS from the first byte", "STLS" / "STARTTLS", "no encryption".
 std::string SecurityName(MailProtocol protocol, CBlockingSocket::SECURITY security);
 // For an error about the server's certificate, what the user can do about it; empty for other errors.

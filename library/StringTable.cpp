@@ -47,6 +47,8 @@ const AFX_STRING_RESOURCE kStringTable[] = {
     {3230, "Compress Database"},
     {3231, "Message Count"},
     {3232, "Message Modified"},
+    {3233, "Incoming Security"},
+    {3234, "Outgoing Security"},
     {3240, "Message Index"},
     {3241, "Cache Friends"},
     {3242, "Cache Enemies"},

@@ -43,6 +43,10 @@ constexpr UINT IDS_COMPRESS_DATABASE = 3230;
 // The older storage layout's counters.
 constexpr UINT IDS_MESSAGE_COUNT = 3231;
 constexpr UINT IDS_MESSAGE_MODIFIED = 3232;
+// The connection security of the two servers: registry values beside the 18 numbers, present only when
+// not automatic.
+constexpr UINT IDS_INCOMING_SECURITY = 3233;
+constexpr UINT IDS_OUTGOING_SECURITY = 3234;
 // Streams and storages of an account's sub-storage; the first three are shared with other records.
 constexpr UINT IDS_NUMERIC_DATA = 3053;
 constexpr UINT IDS_STRING_DATA = 3054;

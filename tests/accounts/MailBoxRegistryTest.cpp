@@ -172,6 +172,46 @@ TEST_F(Registry, AMissingKeyIsMadeWithTheDefaults) {
     p.LoadRegistryData("");  // nothing
 }
 
+// The connection security lives in two values of its own, written only when set: an account that keeps
+// the automatic choice has exactly the key it always had, and a key without them reads as automatic
+// whatever the record held before. Loading the account's storage after its key keeps what the key said.
+TEST_F(Registry, TheConnectionSecurityIsKeptOnlyWhenSet) {
+    CMailBoxProfile p;
+    Name(p, "Secure");
+    p.SetConnectionSecurity(CMailBoxData::SECURITY_TLS, CMailBoxData::SECURITY_UPGRADE);
+    p.SaveRegistryData(kAccounts);
+    const CString key = kAccounts + "\\Secure";
+    std::vector<std::string> values = Values(key);
+    ASSERT_EQ(values.size(), 33u);
+    EXPECT_EQ(std::vector<std::string>(values.end() - 2, values.end()),
+              (std::vector<std::string>{"Incoming Security=3", "Outgoing Security=2"}));
+
+    CMailBoxProfile back;
+    back.LoadRegistryData(key);
+    EXPECT_EQ(back.GetIncomingSecurity(), static_cast<DWORD>(CMailBoxData::SECURITY_TLS));
+    EXPECT_EQ(back.GetOutgoingSecurity(), static_cast<DWORD>(CMailBoxData::SECURITY_UPGRADE));
+    CMailBoxProfile copy;
+    copy = back;
+    EXPECT_EQ(copy.GetIncomingSecurity(), static_cast<DWORD>(CMailBoxData::SECURITY_TLS));
+
+    // The storage holds no security: reading it into the loaded account leaves the key's.
+    back.InitializeStorages(Accounts(), back.GetStorageName());
+    back.SaveStorageData(Accounts(), nullptr, false);
+    std::list<CMailBoxProfile*> listed{&back};
+    CMailBoxProfile::EnumStorage(Accounts(), listed, "bob", nullptr, false, CMailBoxProfile::READ_FULL);
+    ASSERT_EQ(listed.size(), 1u);
+    EXPECT_EQ(back.GetOutgoingSecurity(), static_cast<DWORD>(CMailBoxData::SECURITY_UPGRADE));
+
+    // Back to automatic: the values go, and a record that had them reads the key as automatic.
+    p.SetConnectionSecurity(CMailBoxData::SECURITY_AUTOMATIC, CMailBoxData::SECURITY_AUTOMATIC);
+    p.SaveRegistryData(kAccounts);
+    EXPECT_EQ(Values(key).size(), 31u);
+    back.LoadRegistryData(key);
+    EXPECT_EQ(back.GetIncomingSecurity(), static_cast<DWORD>(CMailBoxData::SECURITY_AUTOMATIC));
+    EXPECT_EQ(back.GetOutgoingSecurity(), static_cast<DWORD>(CMailBoxData::SECURITY_AUTOMATIC));
+    back.UnloadMessages();
+}
+
 TEST_F(Registry, ADeletedAccountTakesEverythingUnderItsKey) {
     CMailBoxProfile p;
     Name(p, "Doomed");

@@ -59,6 +59,40 @@ TEST(ConnectionSecurity, PlainTextOnlyForThisMachineAndTlsByPortElsewhere) {
     EXPECT_EQ(SecurityName(MailProtocol::kSmtp, kStartTls), "STARTTLS");
 }
 
+// An account's setting decides as --tls would; automatic, and a value this version does not know, as no
+// --tls does: TLS for every server but this machine.
+TEST(ConnectionSecurity, AnAccountsSettingActsAsTheOptionWould) {
+    Winsock winsock;
+    const struct {
+        DWORD setting;
+        const char* server;
+        CBlockingSocket::SECURITY pop3, smtp;
+        const char* word;
+    } rows[] = {
+        {CMailBoxData::SECURITY_AUTOMATIC, "127.0.0.1", kNone, kNone, "auto"},
+        {CMailBoxData::SECURITY_AUTOMATIC, "192.0.2.7", kTls, kTls, "auto"},
+        {CMailBoxData::SECURITY_NONE, "192.0.2.7", kNone, kNone, "none"},
+        {CMailBoxData::SECURITY_UPGRADE, "127.0.0.1", kStartTls, kStartTls, "starttls"},
+        {CMailBoxData::SECURITY_TLS, "127.0.0.1", kTls, kTls, "implicit"},
+        {77, "192.0.2.7", kTls, kTls, "auto"},
+    };
+    for (const auto& r : rows) {
+        SCOPED_TRACE(std::to_string(r.setting) + " " + r.server);
+        const SecurityOptions o = AccountSecurityOptions(r.setting);
+        EXPECT_FALSE(o.insecure);
+        EXPECT_EQ(ChooseSecurity(o, MailProtocol::kPop3, r.server, 0), r.pop3);
+        EXPECT_EQ(ChooseSecurity(o, MailProtocol::kSmtp, r.server, 0), r.smtp);
+        EXPECT_EQ(SecuritySettingName(r.setting), r.word);
+        DWORD parsed = 99;
+        ASSERT_TRUE(ParseSecuritySetting(r.word, parsed));
+        if (r.setting != 77) EXPECT_EQ(parsed, r.setting);
+    }
+    DWORD untouched = CMailBoxData::SECURITY_TLS;
+    EXPECT_FALSE(ParseSecuritySetting("tls", untouched));
+    EXPECT_FALSE(ParseSecuritySetting("", untouched));
+    EXPECT_EQ(untouched, static_cast<DWORD>(CMailBoxData::SECURITY_TLS));
+}
+
 TEST(ConnectionSecurity, AdviceOnlyForCertificateErrors) {
     EXPECT_NE(
         CertificateAdvice("The server's certificate has expired or is not valid yet: it expired on ..."), "");
