@@ -2,6 +2,7 @@
 
 #include <optional>
 
+#include "host/ConnectionSecurity.h"
 #include "host/ManageSupport.h"
 
 namespace tavik::host {
@@ -31,10 +32,12 @@ std::vector<Field> Fields(const CMailBoxProfile& a) {
         {"protocol", text(inProto), 't'},
         {"login", text(login), 't'},
         {"password", set(password), 't'},
+        {"security", SecuritySettingName(a.GetIncomingSecurity()), 't'},
         {"smtp", text(out), 't'},
         {"smtp-protocol", text(outProto), 't'},
         {"smtp-login", text(outLogin), 't'},
         {"smtp-password", set(outPassword), 't'},
+        {"smtp-security", SecuritySettingName(a.GetOutgoingSecurity()), 't'},
         {"disabled", flag(a.GetAccountDisabled()), 'f'},
         {"filtering", flag(a.GetFiltering()), 'f'},
         {"leave-copy", flag(a.GetLeaveCopy()), 'f'},
@@ -134,6 +137,12 @@ void ApplyAccountOptions(const Arguments& args, CMailBoxProfile& account) {
     auto text = [&](const char* name, const CString& current) {
         return args.Has(name) ? CString(args.Get(name).c_str()) : current;
     };
+    auto security = [&](const char* name, DWORD current) {
+        if (args.Has(name) && !ParseSecuritySetting(args.Get(name), current))
+            throw UsageError(std::string("--") + name + " takes auto, none, starttls or implicit, not '" +
+                             args.Get(name) + "'");
+        return current;
+    };
     if (args.Has("set-password") && args.Has("clear-password"))
         throw UsageError("--set-password and --clear-password cannot go together");
     if (args.Has("set-smtp-password") && args.Has("clear-smtp-password"))
@@ -167,6 +176,8 @@ void ApplyAccountOptions(const Arguments& args, CMailBoxProfile& account) {
     timeout = number("timeout", 3600, timeout);
     processLimit = number("process-limit", 1L << 30, processLimit);
     sessionMax = number("session-max", 1L << 30, sessionMax);
+    const DWORD inSecurity = security("security", account.GetIncomingSecurity());
+    const DWORD outSecurity = security("smtp-security", account.GetOutgoingSecurity());
     std::string shown(name);
     if (args.Has("set-password"))
         password = ReadPassword(args.Get("account-password-file"), "TAVIK_ACCOUNT_PASSWORD",
@@ -183,6 +194,7 @@ void ApplyAccountOptions(const Arguments& args, CMailBoxProfile& account) {
     account.SetServerData(in, out, inProto, outProto, login, password, outLogin, outPassword);
     account.SetAdvancedData(disabled, filtering, leaveCopy, saveCopy, retrieveBody, maxBody, rescan, timeout);
     account.SetExtraData(processLimit, sessionMax, leaveFull);
+    account.SetConnectionSecurity(inSecurity, outSecurity);
 }
 
 std::vector<std::string> ListEntries(const CMailBoxProfile& account, AccountList list) {

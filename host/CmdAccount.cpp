@@ -104,6 +104,9 @@ std::vector<Option> AccountOptions() {
                      "TAVIK_ACCOUNT_PASSWORD or the terminal)"),
         Option::Value("account-password-file", "FILE", "the POP3 password is FILE's first line"),
         Option::Flag("clear-password", "forget the POP3 password"),
+        Option::Value("security", "MODE",
+                      "auto (TLS unless the server is this machine), none (the password in plain text), "
+                      "starttls (STLS) or implicit (POP3S)"),
         Option::Value("smtp", "HOST", "the SMTP server"),
         Option::Value("smtp-login", "USER", "the user name on the SMTP server"),
         Option::Flag("set-smtp-password",
@@ -111,6 +114,8 @@ std::vector<Option> AccountOptions() {
                      "TAVIK_SMTP_PASSWORD or the terminal)"),
         Option::Value("smtp-password-file", "FILE", "the SMTP password is FILE's first line"),
         Option::Flag("clear-smtp-password", "forget the SMTP password"),
+        Option::Value("smtp-security", "MODE",
+                      "the same for the SMTP server: auto, none, starttls or implicit"),
         Option::Value("email", "ADDRESS", "the account's own address"),
         Option::Value("real-name", "TEXT", "the name shown on sent mail"),
         Option::Value("reply-to", "ADDRESS", "the Reply-To of sent mail"),

@@ -65,6 +65,26 @@ TEST_F(AccountCommands, BadNamesAndValuesStoreNothing) {
     EXPECT_NE(work.find("password: not set\n"), std::string::npos) << work;
 }
 
+// The connection security of each server: automatic until set, kept by the next command, a bad word
+// changing nothing.
+TEST_F(AccountCommands, SecurityIsAutomaticUntilSet) {
+    Ok({"account", "add", "Work", "--server", "pop.example.com", "--smtp-security", "starttls"});
+    std::string work = Ok({"account", "show", "work"});
+    EXPECT_NE(work.find("security: auto\n"), std::string::npos) << work;
+    EXPECT_NE(work.find("smtp-security: starttls\n"), std::string::npos) << work;
+    Ok({"account", "set", "work", "--security", "implicit"});
+    Fails({"account", "set", "work", "--security", "tls", "--timeout", "5"},
+          "--security takes auto, none, starttls or implicit, not 'tls'", 2);
+    work = Ok({"account", "show", "work", "--json"});
+    EXPECT_NE(work.find("\"security\": \"implicit\","), std::string::npos) << work;
+    EXPECT_NE(work.find("\"smtp-security\": \"starttls\","), std::string::npos) << work;
+    EXPECT_NE(work.find("\"timeout\": 90,"), std::string::npos) << "the failed set changed nothing";
+    Ok({"account", "set", "work", "--security", "auto", "--smtp-security", "none"});
+    work = Ok({"account", "show", "work"});
+    EXPECT_NE(work.find("security: auto\n"), std::string::npos) << work;
+    EXPECT_NE(work.find("smtp-security: none\n"), std::string::npos) << work;
+}
+
 TEST_F(AccountCommands, ListsKeepEntriesOnceIgnoringCase) {
     Ok({"account", "add", "Work", "--server", "a"});
     EXPECT_EQ(Ok({"friends", "add", "work", "alice@x.org", "bob@y.org", "ALICE@X.ORG"}), "added 2 entries\n");
