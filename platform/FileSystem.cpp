@@ -170,7 +170,7 @@ std::string TavikDataDirectory() {
         return std::string(xdg) + "/tavikmail";
     const char* home = std::getenv("HOME");
     if (!home || !*home) {
-        const passwd* pw = ::getpwuid(::getuid());
+        const passwd* pw = Sys().getpwuid(Sys().getuid());
         home = pw ? pw->pw_dir : nullptr;
     }
     return home && *home ? std::string(home) + "/.local/share/tavikmail" : std::string();

@@ -6,13 +6,14 @@
 #include <algorithm>
 #include <cctype>
 #include <cstring>
-#include <fstream>
 #include <map>
 #include <mutex>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include "platform/FileSystem.h"
+#include "platform/internal/SmallFile.h"
 #include "platform/internal/SystemCalls.h"
 
 namespace {
@@ -37,6 +38,8 @@ struct MimeDatabase {
 
 std::mutex g_lock;
 MimeDatabase g_db("/usr/share/mime");
+// The system's lists are a few hundred kilobytes; a larger file is not one of them.
+constexpr size_t kMaxListFile = 16 << 20;
 
 std::string lower(std::string s) {
     for (char& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
@@ -46,7 +49,9 @@ std::string lower(std::string s) {
 void load(MimeDatabase& db) {
     if (db.loaded) return;
     db.loaded = true;
-    std::ifstream globs(db.folder + "/globs2");
+    std::string bytes;
+    tavik::platform::ReadSmallFile(db.folder + "/globs2", bytes, kMaxListFile);
+    std::istringstream globs(bytes);
     std::string line;
     while (std::getline(globs, line)) {
         if (line.empty() || line[0] == '#') continue;
@@ -65,7 +70,8 @@ void load(MimeDatabase& db) {
         else
             db.others.push_back(g);
     }
-    std::ifstream aliases(db.folder + "/aliases");
+    tavik::platform::ReadSmallFile(db.folder + "/aliases", bytes, kMaxListFile);
+    std::istringstream aliases(bytes);
     while (std::getline(aliases, line)) {
         size_t sp = line.find(' ');
         if (sp != std::string::npos) db.aliases.emplace(line.substr(0, sp), line.substr(sp + 1));
@@ -102,7 +108,9 @@ std::string comment(MimeDatabase& db, std::string type) {
     if (cached != db.comments.end()) return cached->second;
     std::string text;
     if (type.find("..") == std::string::npos) {
-        std::ifstream xml(db.folder + "/" + type + ".xml");
+        std::string bytes;
+        tavik::platform::ReadSmallFile(db.folder + "/" + type + ".xml", bytes, kMaxListFile);
+        std::istringstream xml(bytes);
         std::string line;
         while (std::getline(xml, line)) {
             size_t open = line.find("<comment>");

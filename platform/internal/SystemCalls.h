@@ -1,5 +1,5 @@
-// The platform's one door to the operating system: every file, directory, mapping and clock call the
-// platform makes goes through this table, so that a test can fail the Nth write, flush or rename, return
+// The platform's one door to the operating system: every file, directory, mapping, clock and socket call
+// the platform makes goes through this table, so that a test can fail the Nth write, flush or rename, return
 // short writes or EINTR, or pin the clock, without root or a full disk. Each entry has the signature and
 // the behaviour of the POSIX call of the same name (-1 with errno set on failure); retrying after EINTR
 // and short transfers is the caller's business, as with the real calls.
@@ -16,6 +16,13 @@
 
 #include <atomic>
 #include <cstddef>
+
+// Declared, not included: the socket headers would clash with the Windows names of platform/Winsock.h,
+// which a test of the socket calls includes beside this table.
+struct sockaddr;
+struct pollfd;
+struct addrinfo;
+struct passwd;
 
 namespace tavik::platform {
 
@@ -57,7 +64,7 @@ struct SystemCalls {
     SystemCall<int(int fd)> fsync;
     SystemCall<int(int fd, off_t length)> ftruncate;
     SystemCall<int(int fd, int operation)> flock;
-    // Only the commands that take an int (or nothing): F_GETFD, F_GETFL, F_DUPFD_CLOEXEC.
+    // Only the commands that take an int (or nothing): F_GETFD, F_GETFL, F_SETFL, F_DUPFD_CLOEXEC.
     SystemCall<int(int fd, int command, int argument)> fcntl;
     SystemCall<int(int fd, struct stat* out)> fstat;
     SystemCall<int(int fd, mode_t mode)> fchmod;
@@ -84,6 +91,34 @@ struct SystemCalls {
     SystemCall<int(clockid_t clock, struct timespec* out)> clock_gettime;
     SystemCall<pid_t()> getpid;
     SystemCall<long(int name)> sysconf;
+    SystemCall<uid_t()> getuid;
+    SystemCall<struct passwd*(uid_t user)> getpwuid;
+    // Sockets. Lengths are socklen_t and poll's count nfds_t, spelled as the types they are here.
+    SystemCall<int(int domain, int type, int protocol)> socket;
+    SystemCall<int(int fd, sockaddr* address, unsigned* length, int flags)> accept4;
+    SystemCall<int(int fd, const sockaddr* address, unsigned length)> bind;
+    SystemCall<int(int fd, const sockaddr* address, unsigned length)> connect;
+    SystemCall<int(int fd, int backlog)> listen;
+    SystemCall<int(int fd, int how)> shutdown;
+    SystemCall<ssize_t(int fd, const void* buffer, size_t count, int flags)> send;
+    SystemCall<ssize_t(int fd, void* buffer, size_t count, int flags)> recv;
+    SystemCall<ssize_t(int fd, const void* buffer, size_t count, int flags, const sockaddr* to,
+                       unsigned length)>
+        sendto;
+    SystemCall<ssize_t(int fd, void* buffer, size_t count, int flags, sockaddr* from, unsigned* length)>
+        recvfrom;
+    SystemCall<int(int fd, int level, int name, void* value, unsigned* length)> getsockopt;
+    SystemCall<int(int fd, int level, int name, const void* value, unsigned length)> setsockopt;
+    SystemCall<int(int fd, sockaddr* address, unsigned* length)> getsockname;
+    SystemCall<int(int fd, sockaddr* address, unsigned* length)> getpeername;
+    SystemCall<int(pollfd* fds, unsigned long count, int timeout)> poll;
+    // The resolver.
+    SystemCall<int(const char* node, const char* service, const addrinfo* hints, addrinfo** out)> getaddrinfo;
+    SystemCall<void(addrinfo* list)> freeaddrinfo;
+    SystemCall<int(const sockaddr* address, unsigned length, char* host, unsigned hostLength, char* service,
+                   unsigned serviceLength, int flags)>
+        getnameinfo;
+    SystemCall<int(char* name, size_t length)> gethostname;
 };
 
 // The table in use.

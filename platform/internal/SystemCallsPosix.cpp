@@ -1,10 +1,15 @@
 // The system-call table filled with the POSIX calls. The only file of the platform that calls them.
 #include <fcntl.h>
+#include <netdb.h>
+#include <poll.h>
+#include <pwd.h>
 #include <sys/file.h>
 #include <sys/mman.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cstdio>
+#include <type_traits>
 
 #include "platform/internal/SystemCalls.h"
 
@@ -17,6 +22,9 @@ int Rename(const char* from, const char* to) { return std::rename(from, to); }
 int Stat(const char* path, struct stat* out) { return ::stat(path, out); }
 int Fstat(int fd, struct stat* out) { return ::fstat(fd, out); }
 pid_t Getpid() { return ::getpid(); }
+
+static_assert(std::is_same_v<socklen_t, unsigned> && std::is_same_v<nfds_t, unsigned long>,
+              "the table spells socklen_t and nfds_t as these types");
 
 constexpr SystemCalls MakeReal() {
     return SystemCalls{
@@ -53,6 +61,27 @@ constexpr SystemCalls MakeReal() {
         .clock_gettime = ::clock_gettime,
         .getpid = Getpid,
         .sysconf = ::sysconf,
+        .getuid = ::getuid,
+        .getpwuid = ::getpwuid,
+        .socket = ::socket,
+        .accept4 = ::accept4,
+        .bind = ::bind,
+        .connect = ::connect,
+        .listen = ::listen,
+        .shutdown = ::shutdown,
+        .send = ::send,
+        .recv = ::recv,
+        .sendto = ::sendto,
+        .recvfrom = ::recvfrom,
+        .getsockopt = ::getsockopt,
+        .setsockopt = ::setsockopt,
+        .getsockname = ::getsockname,
+        .getpeername = ::getpeername,
+        .poll = ::poll,
+        .getaddrinfo = ::getaddrinfo,
+        .freeaddrinfo = ::freeaddrinfo,
+        .getnameinfo = ::getnameinfo,
+        .gethostname = ::gethostname,
     };
 }
 

@@ -1,5 +1,6 @@
-// The socket calls of a POSIX system. This file never includes platform/Winsock.h: the Windows names
-// (socket, sockaddr, ...) would collide with the system's, so the two meet only through SocketOps.h.
+// The socket calls of a POSIX system, made through the platform's system-call table. This file never
+// includes platform/Winsock.h: the Windows names (socket, sockaddr, ...) would collide with the system's,
+// so the two meet only through SocketOps.h.
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netdb.h>
@@ -19,6 +20,7 @@
 #include <cstring>
 
 #include "platform/internal/OsErrors.h"
+#include "platform/internal/SystemCalls.h"
 #include "platform/net/internal/SocketOps.h"
 
 namespace tavik::platform::net {
@@ -57,7 +59,7 @@ int fail(int& error, int err) {
 }
 
 bool isNonBlocking(int fd) {
-    const int flags = ::fcntl(fd, F_GETFL);
+    const int flags = Sys().fcntl(fd, F_GETFL, 0);
     return flags >= 0 && (flags & O_NONBLOCK) != 0;
 }
 
@@ -78,9 +80,9 @@ bool isTimeOption(int sysName) { return sysName == SO_SNDTIMEO || sysName == SO_
 // (stdin closed) is moved up.
 int avoidZero(int fd) {
     if (fd != 0) return fd;
-    int moved = ::fcntl(fd, F_DUPFD_CLOEXEC, 1);
+    int moved = Sys().fcntl(fd, F_DUPFD_CLOEXEC, 1);
     int saved = errno;
-    ::close(fd);
+    Sys().close(fd);
     errno = saved;
     return moved;
 }
@@ -174,13 +176,13 @@ int OsSocket(int af, int type, int protocol, int& error) {
     if (af != kAfInet) return fail(error, EAFNOSUPPORT);
     int sysType = type == kSockStream ? SOCK_STREAM : type == kSockDgram ? SOCK_DGRAM : -1;
     if (sysType < 0) return fail(error, ESOCKTNOSUPPORT);
-    int fd = ::socket(AF_INET, sysType | SOCK_CLOEXEC, protocol);
+    int fd = Sys().socket(AF_INET, sysType | SOCK_CLOEXEC, protocol);
     if (fd < 0) return fail(error, errno);
     fd = avoidZero(fd);
     if (fd < 0) return fail(error, errno);
 #ifdef SO_NOSIGPIPE
     int on = 1;
-    ::setsockopt(fd, SOL_SOCKET, SO_NOSIGPIPE, &on, sizeof on);
+    Sys().setsockopt(fd, SOL_SOCKET, SO_NOSIGPIPE, &on, sizeof on);
 #endif
     return fd;
 }
@@ -188,27 +190,29 @@ int OsSocket(int af, int type, int protocol, int& error) {
 int OsClose(int fd, int& error) {
     // After close, the descriptor is gone even when close reports EINTR; retrying could close another
     // thread's new descriptor.
-    if (::close(fd) != 0 && errno != EINTR) return fail(error, errno);
+    if (Sys().close(fd) != 0 && errno != EINTR) return fail(error, errno);
     return 0;
 }
 
 int OsShutdown(int fd, int how, int& error) {
     int sysHow = how == 0 ? SHUT_RD : how == 1 ? SHUT_WR : how == 2 ? SHUT_RDWR : -1;
     if (sysHow < 0) return fail(error, EINVAL);
-    return ::shutdown(fd, sysHow) == 0 ? 0 : fail(error, errno);
+    return Sys().shutdown(fd, sysHow) == 0 ? 0 : fail(error, errno);
 }
 
 int OsBind(int fd, const Endpoint& at, int& error) {
     sockaddr_in sa = toSystem(at);
-    return ::bind(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa) == 0 ? 0 : fail(error, errno);
+    return Sys().bind(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa) == 0 ? 0 : fail(error, errno);
 }
 
-int OsListen(int fd, int backlog, int& error) { return ::listen(fd, backlog) == 0 ? 0 : fail(error, errno); }
+int OsListen(int fd, int backlog, int& error) {
+    return Sys().listen(fd, backlog) == 0 ? 0 : fail(error, errno);
+}
 
 int OsAccept(int fd, Endpoint* peer, int& error) {
     sockaddr_storage ss{};
     socklen_t len = sizeof ss;
-    int client = ::accept4(fd, reinterpret_cast<sockaddr*>(&ss), &len, SOCK_CLOEXEC);
+    int client = Sys().accept4(fd, reinterpret_cast<sockaddr*>(&ss), &len, SOCK_CLOEXEC);
     if (client < 0) return fail(error, errno);
     client = avoidZero(client);
     if (client < 0) return fail(error, errno);
@@ -220,25 +224,25 @@ int OsConnect(int fd, const Endpoint& to, int& error) {
     // Windows gives up on an unanswered connect after about 21 seconds (three tries); the system's own
     // limit is minutes. The connect runs non-blocking under our limit, then the socket goes back to
     // blocking.
-    const int flags = ::fcntl(fd, F_GETFL);
+    const int flags = Sys().fcntl(fd, F_GETFL, 0);
     if (flags < 0) return fail(error, errno);
     if (flags & O_NONBLOCK) {
         // The caller waits for the outcome itself, as a Windows caller of a non-blocking connect does.
         sockaddr_in sa = toSystem(to);
-        if (::connect(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa) == 0) return 0;
+        if (Sys().connect(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa) == 0) return 0;
         if (errno == EINPROGRESS || errno == EINTR) {
             error = 10035;
             return -1;
         }
         return fail(error, errno);
     }
-    if (::fcntl(fd, F_SETFL, flags | O_NONBLOCK) != 0) return fail(error, errno);
+    if (Sys().fcntl(fd, F_SETFL, flags | O_NONBLOCK) != 0) return fail(error, errno);
     const auto restore = [&](int result) {
-        ::fcntl(fd, F_SETFL, flags);
+        Sys().fcntl(fd, F_SETFL, flags);
         return result;
     };
     sockaddr_in sa = toSystem(to);
-    if (::connect(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa) == 0) return restore(0);
+    if (Sys().connect(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa) == 0) return restore(0);
     if (errno != EINPROGRESS && errno != EINTR) return restore(fail(error, errno));
     using Clock = std::chrono::steady_clock;
     const auto deadline = Clock::now() + std::chrono::milliseconds(g_connectLimitMs.load());
@@ -246,7 +250,7 @@ int OsConnect(int fd, const Endpoint& to, int& error) {
     for (;;) {
         const auto left =
             std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
-        const int r = ::poll(&p, 1, left <= 0 ? 0 : static_cast<int>(std::min<long long>(left, INT_MAX)));
+        const int r = Sys().poll(&p, 1, left <= 0 ? 0 : static_cast<int>(std::min<long long>(left, INT_MAX)));
         if (r > 0) break;
         if (r == 0) {
             error = 10060;
@@ -256,23 +260,23 @@ int OsConnect(int fd, const Endpoint& to, int& error) {
     }
     int soError = 0;
     socklen_t len = sizeof soError;
-    if (::getsockopt(fd, SOL_SOCKET, SO_ERROR, &soError, &len) != 0) return restore(fail(error, errno));
+    if (Sys().getsockopt(fd, SOL_SOCKET, SO_ERROR, &soError, &len) != 0) return restore(fail(error, errno));
     return restore(soError == 0 ? 0 : fail(error, soError));
 }
 
 void SetConnectLimit(int milliseconds) { g_connectLimitMs = milliseconds; }
 
 int OsSetNonBlocking(int fd, bool on, int& error) {
-    const int flags = ::fcntl(fd, F_GETFL);
+    const int flags = Sys().fcntl(fd, F_GETFL, 0);
     if (flags < 0) return fail(error, errno);
     const int wanted = on ? flags | O_NONBLOCK : flags & ~O_NONBLOCK;
-    if (wanted != flags && ::fcntl(fd, F_SETFL, wanted) != 0) return fail(error, errno);
+    if (wanted != flags && Sys().fcntl(fd, F_SETFL, wanted) != 0) return fail(error, errno);
     return 0;
 }
 
 long OsSend(int fd, const char* data, int length, int flags, int& error) {
     for (;;) {
-        ssize_t n = ::send(fd, data, static_cast<size_t>(length), sysFlags(flags));
+        ssize_t n = Sys().send(fd, data, static_cast<size_t>(length), sysFlags(flags));
         if (n >= 0) return static_cast<long>(n);
         if (errno != EINTR) return failTransfer(fd, error, errno, flags);
     }
@@ -280,7 +284,7 @@ long OsSend(int fd, const char* data, int length, int flags, int& error) {
 
 long OsRecv(int fd, char* data, int length, int flags, int& error) {
     for (;;) {
-        ssize_t n = ::recv(fd, data, static_cast<size_t>(length), sysFlags(flags));
+        ssize_t n = Sys().recv(fd, data, static_cast<size_t>(length), sysFlags(flags));
         if (n >= 0) return static_cast<long>(n);
         if (errno != EINTR) return failTransfer(fd, error, errno, flags);
     }
@@ -289,8 +293,8 @@ long OsRecv(int fd, char* data, int length, int flags, int& error) {
 long OsSendTo(int fd, const char* data, int length, int flags, const Endpoint& to, int& error) {
     sockaddr_in sa = toSystem(to);
     for (;;) {
-        ssize_t n = ::sendto(fd, data, static_cast<size_t>(length), sysFlags(flags),
-                             reinterpret_cast<sockaddr*>(&sa), sizeof sa);
+        ssize_t n = Sys().sendto(fd, data, static_cast<size_t>(length), sysFlags(flags),
+                                 reinterpret_cast<sockaddr*>(&sa), sizeof sa);
         if (n >= 0) return static_cast<long>(n);
         if (errno != EINTR) return failTransfer(fd, error, errno);
     }
@@ -301,13 +305,14 @@ long OsRecvFrom(int fd, char* data, int length, int flags, Endpoint* from, int& 
         sockaddr_storage ss{};
         socklen_t len = sizeof ss;
         // A datagram longer than the buffer is cut and reported, as Windows does with WSAEMSGSIZE.
-        ssize_t n = ::recvfrom(fd, data, static_cast<size_t>(length), sysFlags(flags) | MSG_TRUNC,
-                               reinterpret_cast<sockaddr*>(&ss), &len);
+        ssize_t n = Sys().recvfrom(fd, data, static_cast<size_t>(length), sysFlags(flags) | MSG_TRUNC,
+                                   reinterpret_cast<sockaddr*>(&ss), &len);
         if (n >= 0) {
             if (from) *from = fromSystem(ss);
             int type = 0;
             socklen_t tlen = sizeof type;
-            if (n > length && ::getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &tlen) == 0 && type == SOCK_DGRAM)
+            if (n > length && Sys().getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &tlen) == 0 &&
+                type == SOCK_DGRAM)
                 return fail(error, EMSGSIZE);
             return static_cast<long>(n);
         }
@@ -318,7 +323,7 @@ long OsRecvFrom(int fd, char* data, int length, int flags, Endpoint* from, int& 
 int OsPeerName(int fd, Endpoint& peer, int& error) {
     sockaddr_storage ss{};
     socklen_t len = sizeof ss;
-    if (::getpeername(fd, reinterpret_cast<sockaddr*>(&ss), &len) != 0) return fail(error, errno);
+    if (Sys().getpeername(fd, reinterpret_cast<sockaddr*>(&ss), &len) != 0) return fail(error, errno);
     peer = fromSystem(ss);
     return 0;
 }
@@ -326,7 +331,7 @@ int OsPeerName(int fd, Endpoint& peer, int& error) {
 int OsSockName(int fd, Endpoint& local, int& error) {
     sockaddr_storage ss{};
     socklen_t len = sizeof ss;
-    if (::getsockname(fd, reinterpret_cast<sockaddr*>(&ss), &len) != 0) return fail(error, errno);
+    if (Sys().getsockname(fd, reinterpret_cast<sockaddr*>(&ss), &len) != 0) return fail(error, errno);
     local = fromSystem(ss);
     return 0;
 }
@@ -337,9 +342,9 @@ int OsSetOption(int fd, int level, int name, int value, int& error) {
     if (isTimeOption(sysName)) {
         const unsigned ms = static_cast<unsigned>(value);
         timeval tv{static_cast<time_t>(ms / 1000), static_cast<suseconds_t>(ms % 1000 * 1000)};
-        return ::setsockopt(fd, sysLevel, sysName, &tv, sizeof tv) == 0 ? 0 : fail(error, errno);
+        return Sys().setsockopt(fd, sysLevel, sysName, &tv, sizeof tv) == 0 ? 0 : fail(error, errno);
     }
-    return ::setsockopt(fd, sysLevel, sysName, &value, sizeof value) == 0 ? 0 : fail(error, errno);
+    return Sys().setsockopt(fd, sysLevel, sysName, &value, sizeof value) == 0 ? 0 : fail(error, errno);
 }
 
 int OsGetOption(int fd, int level, int name, int& value, int& error) {
@@ -348,12 +353,12 @@ int OsGetOption(int fd, int level, int name, int& value, int& error) {
     if (isTimeOption(sysName)) {
         timeval tv{};
         socklen_t len = sizeof tv;
-        if (::getsockopt(fd, sysLevel, sysName, &tv, &len) != 0) return fail(error, errno);
+        if (Sys().getsockopt(fd, sysLevel, sysName, &tv, &len) != 0) return fail(error, errno);
         value = static_cast<int>(tv.tv_sec * 1000 + tv.tv_usec / 1000);
         return 0;
     }
     socklen_t len = sizeof value;
-    if (::getsockopt(fd, sysLevel, sysName, &value, &len) != 0) return fail(error, errno);
+    if (Sys().getsockopt(fd, sysLevel, sysName, &value, &len) != 0) return fail(error, errno);
     if (sysName == SO_ERROR && value != 0) value = WsaFromErrno(value);
     if (sysName == SO_TYPE) value = value == SOCK_DGRAM ? kSockDgram : kSockStream;
     return 0;
@@ -373,7 +378,7 @@ int OsWait(int fd, bool forWrite, long seconds, long microseconds, int& error) {
             // Round up so that a short wait is never a busy loop of zero-length polls.
             ms = left <= 0 ? 0 : static_cast<int>(std::min<long long>((left + 999) / 1000, INT_MAX));
         }
-        int r = ::poll(&p, 1, ms);
+        int r = Sys().poll(&p, 1, ms);
         if (r > 0) {
             if (p.revents & POLLNVAL) return fail(error, EBADF);
             return 1;  // POLLHUP and POLLERR count as ready, so the following call reports what happened
@@ -394,7 +399,7 @@ int OsHostByName(const char* name, HostInfo& out, int& error) {
     hints.ai_socktype = SOCK_STREAM;
     hints.ai_flags = AI_CANONNAME;
     addrinfo* list = nullptr;
-    int rc = ::getaddrinfo(name, nullptr, &hints, &list);
+    int rc = Sys().getaddrinfo(name, nullptr, &hints, &list);
     if (rc != 0) {
         error = WsaFromResolver(rc, errno);
         return -1;
@@ -407,7 +412,7 @@ int OsHostByName(const char* name, HostInfo& out, int& error) {
         for (std::uint32_t b : out.addrs) seen = seen || a == b;
         if (!seen) out.addrs.push_back(a);
     }
-    ::freeaddrinfo(list);
+    Sys().freeaddrinfo(list);
     if (out.addrs.empty()) {
         error = 11004;
         return -1;
@@ -422,8 +427,8 @@ int OsHostByAddr(std::uint32_t addr, HostInfo& out, int& error) {
     sa.sin_family = AF_INET;
     sa.sin_addr.s_addr = addr;
     char host[NI_MAXHOST];
-    int rc = ::getnameinfo(reinterpret_cast<sockaddr*>(&sa), sizeof sa, host, sizeof host, nullptr, 0,
-                           NI_NAMEREQD);
+    int rc = Sys().getnameinfo(reinterpret_cast<sockaddr*>(&sa), sizeof sa, host, sizeof host, nullptr, 0,
+                               NI_NAMEREQD);
     if (rc != 0) {
         error = WsaFromResolver(rc, errno);
         return -1;
@@ -435,7 +440,7 @@ int OsHostByAddr(std::uint32_t addr, HostInfo& out, int& error) {
 
 int OsHostName(std::string& out, int& error) {
     char buf[256] = {};
-    if (::gethostname(buf, sizeof buf - 1) != 0) return fail(error, errno);
+    if (Sys().gethostname(buf, sizeof buf - 1) != 0) return fail(error, errno);
     out = buf;
     return 0;
 }

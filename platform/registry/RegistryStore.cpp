@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "platform/internal/SystemCalls.h"
 #include "platform/registry/internal/MimeTypes.h"
 
 namespace tavik::platform {
@@ -92,7 +93,7 @@ std::string RegistryStore::DefaultPath() const {
         return std::string(xdg) + "/tavikmail/registry.db";
     const char* home = std::getenv("HOME");
     if (!home || !*home) {
-        const passwd* pw = ::getpwuid(::getuid());
+        const passwd* pw = Sys().getpwuid(Sys().getuid());
         home = pw ? pw->pw_dir : nullptr;
     }
     return home && *home ? std::string(home) + "/.config/tavikmail/registry.db" : std::string();

@@ -1,18 +1,20 @@
 #include "platform/registry/internal/MimeTypes.h"
 
-#include <fstream>
 #include <sstream>
 #include <unordered_map>
+
+#include "platform/internal/SmallFile.h"
 
 namespace tavik::platform {
 
 std::vector<MimeType> ReadMimeTypes(const std::string& path) {
     std::vector<MimeType> types;
-    std::ifstream in(path);
-    if (!in) return types;
+    std::string bytes;
+    // A hostile list cannot make us hold more than this many bytes or types.
+    if (!ReadSmallFile(path, bytes, 16 << 20)) return types;
+    std::istringstream in(bytes);
     std::unordered_map<std::string, size_t> seen;  // lower-cased type -> index
     std::string line;
-    // A hostile list cannot make us hold more than this many types.
     constexpr size_t kMaxTypes = 100000;
     while (types.size() < kMaxTypes && std::getline(in, line)) {
         if (size_t hash = line.find('#'); hash != std::string::npos) line.erase(hash);

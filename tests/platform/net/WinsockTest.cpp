@@ -2,11 +2,13 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <string>
 #include <vector>
 
+#include "platform/internal/SystemCalls.h"
 #include "platform/net/internal/SocketOps.h"
 
 namespace {
@@ -49,6 +51,43 @@ protected:
         closesocket(l);
     }
 };
+
+// Stand-ins for the system's calls: each interrupted call fails with EINTR, then goes through when made
+// again (the signal has been handled).
+std::atomic<int> g_interruptions{0};
+thread_local bool t_retrying = false;
+bool Interrupted() {
+    t_retrying = !t_retrying;
+    if (!t_retrying) return false;
+    ++g_interruptions;
+    errno = EINTR;
+    return true;
+}
+const tavik::platform::SystemCalls& Real() { return tavik::platform::RealSystemCalls(); }
+// The connection goes on being made, as it does after a real interruption.
+int InterruptedConnect(int fd, const struct sockaddr* to, unsigned length) {
+    if (Real().connect(fd, to, length) != 0 && errno != EINPROGRESS) return -1;
+    ++g_interruptions;
+    errno = EINTR;
+    return -1;
+}
+ssize_t InterruptedSend(int fd, const void* data, size_t count, int flags) {
+    return Interrupted() ? -1 : Real().send(fd, data, count, flags);
+}
+ssize_t InterruptedRecv(int fd, void* data, size_t count, int flags) {
+    return Interrupted() ? -1 : Real().recv(fd, data, count, flags);
+}
+int InterruptedPoll(struct pollfd* fds, unsigned long count, int timeout) {
+    return Interrupted() ? -1 : Real().poll(fds, count, timeout);
+}
+int ResolverOffline(const char*, const char*, const struct addrinfo*, struct addrinfo** out) {
+    *out = nullptr;
+    return -3;  // EAI_AGAIN (netdb.h would clash with the Windows names)
+}
+ssize_t NoBufferSpace(int, const void*, size_t, int) {
+    errno = ENOBUFS;
+    return -1;
+}
 
 // Real sockets below produce the common codes; an errno with no row must still land on a named code.
 TEST(WinsockCodes, UnknownErrorsFallBackAndCodesHaveNames) {
@@ -277,6 +316,37 @@ TEST_F(Started, DatagramsKeepTheirSenderAndReportTruncation) {
     EXPECT_EQ(std::string(buf, 4), "0123");
     closesocket(rx);
     closesocket(tx);
+}
+
+// What real sockets cannot be made to do on demand: a signal arriving during a call, a resolver that is
+// offline, a system out of buffers.
+TEST_F(Started, InterruptedCallsGoOnAndSystemFailuresKeepTheirWindowsCodes) {
+    SOCKET client = INVALID_SOCKET, server = INVALID_SOCKET;
+    {
+        tavik::platform::ScopedSystemCalls calls;
+        calls->connect = InterruptedConnect;
+        calls->send = InterruptedSend;
+        calls->recv = InterruptedRecv;
+        calls->poll = InterruptedPoll;
+        g_interruptions = 0;
+        pair(client, server);
+        EXPECT_EQ(send(client, "ping", 4, 0), 4);
+        EXPECT_EQ(WaitForSocket(server, SOCKET_WAIT_READ, 5, 0), 1);
+        char got[8] = {};
+        EXPECT_EQ(recv(server, got, sizeof got, 0), 4);
+        EXPECT_STREQ(got, "ping");
+        EXPECT_EQ(g_interruptions, 5);  // connect and its wait, send, the wait for the reply, recv
+
+        calls->getaddrinfo = ResolverOffline;
+        EXPECT_EQ(gethostbyname("mail.example.org"), nullptr);
+        EXPECT_EQ(WSAGetLastError(), WSATRY_AGAIN);
+        calls->send = NoBufferSpace;
+        EXPECT_EQ(send(client, "x", 1, 0), SOCKET_ERROR);
+        EXPECT_EQ(WSAGetLastError(), WSAENOBUFS);
+    }
+    EXPECT_EQ(send(client, "pong", 4, 0), 4);
+    closesocket(client);
+    closesocket(server);
 }
 
 TEST_F(Started, HostLookups) {
