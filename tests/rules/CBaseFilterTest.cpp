@@ -12,6 +12,7 @@
 #include "rules/CSpamBlockProfile.h"
 #include "tests/rules/RuleTestSupport.h"
 #include "tests/support/TempDir.h"
+#include "tests/support/WriteFaults.h"
 #include "util/XString.h"
 
 namespace {
@@ -20,7 +21,9 @@ using tavik::test::BaseProbe;
 using tavik::test::LocalTime;
 using tavik::test::Named;
 using tavik::test::ReadFile;
+using tavik::test::SweepWriteFaults;
 using tavik::test::TempDir;
+using tavik::test::WriteFault;
 using tavik::test::WriteFile;
 
 // What each class's comparisons do, as its row of the comparison table says.
@@ -227,6 +230,37 @@ TEST(BaseFilter, ProcessedIdentifierFile) {
     rule.SaveProcessedIDs();
     EXPECT_EQ(ReadFile(path), "");
     EXPECT_FALSE(std::filesystem::exists(path + ".new"));
+}
+
+// The file is replaced whole: with each file-system change of a save failing in turn, it holds the old
+// list or the new one, and nothing is left beside it.
+TEST(BaseFilter, AProcessedIdentifierSaveThatFailsAnywhereLeavesTheOldFile) {
+    TempDir dir;
+    const std::string path = dir.file("Weekly.tpd");
+    const std::string old("\x01\0\0\0\x02\0\0\0", 8);
+    BaseProbe rule = Named<BaseProbe>("Weekly");
+    rule.SetProcessedIDsFile(path.c_str());
+    for (DWORD id = 1; id <= 5000; ++id) rule.AddProcessedID(id);
+    WriteFile(path, old);  // else the save picks its own path
+    rule.SaveProcessedIDs();
+    const std::string fresh = ReadFile(path);
+    ASSERT_EQ(fresh.size(), 20000u);
+
+    int failures = SweepWriteFaults([&](int n) {
+        SCOPED_TRACE(n);
+        WriteFile(path, old);
+        bool hit;
+        {
+            WriteFault fault(n, ENOSPC);
+            rule.SaveProcessedIDs();
+            hit = fault.Hit();
+        }
+        const std::string now = ReadFile(path);
+        EXPECT_TRUE(now == old || now == fresh) << now.size() << " bytes";
+        EXPECT_FALSE(std::filesystem::exists(path + ".new"));
+        return hit;
+    });
+    EXPECT_GE(failures, 4);  // the new file's creation, its write, its flush, the rename
 }
 
 TEST(BaseFilter, TextRecordParsesOnlyWhatTheTextHolds) {
