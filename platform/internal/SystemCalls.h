@@ -9,6 +9,7 @@
 #pragma once
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/types.h>
 #include <sys/uio.h>
@@ -66,6 +67,8 @@ struct SystemCalls {
     SystemCall<int(int fd, int operation)> flock;
     // Only the commands that take an int (or nothing): F_GETFD, F_GETFL, F_SETFL, F_DUPFD_CLOEXEC.
     SystemCall<int(int fd, int command, int argument)> fcntl;
+    // The commands that take a range (F_OFD_SETLK, F_OFD_GETLK, ...).
+    SystemCall<int(int fd, int command, struct flock* range)> fcntl_lock;
     SystemCall<int(int fd, struct stat* out)> fstat;
     SystemCall<int(int fd, mode_t mode)> fchmod;
     // Names.

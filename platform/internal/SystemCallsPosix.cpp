@@ -18,6 +18,7 @@ namespace {
 
 int Open(const char* path, int flags, mode_t mode) { return ::open(path, flags, mode); }
 int Fcntl(int fd, int command, int argument) { return ::fcntl(fd, command, argument); }
+int FcntlLock(int fd, int command, struct flock* range) { return ::fcntl(fd, command, range); }
 int Rename(const char* from, const char* to) { return std::rename(from, to); }
 int Stat(const char* path, struct stat* out) { return ::stat(path, out); }
 int Fstat(int fd, struct stat* out) { return ::fstat(fd, out); }
@@ -40,6 +41,7 @@ constexpr SystemCalls MakeReal() {
         .ftruncate = ::ftruncate,
         .flock = ::flock,
         .fcntl = Fcntl,
+        .fcntl_lock = FcntlLock,
         .fstat = Fstat,
         .fchmod = ::fchmod,
         .stat = Stat,

@@ -103,6 +103,21 @@ void RouteSqliteThroughTable() {
         if (vfs->xGetSystemCall(vfs, name)) vfs->xSetSystemCall(vfs, name, call);
 }
 
+// How a connection waits for a lock another process holds. A process saving many keys commits many
+// small transactions back to back, so the write lock is free only for moments between them; SQLite's own
+// handler backs off to one try every 100 ms, which kept missing those moments until the other process
+// had finished or the time-out had passed. A try every millisecond finds them.
+int RetryOften(void*, int attempt) {
+    thread_local std::chrono::steady_clock::time_point since;
+    const auto now = std::chrono::steady_clock::now();
+    if (attempt == 0)
+        since = now;
+    else if (now - since >= std::chrono::milliseconds(kBusyTimeoutMs))
+        return 0;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    return 1;
+}
+
 std::int64_t NowSeconds() {
     struct timespec ts {};
     Sys().clock_gettime(CLOCK_REALTIME, &ts);
@@ -181,6 +196,12 @@ void StoreDatabase::Close() {
     }
     sqlite3_close_v2(m_db);
     m_db = nullptr;
+    m_turn.Close();
+}
+
+void StoreDatabase::EndWrite() {
+    m_inWrite = false;
+    m_turn.Give();
 }
 
 LONG StoreDatabase::Fail(int rc, const char* what) {
@@ -222,7 +243,7 @@ LONG StoreDatabase::Fail(int rc, const char* what) {
     m_message = std::string(what) + ": " + why;
     // SQLite rolls a transaction back by itself after some failures; follow it.
     if ((m_inWrite || m_inRead) && m_db && sqlite3_get_autocommit(m_db)) {
-        m_inWrite = false;
+        if (m_inWrite) EndWrite();
         m_inRead = false;
         m_touched.clear();
     }
@@ -308,14 +329,16 @@ LONG StoreDatabase::Open(const std::string& path) {
         return ERROR_CANTOPEN;
     }
     sqlite3_extended_result_codes(m_db, 1);
-    sqlite3_busy_timeout(m_db, kBusyTimeoutMs);
+    sqlite3_busy_handler(m_db, RetryOften, nullptr);
     LONG code = CheckAndInitialise();
     if (code != ERROR_SUCCESS) {
         std::string why = m_message;
         Close();
         m_message = why;
+        return code;
     }
-    return code;
+    m_turn.Open(path + "-lock");
+    return ERROR_SUCCESS;
 }
 
 LONG StoreDatabase::CheckAndInitialise() {
@@ -601,8 +624,16 @@ LONG StoreDatabase::BeginWrite() {
     if (m_inWrite) return ERROR_SUCCESS;
     // A snapshot cannot become a write if someone committed since; start from the newest state instead.
     EndRead();
+    const auto giveUp = std::chrono::steady_clock::now() + std::chrono::milliseconds(kBusyTimeoutMs);
+    if (!m_turn.Take(giveUp)) {
+        m_message = "BEGIN IMMEDIATE: the registry store " + m_path + " stayed locked by another process";
+        return ERROR_CANTWRITE;
+    }
     LONG code = Exec("BEGIN IMMEDIATE");
-    if (code != ERROR_SUCCESS) return code;
+    if (code != ERROR_SUCCESS) {
+        m_turn.Give();
+        return code;
+    }
     m_inWrite = true;
     m_nextSeq.clear();
     return ERROR_SUCCESS;
@@ -628,10 +659,10 @@ LONG StoreDatabase::Commit() {
     if (rc != SQLITE_OK) {
         LONG code = Fail(rc, "commit");
         if (!sqlite3_get_autocommit(m_db)) sqlite3_exec(m_db, "ROLLBACK", nullptr, nullptr, nullptr);
-        m_inWrite = false;
+        EndWrite();
         return code;
     }
-    m_inWrite = false;
+    EndWrite();
     return ERROR_SUCCESS;
 }
 

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "platform/WinTypes.h"
+#include "platform/registry/internal/WriteTurn.h"
 
 struct sqlite3;
 struct sqlite3_stmt;
@@ -112,6 +113,7 @@ private:
     LONG NextSeq(std::int64_t key, std::int64_t* seq);
     LONG Fail(int rc, const char* what);  // maps an SQLite result to a registry code and records why
     LONG CheckAndInitialise();
+    void EndWrite();
     void Close();
 
     sqlite3* m_db = nullptr;
@@ -119,6 +121,7 @@ private:
     std::string m_message;
     sqlite3_stmt* m_statements[kStatementCount] = {};
     std::int64_t m_roots[kRootCount] = {};
+    WriteTurn m_turn;
     bool m_inWrite = false;
     bool m_inRead = false;
     std::vector<std::int64_t> m_touched;

@@ -250,6 +250,35 @@ TEST_F(RegistryStore, TwoProcessesAndThisOneWritingAtOnceLoseNothing) {
     RegCloseKey(key);
 }
 
+// Another process committing small transactions back to back, for longer than any wait for the lock
+// may last, leaves this one moments to write in.
+TEST_F(RegistryStore, AProcessWritingWithoutPauseDoesNotShutOutAnother) {
+    HKEY key = Create("Software\\Busy");
+    RegCloseKey(key);
+    Child busy({"write", StoreFile(), "Software\\Busy", "b", "100000000", "500"});
+    bool started = false;
+    for (int tries = 0; tries < 1000 && !started; ++tries) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        ASSERT_EQ(RegOpenKeyEx(HKEY_CURRENT_USER, "Software\\Busy", 0, KEY_READ, &key), ERROR_SUCCESS);
+        started = !ValueNames(key).empty();
+        RegCloseKey(key);
+    }
+    ASSERT_TRUE(started) << "the other process never wrote";
+    for (int i = 0; i < 60;) {
+        key = nullptr;
+        ASSERT_EQ(RegCreateKeyEx(HKEY_CURRENT_USER, "Software\\Mine", 0, nullptr, 0, KEY_ALL_ACCESS, nullptr,
+                                 &key, nullptr),
+                  ERROR_SUCCESS)
+            << RegGetLastMessage();
+        for (int end = i + 2; i < end; ++i) SetDword(key, ("m" + std::to_string(i)).c_str(), i);
+        ASSERT_EQ(RegCloseKey(key), ERROR_SUCCESS) << RegGetLastMessage();
+    }
+    busy.Kill();
+    key = Create("Software\\Mine");
+    EXPECT_EQ(ValueNames(key).size(), 60u);
+    RegCloseKey(key);
+}
+
 TEST_F(RegistryStore, ThreadsOfOneProcessShareTheStore) {
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t)
