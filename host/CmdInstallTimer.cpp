@@ -13,17 +13,18 @@ int Run(const Invocation& call) {
     InstallOptions o;
     o.force = args.Has("force");
     o.print = args.Has("print");
-    o.spec.intervalMinutes = static_cast<unsigned>(args.GetNumber("interval", 1, kMaxIntervalMinutes, 0));
-    if (o.spec.intervalMinutes == 0) {
-        o.spec.intervalMinutes = ConfiguredCheckInterval(DefaultConfigurationKey());
-        if (o.spec.intervalMinutes == 0 || o.spec.intervalMinutes > kMaxIntervalMinutes)
-            return call.Fail("the CheckMail Interval option is " + std::to_string(o.spec.intervalMinutes) +
+    o.settings.intervalMinutes = static_cast<unsigned>(args.GetNumber("interval", 1, kMaxIntervalMinutes, 0));
+    if (o.settings.intervalMinutes == 0) {
+        o.settings.intervalMinutes = ConfiguredCheckInterval(DefaultConfigurationKey());
+        if (o.settings.intervalMinutes == 0 || o.settings.intervalMinutes > kMaxIntervalMinutes)
+            return call.Fail("the CheckMail Interval option is " +
+                             std::to_string(o.settings.intervalMinutes) +
                              " minutes: give --interval MINUTES");
     }
     std::error_code ec;
-    o.spec.program = std::filesystem::canonical("/proc/self/exe", ec).string();
+    o.settings.program = std::filesystem::canonical("/proc/self/exe", ec).string();
     if (ec) return call.Fail("cannot tell where this program is: " + ec.message());
-    o.spec.environment = TimerEnvironment();
+    o.settings.environment = TimerEnvironment();
     return InstallTimer(o, call.out, call.err);
 }
 

@@ -51,9 +51,9 @@ std::string SystemdQuote(std::string_view word, bool dollars) {
     return out + "\"";
 }
 
-std::string ServiceUnitText(const TimerSpec& spec) {
-    const std::string program = SystemdQuote(spec.program, true);
-    if (spec.program.empty() || program.empty()) return {};
+std::string ServiceUnitText(const TimerSpec& settings) {
+    const std::string program = SystemdQuote(settings.program, true);
+    if (settings.program.empty() || program.empty()) return {};
     std::string text = "# Written by tavik install-timer: one check of every account, started by " +
                        std::string(kTimerUnit) +
                        ".timer.\n"
@@ -64,7 +64,7 @@ std::string ServiceUnitText(const TimerSpec& spec) {
                        "Type=oneshot\n"
                        "ExecStart=" +
                        program + " " + kTimerCommand + "\n";
-    for (const auto& [name, value] : spec.environment) {
+    for (const auto& [name, value] : settings.environment) {
         const std::string quoted = SystemdQuote(name + "=" + value, false);
         if (quoted.empty()) return {};
         text += "Environment=" + quoted + "\n";
@@ -74,12 +74,12 @@ std::string ServiceUnitText(const TimerSpec& spec) {
     return text;
 }
 
-std::string TimerUnitText(const TimerSpec& spec) {
-    const std::string every = std::to_string(spec.intervalMinutes);
+std::string TimerUnitText(const TimerSpec& settings) {
+    const std::string every = std::to_string(settings.intervalMinutes);
     return "# Written by tavik install-timer.\n"
            "[Unit]\n"
            "Description=tavikmail: check mail every " +
-           every + (spec.intervalMinutes == 1 ? " minute" : " minutes") +
+           every + (settings.intervalMinutes == 1 ? " minute" : " minutes") +
            "\n"
            "\n"
            "[Timer]\n"
@@ -116,14 +116,14 @@ int InstallTimer(const InstallOptions& o, FILE* out, FILE* err) {
         std::fprintf(err, "tavik install-timer: %s\n", TerminalText(why).c_str());
         return 1;
     };
-    if (o.spec.intervalMinutes < 1 || o.spec.intervalMinutes > kMaxIntervalMinutes)
+    if (o.settings.intervalMinutes < 1 || o.settings.intervalMinutes > kMaxIntervalMinutes)
         return fail("the interval must be 1 to " + std::to_string(kMaxIntervalMinutes) + " minutes");
-    const std::string service = ServiceUnitText(o.spec);
+    const std::string service = ServiceUnitText(o.settings);
     if (service.empty())
-        return fail("the program's path or a variable holds a control character: " + o.spec.program);
+        return fail("the program's path or a variable holds a control character: " + o.settings.program);
     const UnitFile files[] = {
         {fs::path(o.directory) / (std::string(kTimerUnit) + ".service"), service},
-        {fs::path(o.directory) / (std::string(kTimerUnit) + ".timer"), TimerUnitText(o.spec)}};
+        {fs::path(o.directory) / (std::string(kTimerUnit) + ".timer"), TimerUnitText(o.settings)}};
     if (o.print) {
         for (const UnitFile& f : files)
             std::fprintf(out, "# %s\n%s\n", f.path.string().c_str(), f.text.c_str());
@@ -166,8 +166,8 @@ int InstallTimer(const InstallOptions& o, FILE* out, FILE* err) {
                  "  systemctl --user daemon-reload\n"
                  "  systemctl --user enable --now %s.timer\n"
                  "to keep checking while you are logged out: loginctl enable-linger\n",
-                 o.spec.intervalMinutes, o.spec.intervalMinutes == 1 ? "" : "s",
-                 TerminalText(o.spec.program).c_str(), kTimerCommand, kTimerUnit);
+                 o.settings.intervalMinutes, o.settings.intervalMinutes == 1 ? "" : "s",
+                 TerminalText(o.settings.program).c_str(), kTimerCommand, kTimerUnit);
     return 0;
 }
 

@@ -37,8 +37,8 @@ std::vector<std::pair<std::string, std::string>> TimerEnvironment();
 std::string SystemdQuote(std::string_view word, bool dollars);
 
 // The unit files' text. Empty when the program or a variable cannot be quoted.
-std::string ServiceUnitText(const TimerSpec& spec);
-std::string TimerUnitText(const TimerSpec& spec);
+std::string ServiceUnitText(const TimerSpec& settings);
+std::string TimerUnitText(const TimerSpec& settings);
 
 // The "CheckMail Interval" option (minutes) of an option set's registry key, as the user's configuration
 // holds it; fallback when the key does not exist (which is then not created).
@@ -48,7 +48,7 @@ std::string DefaultConfigurationKey();
 
 struct InstallOptions {
     std::string directory = SystemdUserDirectory();
-    TimerSpec spec;
+    TimerSpec settings;
     bool force = false;  // replace unit files that exist
     bool print = false;  // print the two files instead of writing them
 };

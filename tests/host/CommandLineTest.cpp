@@ -10,7 +10,7 @@ using namespace tavik::host;
 
 namespace {
 
-const Command& Spec() {
+const Command& TryCommand() {
     static const Command command{
         .name = "try",
         .summary = "a command to parse for",
@@ -79,7 +79,7 @@ TEST(CommandLine, AcceptsEveryFormOfOptionAmongTheArguments) {
         {{"a", "--", "--help"}, "| a --help"},
     };
     for (const Row& row : rows)
-        EXPECT_EQ(Parse(Spec(), row.args), row.expected) << ::testing::PrintToString(row.args);
+        EXPECT_EQ(Parse(TryCommand(), row.args), row.expected) << ::testing::PrintToString(row.args);
 }
 
 TEST(CommandLine, RefusesWhatItCannotTakeWithTheReason) {
@@ -99,7 +99,7 @@ TEST(CommandLine, RefusesWhatItCannotTakeWithTheReason) {
         {{"a", "b", "c"}, "error: unexpected argument 'c'"},
     };
     for (const Row& row : rows)
-        EXPECT_EQ(Parse(Spec(), row.args), row.expected) << ::testing::PrintToString(row.args);
+        EXPECT_EQ(Parse(TryCommand(), row.args), row.expected) << ::testing::PrintToString(row.args);
 
     const Command required{.name = "need", .options = {Option::Value("server", "HOST", "", true)}};
     EXPECT_EQ(Parse(required, {}), "error: --server is required");
@@ -125,7 +125,7 @@ TEST(CommandLine, NumbersAreWholeAndWithinTheirRange) {
         {"99999999999999999999", -99},
     };
     for (const auto& row : rows) {
-        Arguments args = ParseArguments(Spec(), {"--port=" + row.value, "a"});
+        Arguments args = ParseArguments(TryCommand(), {"--port=" + row.value, "a"});
         long got = -99;
         try {
             got = args.GetNumber("port", 1, 65535, 110);
@@ -135,14 +135,14 @@ TEST(CommandLine, NumbersAreWholeAndWithinTheirRange) {
         }
         EXPECT_EQ(got, row.expected) << row.value;
     }
-    EXPECT_EQ(ParseArguments(Spec(), {"a"}).GetNumber("port", 1, 65535, 110), 110);
-    EXPECT_EQ(ParseArguments(Spec(), {"--port=-3", "a"}).GetNumber("port", -5, 5, 0), -3);
+    EXPECT_EQ(ParseArguments(TryCommand(), {"a"}).GetNumber("port", 1, 65535, 110), 110);
+    EXPECT_EQ(ParseArguments(TryCommand(), {"--port=-3", "a"}).GetNumber("port", -5, 5, 0), -3);
 }
 
 TEST(CommandLine, UsageAndHelpAreBuiltFromTheCommand) {
-    EXPECT_EQ(UsageText(Spec(), "tavik try"),
+    EXPECT_EQ(UsageText(TryCommand(), "tavik try"),
               "usage: tavik try [--json] [--port PORT] [--to ADDRESS]... FILE...\n");
-    EXPECT_EQ(HelpText(Spec(), "tavik try"),
+    EXPECT_EQ(HelpText(TryCommand(), "tavik try"),
               "usage: tavik try [--json] [--port PORT] [--to ADDRESS]... FILE...\n"
               "\n"
               "a command to parse for\n"

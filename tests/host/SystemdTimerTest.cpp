@@ -68,9 +68,9 @@ TEST_F(SystemdTimer, QuotingAndUnitText) {
     EXPECT_EQ(SystemdQuote("a$e", false), "\"a$e\"");
     EXPECT_EQ(SystemdQuote("a\nExecStart=/bin/evil", true), "");
 
-    TimerSpec spec{"/opt/100%/tavik", 15, {{"TAVIK_DATA", "/home/ann/mail data"}}};
+    TimerSpec settings{"/opt/100%/tavik", 15, {{"TAVIK_DATA", "/home/ann/mail data"}}};
     EXPECT_EQ(
-        ServiceUnitText(spec),
+        ServiceUnitText(settings),
         "# Written by tavik install-timer: one check of every account, started by tavikmail-check.timer.\n"
         "[Unit]\n"
         "Description=tavikmail: check mail and fight junk\n"
@@ -80,7 +80,7 @@ TEST_F(SystemdTimer, QuotingAndUnitText) {
         "ExecStart=\"/opt/100%%/tavik\" watch --once\n"
         "Environment=\"TAVIK_DATA=/home/ann/mail data\"\n"
         "SuccessExitStatus=3\n");
-    EXPECT_EQ(TimerUnitText(spec),
+    EXPECT_EQ(TimerUnitText(settings),
               "# Written by tavik install-timer.\n"
               "[Unit]\n"
               "Description=tavikmail: check mail every 15 minutes\n"
@@ -92,14 +92,14 @@ TEST_F(SystemdTimer, QuotingAndUnitText) {
               "\n"
               "[Install]\n"
               "WantedBy=timers.target\n");
-    spec.environment.push_back({"XDG_STATE_HOME", "/tmp/\x1b"});
-    EXPECT_EQ(ServiceUnitText(spec), "");
+    settings.environment.push_back({"XDG_STATE_HOME", "/tmp/\x1b"});
+    EXPECT_EQ(ServiceUnitText(settings), "");
 }
 
 TEST_F(SystemdTimer, WritesOnceRefusesToReplaceAndPassesSystemdsVerifier) {
     InstallOptions o;
     o.directory = Units();
-    o.spec = {"/bin/true", 5, {{"TAVIK_DATA", m_dir.file("data dir")}}};
+    o.settings = {"/bin/true", 5, {{"TAVIK_DATA", m_dir.file("data dir")}}};
     FILE* out = std::tmpfile();
     FILE* err = std::tmpfile();
     ASSERT_EQ(InstallTimer(o, out, err), 0) << Drain(err);
@@ -113,8 +113,8 @@ TEST_F(SystemdTimer, WritesOnceRefusesToReplaceAndPassesSystemdsVerifier) {
             "  systemctl --user daemon-reload\n  systemctl --user enable --now tavikmail-check.timer\n"),
         std::string::npos);
     const std::string service = ReadFile(Units() + "/tavikmail-check.service");
-    EXPECT_EQ(service, ServiceUnitText(o.spec));
-    EXPECT_EQ(ReadFile(Units() + "/tavikmail-check.timer"), TimerUnitText(o.spec));
+    EXPECT_EQ(service, ServiceUnitText(o.settings));
+    EXPECT_EQ(ReadFile(Units() + "/tavikmail-check.timer"), TimerUnitText(o.settings));
     EXPECT_FALSE(std::filesystem::exists(Units() + "/tavikmail-check.service.new"));
 
     // systemd's own reading of the files: every key known, the program there to run.
@@ -133,7 +133,7 @@ TEST_F(SystemdTimer, WritesOnceRefusesToReplaceAndPassesSystemdsVerifier) {
     }
 
     // A second install changes nothing without --force.
-    o.spec.intervalMinutes = 20;
+    o.settings.intervalMinutes = 20;
     out = std::tmpfile();
     err = std::tmpfile();
     EXPECT_EQ(InstallTimer(o, out, err), 1);
@@ -160,7 +160,7 @@ TEST_F(SystemdTimer, WritesOnceRefusesToReplaceAndPassesSystemdsVerifier) {
     err = std::tmpfile();
     EXPECT_EQ(InstallTimer(o, nullptr, err), 1);
     EXPECT_EQ(Drain(err).rfind("tavik install-timer: cannot create " + o.directory, 0), 0u);
-    o.spec.intervalMinutes = 0;
+    o.settings.intervalMinutes = 0;
     err = std::tmpfile();
     EXPECT_EQ(InstallTimer(o, nullptr, err), 1);
     EXPECT_EQ(Drain(err), "tavik install-timer: the interval must be 1 to 10080 minutes\n");
