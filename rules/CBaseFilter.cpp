@@ -149,10 +149,8 @@ void CBaseFilter::LoadProcessedIDs() {
         size_t carried = 0;  // bytes of a value split across two reads
         while (UINT got = file.Read(chunk.data() + carried, static_cast<UINT>(chunk.size() - carried))) {
             const size_t have = carried + got;
-            size_t i = 0;
-            for (; i + 4 <= have; i += 4)
-                m_ProcessedIDs.Append(chunk[i] | (DWORD(chunk[i + 1]) << 8) | (DWORD(chunk[i + 2]) << 16) |
-                                      (DWORD(chunk[i + 3]) << 24));
+            const size_t i = have / 4 * 4;
+            m_ProcessedIDs.AppendLittleEndian(chunk.data(), have / 4, false);
             carried = have - i;
             std::memmove(chunk.data(), chunk.data() + i, carried);
         }

@@ -96,12 +96,7 @@ void CBaseFilter::ReadStorageData(CStorageManager* storage) {
                         &times[1], &times[2], &times[3]});
             std::string ids;
             storage->ReadBytes(ResString(IDS_CACHED_PROCESSED_IDS), ids);
-            m_ProcessedIDs.Reserve(m_ProcessedIDs.Size() + ids.size() / 4);
-            for (size_t i = 0; i + 4 <= ids.size(); i += 4) {
-                auto b = reinterpret_cast<const unsigned char*>(ids.data() + i);
-                m_ProcessedIDs.AppendUnique(b[0] | (DWORD(b[1]) << 8) | (DWORD(b[2]) << 16) |
-                                            (DWORD(b[3]) << 24));
-            }
+            m_ProcessedIDs.AppendLittleEndian(ids.data(), ids.size() / 4, true);
             std::string ignore;
             if (storage->ReadBytes(ResString(IDS_IGNORE_LIST), ignore))
                 EntryAdder(m_IgnoreList).AddSplit(ignore);

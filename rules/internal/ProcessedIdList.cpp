@@ -10,68 +10,55 @@ namespace {
 constexpr size_t kCompactAbove = 64;
 }  // namespace
 
-size_t ProcessedIdList::Home(DWORD id) const {
-    // Fibonacci hashing: the top bits of the product spread runs and strides of numbers as well as the
-    // CRC-32 values identifiers usually are.
-    return static_cast<size_t>((static_cast<std::uint64_t>(id) * 0x9E3779B97F4A7C15ull) >> m_shift);
-}
-
-size_t ProcessedIdList::Probe(DWORD id) const {
-    const size_t mask = m_slots.size() - 1;
-    size_t i = Home(id);
-    while (m_slots[i].key != 0 && m_slots[i].key != id) i = (i + 1) & mask;
-    return i;
-}
-
-size_t ProcessedIdList::FindSlot(DWORD id) const {
-    if (m_slots.empty()) return kNone;
-    const size_t i = Probe(id);
-    return m_slots[i].key == id ? i : kNone;
-}
-
 void ProcessedIdList::Grow(size_t slots) {
-    std::vector<Slot> old = std::move(m_slots);
-    m_slots.assign(slots, Slot{0, 0});
+    std::vector<DWORD> oldKeys = std::move(m_keys);
+    std::vector<std::uint8_t> oldTags = std::move(m_tags);
+    std::vector<std::uint32_t> oldFirst = std::move(m_first);
+    m_keys.assign(slots, 0);
+    m_tags.assign(slots, 0);
+    if (!oldFirst.empty()) m_first.assign(slots, kUnknown);
     m_shift = 64;
     for (size_t n = slots; n > 1; n >>= 1) --m_shift;
-    for (const Slot& slot : old)
-        if (slot.key != 0) m_slots[Probe(slot.key)] = slot;
+    for (size_t i = 0; i < oldKeys.size(); ++i) {
+        if (oldTags[i] == 0) continue;
+        const size_t slot = Probe(oldKeys[i]);
+        m_keys[slot] = oldKeys[i];
+        m_tags[slot] = oldTags[i];
+        if (!oldFirst.empty()) m_first[slot] = oldFirst[i];
+    }
 }
 
 void ProcessedIdList::Reserve(size_t count) {
-    m_values.reserve(count);
-    size_t slots = std::max(m_slots.size(), kFirstSlots);
+    size_t slots = std::max(m_keys.size(), kFirstSlots);
     while (count * 4 > slots * 3) slots *= 2;
-    if (slots != m_slots.size()) Grow(slots);
+    if (slots != m_keys.size()) Grow(slots);
 }
 
-void ProcessedIdList::Insert(DWORD id, std::uint32_t index) {
-    if (id == 0) {
-        m_zeroPresent = true;
-        m_zeroFirst = index;
-        return;
+void ProcessedIdList::TrackPositions() {
+    m_first.assign(m_keys.size(), kUnknown);
+    std::uint32_t index = 0;
+    for (DWORD id : m_values) {
+        if (m_removed.empty() || !m_removed[index]) {
+            std::uint32_t& first = m_first[Probe(id)];
+            if (first == kUnknown) first = index;
+        }
+        ++index;
     }
-    GrowIfFull();
-    m_slots[Probe(id)] = Slot{id, index};
-    ++m_used;
 }
 
-void ProcessedIdList::Erase(DWORD id) {
-    if (id == 0) {
-        m_zeroPresent = false;
-        return;
-    }
+void ProcessedIdList::Erase(size_t hole) {
     // Backward-shift deletion keeps every probe sequence unbroken without tombstones.
-    const size_t mask = m_slots.size() - 1;
-    size_t hole = FindSlot(id);
-    m_slots[hole].key = 0;
+    const size_t mask = m_keys.size() - 1;
+    m_tags[hole] = 0;
     --m_used;
-    for (size_t j = (hole + 1) & mask; m_slots[j].key != 0; j = (j + 1) & mask) {
-        const size_t home = Home(m_slots[j].key);
+    for (size_t j = (hole + 1) & mask; m_tags[j] != 0; j = (j + 1) & mask) {
+        const size_t home = Home(Hash(m_keys[j]));
         const bool reachable = hole <= j ? (hole < home && home <= j) : (hole < home || home <= j);
         if (reachable) continue;
-        m_slots[hole] = m_slots[j];
-        m_slots[j].key = 0;
+        m_keys[hole] = m_keys[j];
+        m_tags[hole] = m_tags[j];
+        if (!m_first.empty()) m_first[hole] = m_first[j];
+        m_tags[j] = 0;
         hole = j;
     }
 }
@@ -84,46 +71,78 @@ void ProcessedIdList::Push(DWORD id) {
 
 void ProcessedIdList::Append(DWORD id) {
     const auto index = static_cast<std::uint32_t>(m_values.size());
-    if (Contains(id))
+    GrowIfFull();
+    const size_t slot = Probe(id);
+    if (m_tags[slot])
         ++m_repeats.try_emplace(id, 1).first->second;
     else
-        Insert(id, index);
+        Take(slot, id, index);
     Push(id);
 }
 
 bool ProcessedIdList::AppendUnique(DWORD id) {
     const auto index = static_cast<std::uint32_t>(m_values.size());
-    if (id == 0) {
-        if (m_zeroPresent) return false;
-        Insert(0, index);
-    } else {
-        // One probe finds the identifier or the slot it takes.
-        GrowIfFull();
-        Slot& slot = m_slots[Probe(id)];
-        if (slot.key == id) return false;
-        slot = Slot{id, index};
-        ++m_used;
-    }
+    // One probe finds the identifier or the slot it takes.
+    GrowIfFull();
+    const size_t slot = Probe(id);
+    if (m_tags[slot]) return false;
+    Take(slot, id, index);
     Push(id);
     return true;
 }
 
+void ProcessedIdList::AppendLittleEndian(const void* bytes, size_t count, bool unique) {
+    // Room for every value in the table first, so that the loop below never grows it.
+    Reserve(m_live + count);
+    const size_t before = m_values.size();
+    auto index = static_cast<std::uint32_t>(before);
+    // The table's fields in locals: the stores below would otherwise make the compiler load them anew.
+    DWORD* const keys = m_keys.data();
+    std::uint8_t* const tags = m_tags.data();
+    std::uint32_t* const first = m_first.empty() ? nullptr : m_first.data();
+    const size_t mask = m_keys.size() - 1;
+    size_t used = m_used;
+    const auto* p = static_cast<const unsigned char*>(bytes);
+    for (size_t n = 0; n < count; ++n, p += 4) {
+        const DWORD id = p[0] | (DWORD(p[1]) << 8) | (DWORD(p[2]) << 16) | (DWORD(p[3]) << 24);
+        const std::uint64_t hash = Hash(id);
+        const std::uint8_t tag = Tag(hash);
+        size_t i = Home(hash);
+        while (tags[i] != 0 && (tags[i] != tag || keys[i] != id)) i = (i + 1) & mask;
+        if (tags[i] == 0) {
+            keys[i] = id;
+            tags[i] = tag;
+            if (first) first[i] = index;
+            ++used;
+        } else {
+            if (unique) continue;
+            ++m_repeats.try_emplace(id, 1).first->second;
+        }
+        m_values.push_back(id);
+        ++index;
+    }
+    m_used = used;
+    if (!m_removed.empty()) m_removed.resize(index, false);
+    m_live += index - before;
+}
+
 bool ProcessedIdList::RemoveFirst(DWORD id) {
-    if (!Contains(id)) return false;
-    std::uint32_t& first = FirstOf(id);
-    const size_t index = first;
+    const size_t slot = FindSlot(id);
+    if (slot == kNone) return false;
+    if (m_first.empty()) TrackPositions();
+    const size_t index = m_first[slot];
     if (m_removed.empty()) m_removed.resize(m_values.size(), false);
     m_removed[index] = true;
     --m_live;
     auto repeat = m_repeats.find(id);
     if (repeat == m_repeats.end()) {
-        Erase(id);
+        Erase(slot);
     } else {
         if (--repeat->second == 1) m_repeats.erase(repeat);
         // Another occurrence lies further on.
         size_t next = index + 1;
         while (m_removed[next] || m_values[next] != id) ++next;
-        first = static_cast<std::uint32_t>(next);
+        m_first[slot] = static_cast<std::uint32_t>(next);
     }
     Compact();
     return true;
@@ -143,12 +162,13 @@ void ProcessedIdList::Compact() {
 void ProcessedIdList::Clear() {
     m_values.clear();
     m_removed.clear();
-    m_slots.clear();
+    m_keys.clear();
+    m_tags.clear();
+    m_first.clear();
     m_repeats.clear();
     m_shift = 64;
     m_live = 0;
     m_used = 0;
-    m_zeroPresent = false;
 }
 
 std::list<DWORD> ProcessedIdList::ToList() const {
@@ -158,12 +178,14 @@ std::list<DWORD> ProcessedIdList::ToList() const {
 }
 
 std::string ProcessedIdList::ToBytes() const {
-    std::string bytes;
-    bytes.reserve(m_live * 4);
+    std::string bytes(m_live * 4, '\0');
+    char* out = bytes.data();
     ForEach([&](DWORD id) {
-        const char le[4] = {static_cast<char>(id), static_cast<char>(id >> 8), static_cast<char>(id >> 16),
-                            static_cast<char>(id >> 24)};
-        bytes.append(le, 4);
+        out[0] = static_cast<char>(id);
+        out[1] = static_cast<char>(id >> 8);
+        out[2] = static_cast<char>(id >> 16);
+        out[3] = static_cast<char>(id >> 24);
+        out += 4;
     });
     return bytes;
 }

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <deque>
 #include <list>
 #include <string>
 #include <unordered_map>
@@ -16,11 +17,14 @@ namespace tavik::lib {
 
 class ProcessedIdList {
 public:
-    bool Contains(DWORD id) const { return id ? FindSlot(id) != kNone : m_zeroPresent; }
+    bool Contains(DWORD id) const { return FindSlot(id) != kNone; }
     // Appends, present or not.
     void Append(DWORD id);
     // Appends unless present; true when it did.
     bool AppendUnique(DWORD id);
+    // Appends count values stored as 4 bytes little-endian each, as Append (AppendUnique when unique)
+    // would one after the other.
+    void AppendLittleEndian(const void* bytes, size_t count, bool unique);
     // Removes the first occurrence; false when there is none.
     bool RemoveFirst(DWORD id);
     void Clear();
@@ -35,51 +39,81 @@ public:
     std::string ToBytes() const;
     template <class Visit>
     void ForEach(Visit visit) const {
-        for (size_t i = 0; i < m_values.size(); ++i)
-            if (!Removed(i)) visit(m_values[i]);
+        if (m_removed.empty()) {
+            for (DWORD id : m_values) visit(id);
+            return;
+        }
+        size_t i = 0;
+        for (DWORD id : m_values)
+            if (!m_removed[i++]) visit(id);
     }
 
     bool operator==(const ProcessedIdList& other) const { return ToList() == other.ToList(); }
 
 private:
     static constexpr size_t kNone = ~size_t(0);
+    static constexpr std::uint32_t kUnknown = ~std::uint32_t(0);
 
-    // The table holds each distinct non-zero value once, beside where its first live occurrence is: a
-    // search and the add that follows it touch one place in memory, which for lists of 50,000
-    // identifiers is the cost that counts. Key 0 marks a free slot, so the value 0 is kept beside the
-    // table.
-    struct Slot {
-        DWORD key;
-        std::uint32_t first;
-    };
-    size_t FindSlot(DWORD id) const;
-    size_t Home(DWORD id) const;
+    // The table holds each distinct value once. Beside each slot a tag byte: 0 for a free slot, else
+    // seven bits of the value's hash. A search reads the tags and looks at a value only when its tag
+    // matches, so that for a value not there (what a check asks about nearly always) it touches one
+    // byte a slot instead of four: for lists of 50,000 identifiers the tags stay in the caches where the
+    // values would not, and that is the cost that counts.
+    size_t FindSlot(DWORD id) const {
+        if (m_keys.empty()) return kNone;
+        const size_t i = Probe(id);
+        return m_tags[i] ? i : kNone;
+    }
+    std::uint64_t Hash(DWORD id) const { return static_cast<std::uint64_t>(id) * 0x9E3779B97F4A7C15ull; }
+    // Fibonacci hashing: the top bits of the product spread runs and strides of numbers as well as the
+    // CRC-32 values identifiers usually are. The tag comes from bits the slot number never uses.
+    size_t Home(std::uint64_t hash) const { return static_cast<size_t>(hash >> m_shift); }
+    static std::uint8_t Tag(std::uint64_t hash) {
+        return static_cast<std::uint8_t>(0x80 | ((hash >> 32) & 0x7F));
+    }
     // The slot of id, or the free slot where it would go (the table has room for one more).
-    size_t Probe(DWORD id) const;
-    // Where the first live occurrence of a present id is kept.
-    std::uint32_t& FirstOf(DWORD id) { return id ? m_slots[FindSlot(id)].first : m_zeroFirst; }
-    void Insert(DWORD id, std::uint32_t index);
-    void Erase(DWORD id);
+    size_t Probe(DWORD id) const {
+        const std::uint64_t hash = Hash(id);
+        const std::uint8_t tag = Tag(hash);
+        const size_t mask = m_keys.size() - 1;
+        size_t i = Home(hash);
+        while (m_tags[i] != 0 && (m_tags[i] != tag || m_keys[i] != id)) i = (i + 1) & mask;
+        return i;
+    }
+    // Fills a free slot.
+    void Take(size_t slot, DWORD id, std::uint32_t index) {
+        m_keys[slot] = id;
+        m_tags[slot] = Tag(Hash(id));
+        if (!m_first.empty()) m_first[slot] = index;
+        ++m_used;
+    }
+    // The positions, slot by slot, found by one walk of the list at the first removal.
+    void TrackPositions();
+    void Erase(size_t slot);
     void Grow(size_t slots);
-    bool Full() const { return (m_used + 1) * 4 > m_slots.size() * 3; }
+    bool Full() const { return (m_used + 1) * 4 > m_keys.size() * 3; }
     void GrowIfFull() {
-        if (Full()) Grow(m_slots.empty() ? kFirstSlots : m_slots.size() * 2);
+        if (Full()) Grow(m_keys.empty() ? kFirstSlots : m_keys.size() * 2);
     }
     void Push(DWORD id);
-    bool Removed(size_t index) const { return !m_removed.empty() && m_removed[index]; }
     // Drops removed entries once they outnumber the live ones.
     void Compact();
 
     static constexpr size_t kFirstSlots = 16;
 
-    std::vector<DWORD> m_values;  // list order, removed entries included
+    // List order, removed entries included. Growing a deque never moves what it holds: copying a list of
+    // 50,000 identifiers into fresh memory would cost more than all the searches between two growths.
+    std::deque<DWORD> m_values;
     std::vector<bool> m_removed;  // empty until the first removal, then one flag per entry
     size_t m_live = 0;
-    std::vector<Slot> m_slots;  // open addressing, linear probing, power-of-two size, at most 3/4 full
+    // Open addressing, linear probing, power-of-two size, at most 3/4 full.
+    std::vector<DWORD> m_keys;
+    std::vector<std::uint8_t> m_tags;
     size_t m_used = 0;
     int m_shift = 64;  // 64 - log2(slots)
-    bool m_zeroPresent = false;
-    std::uint32_t m_zeroFirst = 0;
+    // Beside each slot, where the value's first live occurrence is; only removals need it, so it is empty
+    // until the first one.
+    std::vector<std::uint32_t> m_first;
     // Values present more than once, with their number of live occurrences; rare, so kept aside.
     std::unordered_map<DWORD, std::uint32_t> m_repeats;
 };

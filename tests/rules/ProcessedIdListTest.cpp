@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <list>
 #include <random>
+#include <string>
+#include <vector>
 
 #include "rules/internal/ProcessedIdList.h"
 
@@ -47,6 +49,46 @@ TEST(ProcessedIdList, BehavesAsAnOrderedListUnderRandomOperations) {
             if (step % 997 == 0) ExpectSame(ids, model, step);
         }
         ExpectSame(ids, model, -1);
+    }
+}
+
+std::string LittleEndian(const std::vector<DWORD>& values) {
+    std::string bytes;
+    for (DWORD v : values)
+        for (int shift = 0; shift < 32; shift += 8) bytes += static_cast<char>(v >> shift);
+    return bytes;
+}
+
+// A load appends a whole stream at once; it must leave the list exactly as appending one by one would,
+// whatever the list held before (repeats, zero, removed entries).
+TEST(ProcessedIdList, BulkAppendMatchesAppendingOneByOne) {
+    std::mt19937 random(7);
+    for (DWORD range : {5u, 1000u, 0xFFFFFFFFu}) {
+        for (bool unique : {false, true}) {
+            std::uniform_int_distribution<DWORD> value(0, range);
+            ProcessedIdList bulk, single;
+            for (int i = 0; i < 300; ++i) {
+                const DWORD id = value(random);
+                bulk.Append(id);
+                single.Append(id);
+                if (i % 3 == 0) {
+                    bulk.RemoveFirst(id / 2);
+                    single.RemoveFirst(id / 2);
+                }
+            }
+            std::vector<DWORD> incoming(3000);
+            for (DWORD& id : incoming) id = value(random);
+            incoming.push_back(0);
+            incoming.push_back(0);
+            const std::string bytes = LittleEndian(incoming);
+            bulk.AppendLittleEndian(bytes.data(), incoming.size(), unique);
+            for (DWORD id : incoming) unique ? (void)single.AppendUnique(id) : single.Append(id);
+            ExpectSame(bulk, single.ToList(), static_cast<int>(range));
+            // The repeats are counted too: removing every occurrence empties both alike.
+            for (DWORD id : incoming) ASSERT_EQ(bulk.RemoveFirst(id), single.RemoveFirst(id));
+            ExpectSame(bulk, single.ToList(), -static_cast<int>(range));
+            for (DWORD id : incoming) ASSERT_EQ(bulk.Contains(id), single.Contains(id));
+        }
     }
 }
 
