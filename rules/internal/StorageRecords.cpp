@@ -11,7 +11,7 @@ namespace tavik::lib {
 
 namespace {
 
-std::string folded(const char* text) {
+std::string folded(std::string_view text) {
     std::string out(text);
     for (char& c : out)
         if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 'a' + 'A');
@@ -94,20 +94,20 @@ bool ReadDecimal(CStorageManager& storage, UINT nameId, DWORD& value) {
 }
 
 EntryAdder::EntryAdder(CStringArray& list) : m_list(list) {
-    for (int i = 0; i < list.GetSize(); ++i) m_folded.insert(folded(list[i]));
+    for (int i = 0; i < list.GetSize(); ++i) m_folded.insert(folded(list[i].GetString()));
 }
 
-void EntryAdder::Add(const std::string& entry) {
-    const char* text = entry.c_str();
-    if (!*text) return;
-    if (m_folded.insert(folded(text)).second) m_list.Add(CString(text));
+void EntryAdder::Add(std::string_view entry) {
+    entry = entry.substr(0, entry.find('\0'));
+    if (entry.empty()) return;
+    if (m_folded.insert(folded(entry)).second) m_list.vector().emplace_back(entry);
 }
 
-void EntryAdder::AddSplit(const std::string& text) {
+void EntryAdder::AddSplit(std::string_view text) {
     size_t start = 0;
     while (start <= text.size()) {
         size_t end = text.find('|', start);
-        if (end == std::string::npos) end = text.size();
+        if (end == std::string_view::npos) end = text.size();
         Add(text.substr(start, end - start));
         start = end + 1;
     }

@@ -6,6 +6,7 @@
 #include <functional>
 #include <initializer_list>
 #include <string>
+#include <string_view>
 #include <unordered_set>
 
 #include "messages/CStorageManager.h"
@@ -28,9 +29,9 @@ class EntryAdder {
 public:
     explicit EntryAdder(CStringArray& list);
     // Empty entries are skipped; an entry ends at its first zero byte.
-    void Add(const std::string& entry);
+    void Add(std::string_view entry);
     // Each entry of text split at '|'.
-    void AddSplit(const std::string& text);
+    void AddSplit(std::string_view text);
 
 private:
     CStringArray& m_list;
