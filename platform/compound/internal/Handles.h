@@ -86,6 +86,12 @@ public:
 private:
     ~StorageImpl() override;
     bool Alive() const { return !m_node->dead && !(m_base && m_base->dead); }
+    // Alive, with the working tree re-made from the base when a commit or revert handed it over.
+    bool Usable();
+    // Takes the working tree out, leaving a childless stand-in, when no handle or enumerator holds any
+    // part of it: a commit can then publish it without copying it. The next use copies the base again.
+    // Null, nothing done, when someone holds a part.
+    NodePtr TakeTree();
     bool Writable() const { return (m_mode & 3) != STGM_READ; }
     HRESULT CheckChild(const OLECHAR* name, DWORD mode, bool stream, std::u16string_view& key);
     HRESULT Create(const OLECHAR* name, DWORD mode, bool stream, NodePtr& node);
@@ -100,6 +106,8 @@ private:
     bool m_root;
     std::shared_ptr<bool> m_dirty;
     std::shared_ptr<bool> m_parentDirty;
+    // m_node is a childless stand-in for a copy of m_base not made yet.
+    bool m_stale = false;
 };
 
 class StreamImpl final : public IStream {

@@ -106,7 +106,7 @@ ULONG StorageImpl::Release() {
 }
 
 HRESULT StorageImpl::CheckChild(const OLECHAR* name, DWORD mode, bool stream, std::u16string_view& key) {
-    if (!Alive()) return STG_E_REVERTED;
+    if (!Usable()) return STG_E_REVERTED;
     HRESULT hr = CheckName(name, key);
     if (FAILED(hr)) return hr;
     if ((mode & kAccessMask) > STGM_READWRITE) return STG_E_INVALIDFLAG;
@@ -206,11 +206,11 @@ HRESULT StorageImpl::OpenStorage(const OLECHAR* name, IStorage* priority, DWORD 
 
 HRESULT StorageImpl::CopyTo(DWORD ciidExclude, const IID* rgiidExclude, SNB snbExclude, IStorage* dest) {
     if (!dest) return STG_E_INVALIDPOINTER;
-    if (!Alive()) return STG_E_REVERTED;
+    if (!Usable()) return STG_E_REVERTED;
     auto* target = dynamic_cast<StorageImpl*>(dest);
     // Every storage in this process comes from this engine; anything else is not supported.
     if (!target) return E_NOTIMPL;
-    if (!target->Alive()) return STG_E_REVERTED;
+    if (!target->Usable()) return STG_E_REVERTED;
     if (!target->Writable()) return STG_E_ACCESSDENIED;
     if (Contains(*m_node, target->m_node.get())) return STG_E_ACCESSDENIED;
     bool skipStorages = false, skipStreams = false;
@@ -230,14 +230,22 @@ HRESULT StorageImpl::Commit(DWORD) {
     if (!Alive()) return STG_E_REVERTED;
     // A direct sub-storage has nothing of its own to publish: its changes are already in the parent.
     if (!Writable() || !*m_dirty || (!m_root && !m_base)) return S_OK;
+    if (!Usable()) return STG_E_REVERTED;
     if (m_root) {
         HRESULT hr = m_file->Commit(*m_node);
         if (FAILED(hr)) return hr;
-        if (m_base) m_base = CloneTree(*m_node);
+        if (m_base) {
+            NodePtr taken = TakeTree();
+            m_base = taken ? std::move(taken) : CloneTree(*m_node);
+        }
     } else if (m_base) {
         for (auto& [name, child] : m_base->children) KillTree(*child);
-        NodePtr copy = CloneTree(*m_node);
-        m_base->children = std::move(copy->children);
+        if (NodePtr taken = TakeTree()) {
+            m_base->children = std::move(taken->children);
+        } else {
+            NodePtr copy = CloneTree(*m_node);
+            m_base->children = std::move(copy->children);
+        }
         m_base->clsid = m_node->clsid;
         m_base->stateBits = m_node->stateBits;
         m_base->mtime = NowFileTime();
@@ -250,22 +258,56 @@ HRESULT StorageImpl::Commit(DWORD) {
 HRESULT StorageImpl::Revert() {
     if (!Alive()) return STG_E_REVERTED;
     if (!m_base) return S_OK;
-    KillTree(*m_node);
-    m_node = CloneTree(*m_base);
+    if (!m_stale && !TakeTree()) {
+        KillTree(*m_node);
+        m_node = CloneTree(*m_base);
+    }
     *m_dirty = false;
     return S_OK;
+}
+
+namespace {
+
+bool Unshared(const Node& node) {
+    for (const auto& [name, child] : node.children)
+        if (child.use_count() != 1 || child->open || !Unshared(*child)) return false;
+    return true;
+}
+
+}  // namespace
+
+NodePtr StorageImpl::TakeTree() {
+    // Each element is held once, by its parent's list, unless a handle or an enumerator holds it too.
+    if (m_stale || m_node.use_count() != 1 || !Unshared(*m_node)) return nullptr;
+    NodePtr standIn = MakeNode();
+    standIn->name = m_node->name;
+    standIn->type = m_node->type;
+    standIn->clsid = m_node->clsid;
+    standIn->stateBits = m_node->stateBits;
+    std::swap(m_node, standIn);
+    m_stale = true;
+    return standIn;
+}
+
+bool StorageImpl::Usable() {
+    if (!Alive()) return false;
+    if (m_stale) {
+        m_node = CloneTree(*m_base);
+        m_stale = false;
+    }
+    return true;
 }
 
 HRESULT StorageImpl::EnumElements(DWORD, void*, DWORD, IEnumSTATSTG** ppenum) {
     if (!ppenum) return STG_E_INVALIDPOINTER;
     *ppenum = nullptr;
-    if (!Alive()) return STG_E_REVERTED;
+    if (!Usable()) return STG_E_REVERTED;
     *ppenum = new EnumImpl(m_file, m_node);
     return S_OK;
 }
 
 HRESULT StorageImpl::DestroyElement(const OLECHAR* name) {
-    if (!Alive()) return STG_E_REVERTED;
+    if (!Usable()) return STG_E_REVERTED;
     std::u16string_view key;
     HRESULT hr = CheckName(name, key);
     // A damaged file can hold an element without a name; the empty name reaches it here and only here,
@@ -284,7 +326,7 @@ HRESULT StorageImpl::DestroyElement(const OLECHAR* name) {
 }
 
 HRESULT StorageImpl::RenameElement(const OLECHAR* oldName, const OLECHAR* newName) {
-    if (!Alive()) return STG_E_REVERTED;
+    if (!Usable()) return STG_E_REVERTED;
     std::u16string_view from, to;
     HRESULT hr = CheckName(oldName, from);
     if (SUCCEEDED(hr)) hr = CheckName(newName, to);
@@ -305,7 +347,7 @@ HRESULT StorageImpl::RenameElement(const OLECHAR* oldName, const OLECHAR* newNam
 
 HRESULT StorageImpl::SetElementTimes(const OLECHAR* name, const FILETIME* pctime, const FILETIME*,
                                      const FILETIME* pmtime) {
-    if (!Alive()) return STG_E_REVERTED;
+    if (!Usable()) return STG_E_REVERTED;
     if (!Writable()) return STG_E_ACCESSDENIED;
     Node* node = m_node.get();
     if (name) {
@@ -326,7 +368,7 @@ HRESULT StorageImpl::SetElementTimes(const OLECHAR* name, const FILETIME* pctime
 }
 
 HRESULT StorageImpl::SetClass(REFCLSID clsid) {
-    if (!Alive()) return STG_E_REVERTED;
+    if (!Usable()) return STG_E_REVERTED;
     if (!Writable()) return STG_E_ACCESSDENIED;
     m_node->clsid = clsid;
     Touch();
@@ -334,7 +376,7 @@ HRESULT StorageImpl::SetClass(REFCLSID clsid) {
 }
 
 HRESULT StorageImpl::SetStateBits(DWORD bits, DWORD mask) {
-    if (!Alive()) return STG_E_REVERTED;
+    if (!Usable()) return STG_E_REVERTED;
     if (!Writable()) return STG_E_ACCESSDENIED;
     m_node->stateBits = (m_node->stateBits & ~mask) | (bits & mask);
     Touch();
@@ -343,7 +385,7 @@ HRESULT StorageImpl::SetStateBits(DWORD bits, DWORD mask) {
 
 HRESULT StorageImpl::Stat(STATSTG* stat, DWORD flags) {
     if (!stat) return STG_E_INVALIDPOINTER;
-    if (!Alive()) return STG_E_REVERTED;
+    if (!Usable()) return STG_E_REVERTED;
     // The root reports its file's path as its name, as Windows does.
     std::u16string path = m_root ? TavikUtf8ToWide(m_file->m_path) : m_node->name;
     return FillStat(*m_node, stat, flags, m_mode, path);

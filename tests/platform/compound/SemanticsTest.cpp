@@ -278,6 +278,89 @@ TEST_F(CompoundSemantics, TransactedStoragesPublishOnlyAtCommit) {
               (std::vector<std::string>{"d msg", line("msg/Folder", 6), line("msg/Header", 2)}));
 }
 
+// A commit publishes the working copy and the storage goes on with a copy of what it published; a
+// revert goes back to it. Whether handles, enumerators or transacted children are open under the
+// storage at that moment must not change what anyone sees.
+TEST_F(CompoundSemantics, TransactedStoragesGoOnAfterCommitAndRevert) {
+    Com<IStorage> box, rule;
+    ASSERT_EQ(m_root->CreateStorage("box", kRW | STGM_TRANSACTED, 0, 0, box.out()), S_OK);
+    ASSERT_EQ(box->CreateStorage("r1", kRW | STGM_TRANSACTED, 0, 0, rule.out()), S_OK);
+    ASSERT_EQ(PutStream(rule.get(), "ids", {1}), S_OK);
+    ASSERT_EQ(rule->Commit(STGC_DEFAULT), S_OK);
+    rule.reset();
+    ASSERT_EQ(box->Commit(STGC_DEFAULT), S_OK);  // nothing open under it
+    auto seen = [&](const char* path) {
+        Com<IStorage> at = OpenPath(box.get(), path, kRO);
+        return at ? GetStream(at.get(), "ids") : std::vector<unsigned char>{0xEE};
+    };
+    EXPECT_EQ(seen("r1"), std::vector<unsigned char>{1});
+    ASSERT_EQ(PutStream(OpenPath(box.get(), "r1").get(), "ids", {2}), S_OK);
+    ASSERT_EQ(box->Revert(), S_OK);  // nothing open: back to the commit
+    EXPECT_EQ(seen("r1"), std::vector<unsigned char>{1});
+    ASSERT_EQ(box->Revert(), S_OK);
+    ASSERT_EQ(box->Commit(STGC_DEFAULT), S_OK);
+
+    // Open under the box while it commits: a stream, an enumerator and a transacted child.
+    Com<IStorage> r1 = OpenPath(box.get(), "r1");
+    Com<IStream> open;
+    ASSERT_EQ(r1->OpenStream("ids", nullptr, kRW, 0, open.out()), S_OK);
+    Com<IStorage> r2;
+    ASSERT_EQ(box->CreateStorage("r2", kRW | STGM_TRANSACTED, 0, 0, r2.out()), S_OK);
+    ASSERT_EQ(PutStream(r2.get(), "ids", {3}), S_OK);
+    Com<IEnumSTATSTG> walk;
+    ASSERT_EQ(box->EnumElements(0, nullptr, 0, walk.out()), S_OK);
+    ASSERT_EQ(box->Commit(STGC_DEFAULT), S_OK);
+    ULONG n = 0;
+    ASSERT_EQ(open->Write("\x04", 1, &n), S_OK);  // after the commit: not published yet
+    ASSERT_EQ(r2->Commit(STGC_DEFAULT), S_OK);
+    open.reset();
+    r1.reset();
+    r2.reset();
+    STATSTG st;
+    std::vector<std::string> walked;
+    while (walk->Next(1, &st, &n) == S_OK && n == 1) {
+        walked.push_back(WideToAnsi(st.pwcsName));
+        CoTaskMemFree(st.pwcsName);
+    }
+    walk.reset();
+    EXPECT_EQ(walked, (std::vector<std::string>{"r1", "r2"}));
+    EXPECT_EQ(seen("r1"), std::vector<unsigned char>{4});
+    EXPECT_EQ(seen("r2"), std::vector<unsigned char>{3});
+    ASSERT_EQ(box->Revert(), S_OK);  // the stream write and r2 were never committed by the box
+    EXPECT_EQ(seen("r1"), std::vector<unsigned char>{1});
+    EXPECT_EQ(Names(box.get()), (std::vector<std::string>{"r1", "r2"}));
+    EXPECT_EQ(seen("r2"), std::vector<unsigned char>{});
+
+    // A revert with a handle open under the storage reverts that handle.
+    ASSERT_EQ(OpenPath(box.get(), "r1")->OpenStream("ids", nullptr, kRW, 0, open.out()), S_OK);
+    ASSERT_EQ(box->Revert(), S_OK);
+    EXPECT_EQ(open->Write("x", 1, &n), STG_E_REVERTED);
+    open.reset();
+    ASSERT_EQ(PutStream(OpenPath(box.get(), "r1").get(), "ids", {5}), S_OK);
+    ASSERT_EQ(box->Commit(STGC_DEFAULT), S_OK);
+    box.reset();
+
+    // The transacted root the same way: committed twice, reverted in between.
+    m_root.reset();
+    ASSERT_EQ(StgOpenStorage(m_file.c_str(), nullptr, kRW | STGM_TRANSACTED, nullptr, 0, m_root.out()), S_OK);
+    ASSERT_EQ(m_root->Commit(STGC_DEFAULT), S_OK);
+    ASSERT_EQ(PutStream(OpenPath(m_root.get(), "box/r1").get(), "ids", {6}), S_OK);
+    ASSERT_EQ(m_root->Commit(STGC_DEFAULT), S_OK);
+    ASSERT_EQ(PutStream(OpenPath(m_root.get(), "box/r2").get(), "ids", {7}), S_OK);
+    ASSERT_EQ(m_root->Revert(), S_OK);
+    EXPECT_EQ(GetStream(OpenPath(m_root.get(), "box/r2").get(), "ids"), std::vector<unsigned char>{});
+    ASSERT_EQ(PutStream(OpenPath(m_root.get(), "box/r2").get(), "ids", {8}), S_OK);
+    ASSERT_EQ(m_root->Commit(STGC_DEFAULT), S_OK);
+    m_root.reset();
+    auto line = [](const char* path, std::vector<unsigned char> bytes) {
+        char b[64];
+        std::snprintf(b, sizeof b, "f %s %zu %08x", path, bytes.size(), Crc32(bytes));
+        return std::string(b);
+    };
+    EXPECT_EQ(ListFile(m_file), (std::vector<std::string>{"d box", "d box/r1", "d box/r2",
+                                                          line("box/r1/ids", {6}), line("box/r2/ids", {8})}));
+}
+
 TEST_F(CompoundSemantics, DestroyRevertsHandlesAndFreesSpace) {
     Com<IStorage> sub, deep;
     ASSERT_EQ(m_root->CreateStorage("a", kRW, 0, 0, sub.out()), S_OK);
