@@ -28,6 +28,9 @@ struct StoredChild {
     std::int64_t mtime = 0;  // seconds since 1970
 };
 
+// Puts values read in name order into the order of their creation numbers, seqs[i] being row i's.
+void InCreationOrder(const std::vector<std::int64_t>& seqs, std::vector<StoredValue>& values);
+
 // Names compare ignoring the case of ASCII letters; the hive orders sub-keys by the upper-cased name.
 std::string FoldName(const char* name, size_t length);
 inline std::string FoldName(const std::string& name) { return FoldName(name.data(), name.size()); }

@@ -1,6 +1,13 @@
 // The registry calls as the library relies on them: names, order, sizes, deletion and handles.
+#include <algorithm>
+#include <cstdint>
 #include <cstring>
+#include <numeric>
+#include <random>
+#include <string>
+#include <vector>
 
+#include "platform/registry/internal/StoreDatabase.h"
 #include "tests/platform/registry/RegistryFixture.h"
 
 namespace tavik::test {
@@ -84,6 +91,29 @@ TEST_F(RegistryCalls, ValuesComeBackInCreationOrderAndAnOverwriteKeepsItsPlace) 
               ERROR_SUCCESS);
     EXPECT_EQ(value, 33u);
     RegCloseKey(key);
+}
+
+// The store reads a key's values in name order and puts them in creation order itself: a dense run of
+// numbers, a sparse one, one beyond 32 bits and the repeats only a damaged file has.
+TEST(RegistryCreationOrder, ValuesFollowTheirNumbersAndRepeatsKeepTheirOrder) {
+    std::mt19937 random(3);
+    for (std::int64_t spread : {1ll, 1000ll, 1ll << 40}) {
+        for (size_t n : {0u, 1u, 2u, 7u, 5000u}) {
+            std::vector<std::int64_t> seqs(n);
+            for (size_t i = 0; i < n; ++i) seqs[i] = static_cast<std::int64_t>(i) * spread - 3;
+            std::shuffle(seqs.begin(), seqs.end(), random);
+            if (n > 3) seqs[1] = seqs[3] = seqs[0];  // repeats
+            std::vector<tavik::platform::StoredValue> values(n);
+            for (size_t i = 0; i < n; ++i) values[i].name = std::to_string(i);
+            std::vector<size_t> expected(n);
+            std::iota(expected.begin(), expected.end(), 0);
+            std::stable_sort(expected.begin(), expected.end(),
+                             [&](size_t a, size_t b) { return seqs[a] < seqs[b]; });
+            tavik::platform::InCreationOrder(seqs, values);
+            for (size_t k = 0; k < n; ++k)
+                ASSERT_EQ(values[k].name, std::to_string(expected[k])) << n << " " << k;
+        }
+    }
 }
 
 TEST_F(RegistryCalls, SmallBuffersGiveMoreDataWithTheNeededSize) {
