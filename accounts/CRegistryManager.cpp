@@ -1,6 +1,6 @@
 #include "accounts/CRegistryManager.h"
 
-#include <cstdio>
+#include <charconv>
 #include <cstring>
 #include <vector>
 
@@ -11,10 +11,11 @@ namespace {
 // Names and texts are read through buffers of this size, plus one byte for a terminator.
 constexpr DWORD kBufferSize = 1000;
 
+// "Value%d", without a format string to parse: a rule writes thousands of these per save.
 CString AnonName(int index) {
-    char name[24];
-    std::snprintf(name, sizeof name, "Value%d", index);
-    return CString(name);
+    char name[24] = "Value";
+    const auto end = std::to_chars(name + 5, name + sizeof name, index).ptr;
+    return CString(std::string_view(name, static_cast<size_t>(end - name)));
 }
 
 }  // namespace
@@ -143,23 +144,35 @@ void CRegistryManager::SetAnonStringValues(std::list<CString>& values) {
     for (const CString& text : values) WriteAnonString(m_hKey, i++, text);
 }
 
-void CRegistryManager::GetAnonDwordValues(std::list<DWORD>& values) {
+namespace {
+
+template <class Container>
+void ReadAnonDwords(HKEY key, Container& values) {
     values.clear();
     char name[kBufferSize + 1];
     for (DWORD index = 0;; ++index) {
         DWORD nameSize = kBufferSize, value = 0, size = sizeof value;
-        if (RegEnumValue(m_hKey, index, name, &nameSize, nullptr, nullptr, reinterpret_cast<BYTE*>(&value),
+        if (RegEnumValue(key, index, name, &nameSize, nullptr, nullptr, reinterpret_cast<BYTE*>(&value),
                          &size) != ERROR_SUCCESS)
             break;
         values.push_back(value);
     }
 }
 
-void CRegistryManager::SetAnonDwordValues(std::list<DWORD>& values) {
+template <class Container>
+void WriteAnonDwords(HKEY key, const Container& values) {
     int i = 0;
     for (DWORD value : values)
-        RegSetValueEx(m_hKey, AnonName(i++), 0, REG_DWORD, reinterpret_cast<const BYTE*>(&value),
-                      sizeof value);
+        RegSetValueEx(key, AnonName(i++), 0, REG_DWORD, reinterpret_cast<const BYTE*>(&value), sizeof value);
+}
+
+}  // namespace
+
+void CRegistryManager::GetAnonDwordValues(std::list<DWORD>& values) { ReadAnonDwords(m_hKey, values); }
+void CRegistryManager::GetAnonDwordValues(std::vector<DWORD>& values) { ReadAnonDwords(m_hKey, values); }
+void CRegistryManager::SetAnonDwordValues(std::list<DWORD>& values) { WriteAnonDwords(m_hKey, values); }
+void CRegistryManager::SetAnonDwordValues(const std::vector<DWORD>& values) {
+    WriteAnonDwords(m_hKey, values);
 }
 
 void CRegistryManager::QueryValue(const char* name, DWORD type, CString& value, DWORD size) {

@@ -8,6 +8,7 @@
 
 #include <list>
 #include <map>
+#include <vector>
 
 #include "platform/CArray.h"
 #include "platform/CObject.h"
@@ -52,6 +53,9 @@ public:
     void SetAnonStringValues(std::list<CString>& values);
     void GetAnonDwordValues(std::list<DWORD>& values);
     void SetAnonDwordValues(std::list<DWORD>& values);
+    // The same into and from one block, for lists of thousands.
+    void GetAnonDwordValues(std::vector<DWORD>& values);
+    void SetAnonDwordValues(const std::vector<DWORD>& values);
 
     // Reads the named value through a buffer of size bytes; value changes only on success. The type is
     // received into the by-value argument only, as callers have always used it.

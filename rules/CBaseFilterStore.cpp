@@ -2,6 +2,7 @@
 // follow on top of it.
 #include <cstdlib>
 #include <map>
+#include <vector>
 
 #include "platform/Registry.h"
 #include "rules/CBaseFilter.h"
@@ -276,7 +277,9 @@ void CBaseFilter::SaveRegistryData(CString parentKey) {
     reg.SetDwordValues(numbers);
     reg.Close();
     RewriteSubKey(key, IDS_PROCESSED, [&](CRegistryManager& sub) {
-        std::list<DWORD> ids = m_ProcessedIDs.ToList();
+        std::vector<DWORD> ids;
+        ids.reserve(m_ProcessedIDs.Size());
+        m_ProcessedIDs.ForEach([&](DWORD id) { ids.push_back(id); });
         sub.SetAnonDwordValues(ids);
     });
     RewriteSubKey(key, IDS_IGNORE, [&](CRegistryManager& sub) { sub.SetAnonStringValues(m_IgnoreList); });
@@ -306,7 +309,7 @@ void CBaseFilter::LoadRegistryData(CString key) {
     m_tmFromTime = timeOf(times[2]);
     m_tmToTime = timeOf(times[3]);
     ReadSubKey(key, IDS_PROCESSED, [&](CRegistryManager& sub) {
-        std::list<DWORD> ids;
+        std::vector<DWORD> ids;
         sub.GetAnonDwordValues(ids);
         m_ProcessedIDs.Clear();
         m_ProcessedIDs.Reserve(ids.size());

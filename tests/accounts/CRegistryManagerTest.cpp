@@ -2,7 +2,9 @@
 // and the 1000-byte buffers.
 #include <gtest/gtest.h>
 
+#include <list>
 #include <string>
+#include <vector>
 
 #include "accounts/CRegistryManager.h"
 #include "platform/StringResources.h"
@@ -160,6 +162,13 @@ TEST_F(RegistryManager, AnonymousListsReplaceTheContainerAndStopAtTheFirstUnread
     reg.SetAnonDwordValues(shorter);
     reg.GetAnonDwordValues(back);
     EXPECT_EQ(back, shorter);
+    // The block forms read and write the same values.
+    std::vector<DWORD> block{9};
+    reg.GetAnonDwordValues(block);
+    EXPECT_EQ(block, std::vector<DWORD>(shorter.begin(), shorter.end()));
+    reg.SetAnonDwordValues(std::vector<DWORD>{5, 6, 7});
+    reg.GetAnonDwordValues(back);
+    EXPECT_EQ(back, (std::list<DWORD>{5, 6, 7}));
     reg.Close();
 }
 
