@@ -1,41 +1,40 @@
-// A small POP3 server for `tavik demo`: serves a fixed mailbox on 127.0.0.1 at a port of its own, one
+// A small POP3 server for `tavik demo`: serves a mailbox on 127.0.0.1 at a port of its own, one
 // connection at a time, on a thread of its own. Knows USER, PASS, STAT, LIST, UIDL, TOP, RETR, DELE,
-// RSET, NOOP, CAPA and QUIT; deletions take effect at QUIT, as in any POP3 server.
+// RSET, NOOP, CAPA and QUIT; deletions take effect at QUIT, as in any POP3 server, and the mailbox keeps
+// what is left for the next session.
 #pragma once
 
-#include <atomic>
-#include <cstdint>
+#include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
+
+#include "host/LoopbackServer.h"
 
 namespace tavik::host {
 
-class DemoPop3Server {
+class DemoPop3Server : public LoopbackServer {
 public:
-    // messages: whole texts with CRLF line ends.
-    DemoPop3Server(std::vector<std::string> messages, std::string user, std::string password);
-    ~DemoPop3Server();  // stops
-    DemoPop3Server(const DemoPop3Server&) = delete;
-    DemoPop3Server& operator=(const DemoPop3Server&) = delete;
+    struct Message {
+        std::string uid;
+        std::string text;
+    };
 
-    // Listens on 127.0.0.1 (port 0: any free port) and starts serving. False when it cannot listen.
-    bool Start(unsigned short port = 0);
-    void Stop();
-    unsigned short Port() const { return m_port; }
+    // messages: whole texts with CRLF line ends. Each gets a unique identifier of its own.
+    DemoPop3Server(std::vector<std::string> messages, std::string user, std::string password);
+    ~DemoPop3Server() override;
+
+    // What the mailbox holds now; a message marked for deletion stays until its session's QUIT.
+    std::vector<Message> Mailbox() const;
 
 private:
-    void Serve();
-    void Session(std::uintptr_t connection);
+    void Session(std::uintptr_t connection) override;
+    // The reply to one command; quit is set for QUIT.
+    std::string Answer(const std::string& line, std::vector<bool>& deleted, bool& userOk, bool& authorised,
+                       bool& quit);
 
-    std::vector<std::string> m_messages;
-    std::vector<std::string> m_uids;
+    mutable std::mutex m_lock;  // the mailbox, read by Mailbox() while a session runs
+    std::vector<Message> m_messages;
     std::string m_user, m_password;
-    std::uintptr_t m_listen = 0;
-    unsigned short m_port = 0;
-    std::atomic<bool> m_stop{false};
-    std::thread m_thread;
-    bool m_started = false;
 };
 
 }  // namespace tavik::host

@@ -11,6 +11,7 @@ struct Sample {
     const char* subject;
     const char* body;
     bool junk;
+    const char* extra = "";  // header fields of its own, CRLF-ended
 };
 
 const Sample kSamples[] = {
@@ -29,7 +30,8 @@ const Sample kSamples[] = {
      "http://paypa1-secure.example/verify\r\n",
      true},
     {"Kernel Digest <digest@lists.example.net>", "Weekly digest, issue 212",
-     "In this issue:\r\n 1. Scheduler changes\r\n 2. New file systems\r\n..and more\r\n", false},
+     "In this issue:\r\n 1. Scheduler changes\r\n 2. New file systems\r\n..and more\r\n", false,
+     "List-Id: Kernel digest <digest.lists.example.net>\r\nPrecedence: list\r\n"},
     {"Rolex Replica <sales@watches4u.example>", "Luxury watches at 90% off",
      "Best replica watches. Buy 2 get 1 free!\r\n", true},
     {"Maria Lind <m.lind@example.com>", "Re: quarterly figures",
@@ -40,6 +42,12 @@ const Sample kSamples[] = {
      "\"The Mythical Man-Month\" is due on 6 November.\r\n", false},
     {"Hot Singles <meet@singles-nearby.example>", "3 singles near you want to meet",
      "Click to see their profiles.\r\n", true},
+    {"Jane Doe <jane.doe@customer.example>", "Question about my order 4471",
+     "Hello,\r\n\r\nI ordered a lamp two weeks ago. When will it ship?\r\n\r\nJane\r\n", false},
+    {"Shop News <news@lists.shop.example>", "Your order history is now online",
+     "See every order you placed at https://shop.example/orders\r\n", false,
+     "List-Id: Shop news <news.lists.shop.example>\r\n"
+     "List-Unsubscribe: <mailto:leave@lists.shop.example>\r\nPrecedence: bulk\r\n"},
 };
 
 }  // namespace
@@ -49,6 +57,9 @@ std::vector<SampleMessage> MakeSampleMailbox() {
     int i = 0;
     for (const Sample& s : kSamples) {
         ++i;
+        std::string from = s.from;
+        std::string address = from.substr(from.find('<') + 1);
+        address.erase(address.find('>'));
         char head[1024];
         std::snprintf(
             head, sizeof head,
@@ -60,9 +71,9 @@ std::vector<SampleMessage> MakeSampleMailbox() {
             "Date: Mon, 2 Nov 2026 %02d:%02d:00 +0000\r\n"
             "Message-ID: <%d.demo@tavik.invalid>\r\n"
             "MIME-Version: 1.0\r\n"
-            "Content-Type: text/plain; charset=us-ascii\r\n",
-            s.junk ? "bounce@bulk.example" : "owner@example.org", i % 3 + 1, 8 + i, i * 7 % 60, s.from,
-            s.subject, 8 + i, i * 7 % 60, i);
+            "Content-Type: text/plain; charset=us-ascii\r\n%s",
+            s.junk ? "bounce@bulk.example" : address.c_str(), i % 3 + 1, 8 + i, i * 7 % 60, s.from, s.subject,
+            8 + i, i * 7 % 60, i, s.extra);
         box.push_back({std::string(head) + "\r\n" + s.body, s.junk});
     }
     return box;

@@ -1,0 +1,120 @@
+// What `tavik demo` stands on: its SMTP server taking what a real client sends, and the demo user made in
+// a private store that leaves the person's own untouched.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+
+#include "host/DemoSmtpServer.h"
+#include "host/DemoUser.h"
+#include "host/MailSend.h"
+#include "host/RuleEdit.h"
+#include "host/UserSession.h"
+#include "platform/FileSystem.h"
+#include "platform/Registry.h"
+#include "tests/support/TempDir.h"
+
+using namespace tavik::host;
+
+namespace {
+
+int Send(unsigned short port, const std::string& body, std::vector<std::string> to) {
+    SendOptions o;
+    o.server = "127.0.0.1";
+    o.port = port;
+    o.from = "Ann <ann@example.org>";
+    o.to = std::move(to);
+    o.subject = "Hello";
+    o.body = body;
+    o.timeLimit = 10;
+    o.security.tls = "none";
+    FILE* out = std::tmpfile();
+    FILE* err = std::tmpfile();
+    int rc = RunMailSend(o, out, err);
+    std::fclose(out);
+    std::fclose(err);
+    return rc;
+}
+
+class DemoUserTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        setenv("TAVIK_REGISTRY", m_dir.file("own-registry.db").c_str(), 1);
+        RegSetStorePath(nullptr);
+    }
+    void TearDown() override {
+        RegCloseStore();
+        unsetenv("TAVIK_REGISTRY");
+        RegSetStorePath(nullptr);
+        TavikSetApplicationDirectory(nullptr);
+    }
+    tavik::test::TempDir m_dir;
+};
+
+}  // namespace
+
+// Several messages in one session and in a second one, the envelope as given, a lone dot unstuffed; a message
+// over the size limit is refused without ending the server.
+TEST(DemoSmtpServer, KeepsWhatAClientSendsAndRefusesOnlyTheOversized) {
+    DemoSmtpServer server(4096);
+    ASSERT_TRUE(server.Start());
+    EXPECT_EQ(Send(server.Port(), "First line\n.\nlast", {"bob@example.com", "Cy <cy@example.net>"}), 0);
+    EXPECT_EQ(Send(server.Port(), std::string(8000, 'x'), {"bob@example.com"}), 1) << "over the limit";
+    EXPECT_EQ(Send(server.Port(), "again", {"dee@example.com"}), 0) << "the server still takes mail";
+
+    auto got = server.Deliveries();
+    ASSERT_EQ(got.size(), 2u);
+    EXPECT_EQ(got[0].from, "ann@example.org");
+    EXPECT_EQ(got[0].recipients, (std::vector<std::string>{"bob@example.com", "cy@example.net"}));
+    EXPECT_NE(got[0].text.find("\r\nSubject: Hello\r\n"), std::string::npos) << got[0].text;
+    EXPECT_NE(got[0].text.find("\r\nFirst line\r\n.\r\nlast"), std::string::npos) << got[0].text;
+    EXPECT_EQ(got[1].recipients, std::vector<std::string>{"dee@example.com"});
+    server.Stop();
+}
+
+// The demo user lives in the workspace's own store and data directory; the person's store is never
+// opened, and everything goes with the workspace.
+TEST_F(DemoUserTest, IsMadeInAPrivateStoreThatGoesWithTheWorkspace) {
+    const std::string ownStore = RegGetStorePath();
+    std::string dir;
+    {
+        DemoWorkspace workspace;
+        dir = workspace.Dir();
+        EXPECT_EQ(std::filesystem::status(dir).permissions() & std::filesystem::perms::all,
+                  std::filesystem::perms::owner_all);
+        EXPECT_EQ(RegGetStorePath(), workspace.Path("registry.db"));
+        DemoUserSetup setup = CreateDemoUser(workspace, 1110, 2525);
+        EXPECT_EQ(setup.friends.size(), 3u);
+
+        // Read back as any command would.
+        UserSession session("", [](const std::string&) { return std::string(); });
+        CMailBoxProfile& demo = session.Account("Demo");
+        EXPECT_EQ(std::string(demo.GetIncomingServerName()), "127.0.0.1:1110");
+        EXPECT_EQ(std::string(demo.GetOutgoingServer()), "127.0.0.1:2525");
+        EXPECT_EQ(std::string(demo.GetPassword()), "demo-password");
+        CStringArray friends, spammers;
+        demo.GetFriendList(friends);
+        demo.GetSpamList(spammers);
+        EXPECT_EQ(friends.GetSize(), 3);
+        EXPECT_EQ(spammers.GetSize(), 2);
+        EXPECT_NE(FindRule(session.GlobalShields(), RuleKind::kShield, "Urgent offers"), nullptr);
+        for (const char* shield : {"Phishing", "Pharmacy", "Dating"}) {
+            auto* rule = static_cast<CSpamBlockProfile*>(FindRule(demo, RuleKind::kShield, shield));
+            ASSERT_NE(rule, nullptr) << shield;
+            EXPECT_EQ(rule->GetActiveEntry(), 1u) << shield << " is switched on";
+        }
+        auto* responder = static_cast<CAutoResponderProfile*>(FindRule(demo, RuleKind::kResponder, "Orders"));
+        ASSERT_NE(responder, nullptr);
+        CString textFile, attach, subject, duplicates;
+        DWORD ignore, useDefault, active;
+        responder->GetAutoResponderOptions(textFile, attach, subject, duplicates, ignore, useDefault, active);
+        EXPECT_EQ(active, 1u);
+        EXPECT_NE(tavik::test::ReadFile(static_cast<const char*>(textFile)).find("your order"),
+                  std::string::npos);
+    }
+    EXPECT_FALSE(std::filesystem::exists(dir));
+    EXPECT_EQ(RegGetStorePath(), ownStore);
+    EXPECT_FALSE(std::filesystem::exists(ownStore)) << "the person's own store was never opened";
+}
