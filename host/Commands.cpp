@@ -9,6 +9,7 @@ const std::vector<const Command*>& AllCommands() {
     static const std::vector<const Command*> commands = {
         &VersionCommand(),
         &CheckCommand(),
+        &WatchCommand(),
         &SendCommand(),
         &ShowCommand(),
         &LogCommand(),

@@ -10,6 +10,7 @@ namespace tavik::host {
 
 const Command& VersionCommand();
 const Command& CheckCommand();
+const Command& WatchCommand();
 const Command& DemoCommand();
 const Command& ScanCommand();
 const Command& RegistryCommand();

@@ -113,7 +113,8 @@ CUserProfile* UserList::Default() {
 }
 
 UserSession::UserSession(const std::string& userName,
-                         const std::function<std::string(const std::string& user)>& password) {
+                         const std::function<std::string(const std::string& user)>& password,
+                         bool loadMessages) {
     m_user = userName.empty() ? m_users.Default() : &m_users.Get(userName);
     if (!m_user) throw SessionError("no default user: name one with --user (see 'tavik user list')");
     m_userName = m_user->GetUserName();
@@ -121,7 +122,7 @@ UserSession::UserSession(const std::string& userName,
         throw SessionError("wrong password for the user '" + m_userName + "'");
     m_settingsFile = m_user->GetSettingsFile();
     CheckSettingsFile();
-    m_user->ActivateProfile(nullptr, false);
+    m_user->ActivateProfile(nullptr, loadMessages);
     m_global.LoadRegistryData(m_user->GetRegistryKey(CUserProfile::SUBKEY_GLOBALSHIELD));
 }
 
@@ -203,10 +204,10 @@ CMailBoxProfile& UserSession::AddAccount(std::unique_ptr<CMailBoxProfile> accoun
 
 void UserSession::RemoveAccount(CMailBoxProfile& account) { account.DeleteEntry(); }
 
-void UserSession::Save() {
+void UserSession::Save(bool saveMessages) {
     if (!m_user->GetAccountsStoragePtr() || !m_user->GetAccountsStoragePtr()->IsOpen())
         throw SessionError("cannot open the settings file " + m_settingsFile + "; nothing was saved");
-    m_user->SaveRegistryData(CUserProfile::GetUserKeyResID(), false, nullptr, true, false);
+    m_user->SaveRegistryData(CUserProfile::GetUserKeyResID(), false, nullptr, true, saveMessages);
     m_global.SaveRegistryData(m_user->GetRegistryKey(CUserProfile::SUBKEY_GLOBALSHIELD));
 }
 

@@ -62,9 +62,11 @@ private:
 class UserSession {
 public:
     // The default user when userName is empty. password is asked only when the user has one; a wrong
-    // one is refused.
+    // one is refused. With loadMessages the accounts' message records are loaded too (a mail check
+    // needs them to tell new mail from known).
     UserSession(const std::string& userName,
-                const std::function<std::string(const std::string& user)>& password);
+                const std::function<std::string(const std::string& user)>& password,
+                bool loadMessages = false);
     // Unloads the accounts and closes the settings file; what was not saved is dropped.
     ~UserSession();
     UserSession(const UserSession&) = delete;
@@ -89,7 +91,8 @@ public:
 
     // Writes the accounts, their lists, rules and contacts and the global shields to the registry and
     // the settings file. Throws SessionError when the settings file cannot be committed.
-    void Save();
+    // With saveMessages, changed message records are written to the accounts' message files too.
+    void Save(bool saveMessages = false);
 
 private:
     void CheckSettingsFile() const;
