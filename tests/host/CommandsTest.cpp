@@ -313,8 +313,11 @@ TEST_F(Commands, DispatchHelpAndUsageErrors) {
         {{"version", "extra"}, 2, "tavik version: unexpected argument 'extra'\nusage: tavik version\n"},
         {{"check", "--server", "h", "--user", "u", "--port", "99999"},
          2,
-         "tavik check: --port takes a whole number from 1 to 65535, not '99999'\nusage: tavik check --server "
-         "HOST"},
+         "tavik check: --port takes a whole number from 1 to 65535, not '99999'\nusage: tavik check [--user "
+         "NAME]"},
+        {{"check", "--port", "110"}, 2, "tavik check: --port goes with --server\n"},
+        {{"check", "--server", "h", "--password-file", "f"}, 2, "tavik check: --server needs --user USER"},
+        {{"check", "--server", "h", "--user", "u", "--dry-run"}, 2, "tavik check: --account and --dry-run"},
         {{"check", "--server", "h", "--password", "secret"}, 2, "tavik check: --password is not accepted"},
         {{"scan"}, 2, "tavik scan: missing FILE...\nusage: tavik scan FILE...\ntry 'tavik scan --help'\n"},
     };
