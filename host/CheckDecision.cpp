@@ -1,7 +1,6 @@
 #include "host/CheckDecision.h"
 
 #include <algorithm>
-#include <cctype>
 
 #include "messages/CMessageList.h"
 #include "rules/CAutoResponderProfile.h"
@@ -10,23 +9,6 @@
 
 namespace tavik::host {
 namespace {
-
-std::string Lower(std::string text) {
-    std::transform(text.begin(), text.end(), text.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    return text;
-}
-
-// A non-empty entry found anywhere in the sender, letter case ignored: the account's own reading of its
-// friend and spammer lists.
-bool ListHolds(const CStringArray* list, const std::string& sender) {
-    if (!list) return false;
-    for (INT_PTR i = 0; i < list->GetSize(); ++i) {
-        std::string entry = Lower(std::string(static_cast<const char*>(list->GetAt(i))));
-        if (!entry.empty() && sender.find(entry) != std::string::npos) return true;
-    }
-    return false;
-}
 
 bool Destructive(const std::string& action) {
     return action == kActionDelete || action == kActionForward || action == kActionRespond;
@@ -75,7 +57,8 @@ std::vector<DWORD> GoneIdentifiers(const std::vector<DWORD>& known, const std::v
     return {gone.begin(), gone.end()};
 }
 
-CheckDecider::CheckDecider(CheckRules rules, RuleMatcher& matcher) : m_rules(rules), m_matcher(matcher) {}
+CheckDecider::CheckDecider(CheckRules rules, RuleMatcher& matcher)
+    : m_rules(rules), m_matcher(matcher), m_friends(rules.friends), m_spammers(rules.spammers) {}
 
 void CheckDecider::SetSessionIdentifiers(const std::vector<DWORD>& ids) {
     std::set<DWORD> seen;
@@ -129,13 +112,14 @@ CheckDecision CheckDecider::Decide(const CMessageList& record, const MatchMessag
         m_sharedSeen = true;
     }
 
-    const std::string sender = Lower(std::string(static_cast<const char*>(record.GetSenderName())));
-    if (ListHolds(m_rules.friends, sender)) {
+    const std::string_view sender(record.GetSenderName(),
+                                  static_cast<size_t>(record.GetSenderName().GetLength()));
+    if (m_friends.Holds(sender)) {
         decision.verdict = CheckDecision::kFriend;
         decision.ruleName = "Friends";
         return decision;
     }
-    if (ListHolds(m_rules.spammers, sender)) {
+    if (m_spammers.Holds(sender)) {
         decision.verdict = CheckDecision::kSpammer;
         decision.ruleName = "Spammers";
         decision.action = kActionMark;

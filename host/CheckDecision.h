@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "host/RuleMatcher.h"
+#include "host/SenderListMatcher.h"
 #include "platform/CArray.h"
 
 class CAutoResponderProfile;
@@ -97,6 +98,7 @@ private:
 
     CheckRules m_rules;
     RuleMatcher& m_matcher;
+    SenderListMatcher m_friends, m_spammers;  // built once: the lists are read for every message
     std::set<DWORD> m_shared;
     bool m_sharedSeen = false;
     bool m_noticeGiven = false;
