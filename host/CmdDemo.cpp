@@ -1,4 +1,4 @@
-// tavik demo: a whole mail check against a sample mailbox, with nothing to set up.
+// tavik demo: the junk-mail check against a sample mailbox, with nothing to set up.
 #include "host/Commands.h"
 #include "host/DemoCheck.h"
 
@@ -7,11 +7,15 @@ namespace tavik::host {
 const Command& DemoCommand() {
     static const Command command{
         .name = "demo",
-        .summary = "a mail check against a sample mailbox served on this machine",
+        .summary = "the junk-mail check against a sample mailbox served on this machine",
         .details =
-            "Serves a generated mailbox (ordinary mail and junk) from a POP3 server on 127.0.0.1 and\n"
-            "checks it as 'tavik check' checks a real one.",
-        .run = [](const Invocation&) { return RunPop3Demo(); },
+            "Serves a generated mailbox (friends' mail, junk, an order enquiry, a mailing list) from a POP3\n"
+            "server on 127.0.0.1, with an SMTP server beside it, and sets up a demo user in a private\n"
+            "store (removed afterwards; your own users and accounts are not touched): friends, spammers,\n"
+            "spam shields and an auto-responder. Then checks the mailbox as 'tavik check' checks yours,\n"
+            "shows what happened on the servers (junk deleted, friends' mail kept, an answer delivered),\n"
+            "and checks it again to show that nothing is judged twice.",
+        .run = [](const Invocation& call) { return RunDemo(call.out, call.err); },
     };
     return command;
 }

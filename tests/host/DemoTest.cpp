@@ -9,6 +9,7 @@
 
 #include "host/DemoSmtpServer.h"
 #include "host/DemoUser.h"
+#include "host/Dispatch.h"
 #include "host/MailSend.h"
 #include "host/RuleEdit.h"
 #include "host/UserSession.h"
@@ -117,4 +118,69 @@ TEST_F(DemoUserTest, IsMadeInAPrivateStoreThatGoesWithTheWorkspace) {
     EXPECT_FALSE(std::filesystem::exists(dir));
     EXPECT_EQ(RegGetStorePath(), ownStore);
     EXPECT_FALSE(std::filesystem::exists(ownStore)) << "the person's own store was never opened";
+}
+
+namespace {
+
+size_t Count(const std::string& text, const std::string& what) {
+    size_t n = 0;
+    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
+    return n;
+}
+
+}  // namespace
+
+// The whole demo as a person runs it: junk deleted on the server, friends' mail kept, an order enquiry
+// answered and a mailing list's message not, and a second check that judges nothing again; all of it in
+// a store of its own that goes afterwards, leaving the person's registry and action log untouched.
+TEST_F(DemoUserTest, TavikDemoShowsTheCheckAndLeavesNothingBehind) {
+    const std::string state = m_dir.file("state");
+    setenv("XDG_STATE_HOME", state.c_str(), 1);
+    setenv("TAVIK_DATA", m_dir.file("data").c_str(), 1);
+    FILE* out = std::tmpfile();
+    FILE* err = std::tmpfile();
+    const int rc = RunTavik({"demo"}, out, err);
+    auto drain = [](FILE* f) {
+        std::string text;
+        std::rewind(f);
+        char buf[4096];
+        for (size_t n; (n = std::fread(buf, 1, sizeof buf, f)) > 0;) text.append(buf, n);
+        std::fclose(f);
+        return text;
+    };
+    const std::string text = drain(out), errors = drain(err);
+    unsetenv("XDG_STATE_HOME");
+    unsetenv("TAVIK_DATA");
+    ASSERT_EQ(rc, 0) << text << errors;
+    EXPECT_EQ(text.find("NOT AS EXPECTED"), std::string::npos) << text;
+
+    const size_t second = text.find("== Second check");
+    ASSERT_NE(second, std::string::npos) << text;
+    const std::string first = text.substr(0, second), again = text.substr(second);
+    EXPECT_NE(first.find("the POP3 server holds 10 of its 14 messages now"), std::string::npos) << first;
+    for (const char* gone :
+         {"\"Cheap meds, no prescription\" (Pharmacy)", "\"Your account has been suspended\" (Phishing)",
+          "\"URGENT BUSINESS PROPOSAL\" (Urgent offers)", "\"3 singles near you want to meet\" (Dating)"})
+        EXPECT_NE(first.find(std::string("deleted on the server: ") + gone), std::string::npos) << gone;
+    EXPECT_EQ(Count(first, "deleted on the server: "), 4u);
+    EXPECT_EQ(Count(first, "a friend's mail, kept: "), 3u);
+    EXPECT_NE(first.find("delivered by SMTP to jane.doe@customer.example: \"AUTO-RESPONSE: Question about my "
+                         "order 4471\""),
+              std::string::npos)
+        << first;
+    EXPECT_NE(first.find("Auto-Submitted: auto-replied, In-Reply-To: <13.demo@tavik.invalid>"),
+              std::string::npos);
+    EXPECT_EQ(Count(first, "delivered by SMTP"), 1u) << "the list's message is not answered";
+    EXPECT_NE(first.find("\"Your order history is now online\""), std::string::npos);
+
+    EXPECT_NE(again.find("10 messages, 0 new"), std::string::npos) << again;
+    EXPECT_EQ(again.find("delivered by SMTP"), std::string::npos);
+
+    const size_t at = text.find("a demo user in ");
+    ASSERT_NE(at, std::string::npos);
+    const std::string workspace = text.substr(at + 15, text.find(' ', at + 15) - at - 15);
+    EXPECT_FALSE(std::filesystem::exists(workspace)) << workspace;
+    EXPECT_FALSE(std::filesystem::exists(m_dir.file("own-registry.db")))
+        << "the person's store was not opened";
+    EXPECT_FALSE(std::filesystem::exists(state)) << "nor the person's action log";
 }
