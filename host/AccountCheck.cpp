@@ -257,10 +257,11 @@ bool AccountChecker::Act(CheckPop& pop, CheckDecision& decision, Scanned& messag
 void AccountChecker::Handle(CheckPop& pop, CheckDecider& decider, Scanned& message) {
     CMessageList& scanned = *message.record;
     const DWORD id = scanned.GetID();
-    CMessageList* known = nullptr;
+    CMessageList* stored = nullptr;
     if (auto position = m_account.FindMessage(id, false); position != m_account.MESSAGE_NOT_FOUND())
-        known = *position;
-    if (decider.IsShared(id)) known = nullptr;  // another message may own that record
+        stored = *position;
+    // A shared identifier's record may be another message's: such a message is never known.
+    CMessageList* known = decider.IsShared(id) ? nullptr : stored;
 
     MatchMessage match(scanned);
     std::optional<std::string> text;
@@ -332,7 +333,7 @@ void AccountChecker::Handle(CheckPop& pop, CheckDecider& decider, Scanned& messa
     }
 
     if (!m_o.dryRun) {
-        if (!known) {
+        if (!stored) {
             scanned.SetMailBox(m_account.GetIncomingServerName(), m_account.GetEmailAddress(),
                                m_account.GetOutgoingServer(), m_account.GetAccountName());
             CMessageList* added = message.record.release();

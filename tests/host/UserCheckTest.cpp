@@ -14,6 +14,7 @@
 #include "tests/host/ManageFixture.h"
 #include "tests/support/DovecotServer.h"
 #include "tests/support/EximServer.h"
+#include "tests/support/ScriptedServer.h"
 #include "transport/CPopMail.h"
 
 using namespace tavik::test;
@@ -264,6 +265,33 @@ TEST_F(UserCheckTest, WatchEndsBetweenAccountsOnSigterm) {
     watch.once = true;
     EXPECT_EQ(tavik::host::RunWatch(watch), 0);
     EXPECT_EQ(Count(Log(), "\tDelete\n"), 1u) << Log();
+}
+
+// A server that gives two messages the same UIDL: neither is deleted on the strength of that identifier,
+// and the check says why once.
+TEST_F(ManageTest, SharedIdentifiersAreNeverDeleted) {
+    ScriptedServer server;
+    server.Send("+OK\r\n").Expect("USER u\r\n").Send("+OK\r\n").Expect("PASS p\r\n").Send("+OK\r\n");
+    server.Expect("STAT\r\n").Send("+OK 2 200\r\n").Expect("CAPA\r\n").Send("-ERR\r\n");
+    for (const char* n : {"1", "2"}) {
+        server.Expect(std::string("LIST ") + n + "\r\n").Send(std::string("+OK ") + n + " 100\r\n");
+        server.Expect(std::string("TOP ") + n + " 0\r\n")
+            .Send(std::string("+OK\r\nFrom: x@example.net\r\nSubject: pills ") + n + "\r\n\r\n.\r\n");
+        server.Expect(std::string("UIDL ") + n + "\r\n").Send(std::string("+OK ") + n + " 00000000\r\n");
+    }
+    server.Expect("QUIT\r\n").Send("+OK\r\n");
+    server.Start();
+    WriteFile(m_dir.file("pw"), "p\n");
+    Ok({"account", "add", "--server", "127.0.0.1:" + std::to_string(server.Port()), "--login", "u",
+        "--set-password", "--account-password-file", m_dir.file("pw"), "Home"});
+    Ok({"rule", "add", "shield", "Pills", "--account", "Home", "--tag", "Subject", "--match", "contains",
+        "--text", "pills", "--spam-action", "Delete", "--enabled", "yes"});
+
+    Outcome run = RunTavikLine({"check"});
+    EXPECT_EQ(server.Finish(), "");  // no DELE
+    EXPECT_EQ(run.rc, 0) << run.out << run.err;
+    EXPECT_EQ(Count(run.out, "share an identifier"), 1u) << run.out;
+    EXPECT_EQ(Count(run.out, "Delete: withhel"), 2u) << run.out;
 }
 
 }  // namespace
