@@ -411,8 +411,12 @@ void AccountChecker::Run() {
     CheckRules rules;
     rules.friends = &m_friends;
     rules.spammers = &m_spammers;
-    rules.globalShields = &m_global.GetSpamShields();
-    rules.accountShields = &m_account.GetSpamShields();
+    // "Spam Filter" off: no shield judges this account's mail; its lists, redirectors and responders still
+    // do.
+    if (m_account.GetFiltering()) {
+        rules.globalShields = &m_global.GetSpamShields();
+        rules.accountShields = &m_account.GetSpamShields();
+    }
     rules.redirectors = &m_account.GetRedirectors();
     rules.responders = &m_account.GetAutoResponders();
     CheckDecider decider(rules, m_matcher);

@@ -23,7 +23,8 @@ std::string ClockTime(std::time_t when) {
 int RunWatch(const WatchOptions& o) {
     for (;;) {
         const UserCheckResult round = RunUserCheckShown(o.check);
-        if (o.once) return round.exitCode;
+        // A user that cannot be signed in will not be next time either.
+        if (o.once || round.user.empty()) return round.exitCode;
         if (round.stopped || Stopping(o)) return kExitStopped;
         unsigned seconds = o.intervalSeconds;
         if (seconds == 0) seconds = (round.checkInterval ? round.checkInterval : 10) * 60;

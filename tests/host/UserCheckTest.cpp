@@ -118,6 +118,13 @@ TEST_F(UserCheckTest, DryRunThenTwoRunsActOnEachMessageOnce) {
     if (!DovecotServer::Installed() || !EximServer::Installed()) GTEST_SKIP() << "Dovecot or Exim missing";
     Start(kMessages);
 
+    // With the account's spam filter off, no shield judges its mail.
+    Ok({"account", "set", "--filtering", "no", "Home"});
+    Outcome unfiltered = RunTavikLine({"check", "--dry-run"});
+    EXPECT_EQ(unfiltered.out.find("Delete"), std::string::npos) << unfiltered.out;
+    EXPECT_NE(unfiltered.out.find("would Forward"), std::string::npos) << unfiltered.out;
+    Ok({"account", "set", "--filtering", "yes", "Home"});
+
     // A dry run shows every decision and changes nothing anywhere.
     Outcome dry = RunTavikLine({"check", "--dry-run"});
     EXPECT_EQ(dry.rc, 3) << dry.out << dry.err;
