@@ -57,8 +57,8 @@ const OLECHAR* WidePtr(const char* name, const std::u16string& wide) { return na
 bool ValidAccess(DWORD mode) { return (mode & 3) != 3 && (mode & ~kKnownFlags) == 0; }
 
 IStorage* MakeRoot(std::shared_ptr<RootFile> file, NodePtr tree, DWORD mode) {
-    NodePtr base = (mode & STGM_TRANSACTED) ? CloneTree(*tree) : nullptr;
-    return new StorageImpl(std::move(file), std::move(tree), std::move(base), mode, true,
+    // A transacted root's base is the file itself: nothing is copied until a revert reads it again.
+    return new StorageImpl(std::move(file), std::move(tree), nullptr, mode, true,
                            std::make_shared<bool>(false), nullptr);
 }
 

@@ -26,10 +26,11 @@ private:
     std::vector<unsigned char> m_bytes;
 };
 
-// Reads go through a few cached blocks: opening a file reads its directory a sector at a time and
-// reading a store walks two or three regions (mini stream, large streams) front to back, so block reads
-// save one system call per sector or stream. A file version never changes once written (commits write
-// new files), so the cache cannot go stale.
+// Reads go through a cache of small blocks. Loading a store's records jumps about its mini stream
+// (records are stored in name order and read in their index's order), so a block is one page: a jump
+// costs little, and the cache holds a good part of the mini stream. Opening a file reads its directory
+// front to back; a miss right after the previous one reads the next blocks in the same call. A file
+// version never changes once written (commits write new files), so the cache cannot go stale.
 class FileStore final : public ByteStore {
 public:
     explicit FileStore(int fd) : m_fd(fd) {
@@ -42,7 +43,7 @@ public:
         count = static_cast<std::size_t>(std::min<std::uint64_t>(count, m_size - offset));
         auto* out = static_cast<unsigned char*>(buffer);
         // Large reads skip the cache.
-        if (count >= kBlock) return Direct(offset, out, count);
+        if (count >= kAhead * kBlock) return Direct(offset, out, count);
         std::size_t done = 0;
         while (done < count) {
             std::uint64_t at = offset + done;
@@ -51,7 +52,7 @@ public:
             std::size_t within = static_cast<std::size_t>(at % kBlock);
             if (within >= b->length) break;
             std::size_t take = std::min(count - done, b->length - within);
-            std::memcpy(out + done, b->bytes.data() + within, take);
+            std::memcpy(out + done, m_memory.data() + (b - m_blocks) * kBlock + within, take);
             done += take;
         }
         return static_cast<long long>(done);
@@ -59,13 +60,12 @@ public:
     std::uint64_t Size() const override { return m_size; }
 
 private:
-    static constexpr std::size_t kBlock = 256 * 1024;
-    static constexpr int kBlocks = 4;
+    static constexpr std::size_t kBlock = 4096;
+    static constexpr std::size_t kBlocks = 256;
+    static constexpr std::size_t kAhead = 16;  // blocks read at once on a run of misses
     struct Block {
         std::uint64_t index = ~0ull;
         std::size_t length = 0;
-        std::uint64_t used = 0;
-        std::vector<unsigned char> bytes;
     };
 
     long long Direct(std::uint64_t offset, unsigned char* out, std::size_t count) {
@@ -80,30 +80,34 @@ private:
         return static_cast<long long>(done);
     }
 
+    // Direct-mapped: a block has one slot, so finding it costs nothing, and blocks that follow each
+    // other have slots that follow each other, so one read fills several.
     Block* Find(std::uint64_t index) {
-        Block* victim = &m_blocks[0];
-        for (Block& b : m_blocks) {
-            if (b.index == index) {
-                b.used = ++m_clock;
-                return &b;
-            }
-            if (b.used < victim->used) victim = &b;
-        }
-        if (victim->bytes.empty()) victim->bytes.resize(kBlock);
-        long long n = Direct(index * kBlock, victim->bytes.data(), kBlock);
+        const std::size_t slot = static_cast<std::size_t>(index % kBlocks);
+        Block& b = m_blocks[slot];
+        if (b.index == index) return &b;
+        if (m_memory.empty()) m_memory.resize(kBlock * kBlocks);
+        std::size_t count = 1;
+        if (index == m_lastMiss + 1) count = std::min(kAhead, kBlocks - slot);
+        m_lastMiss = index + count - 1;
+        long long n = Direct(index * kBlock, m_memory.data() + slot * kBlock, count * kBlock);
         if (n < 0) {
-            victim->index = ~0ull;
+            for (std::size_t i = 0; i < count; ++i) m_blocks[slot + i].index = ~0ull;
             return nullptr;
         }
-        victim->index = index;
-        victim->length = static_cast<std::size_t>(n);
-        victim->used = ++m_clock;
-        return victim;
+        std::size_t left = static_cast<std::size_t>(n);
+        for (std::size_t i = 0; i < count; ++i) {
+            m_blocks[slot + i].index = index + i;
+            m_blocks[slot + i].length = std::min(left, kBlock);
+            left -= m_blocks[slot + i].length;
+        }
+        return &b;
     }
 
     int m_fd;
     std::uint64_t m_size = 0;
-    std::uint64_t m_clock = 0;
+    std::uint64_t m_lastMiss = ~0ull - 1;
+    std::vector<unsigned char> m_memory;
     Block m_blocks[kBlocks];
 };
 
@@ -205,7 +209,7 @@ void Backing::SetMiniChain(Chain chain) {
 HRESULT Backing::MiniChain(const Chain** chain) {
     if (!m_miniResolved) {
         m_miniResolved = true;
-        m_miniHr = Resolve(miniStart, miniSize, false, kOwnerMiniStream, m_miniChain);
+        m_miniHr = Walk(miniStart, miniSize, false, kOwnerMiniStream, m_miniChain);
     }
     *chain = &m_miniChain;
     return m_miniHr;
@@ -213,6 +217,15 @@ HRESULT Backing::MiniChain(const Chain** chain) {
 
 HRESULT Backing::Resolve(std::uint32_t start, std::uint64_t size, bool mini, std::uint32_t owner,
                          Chain& chain) {
+    if (owner == 0 || owner >= kOwnerTables) return Walk(start, size, mini, owner, chain);
+    if (m_settled.size() <= owner) m_settled.resize(static_cast<std::size_t>(owner) + 1, 0);
+    if (m_settled[owner] == 2) return STG_E_DOCFILECORRUPT;
+    HRESULT hr = Walk(start, size, mini, m_settled[owner] == 1 ? 0 : owner, chain);
+    m_settled[owner] = SUCCEEDED(hr) ? 1 : 2;
+    return hr;
+}
+
+HRESULT Backing::Walk(std::uint32_t start, std::uint64_t size, bool mini, std::uint32_t owner, Chain& chain) {
     chain = Chain{};
     if (size == 0) return S_OK;
     const std::uint32_t unit = mini ? cfb::kMiniSectorSize : SectorSize();

@@ -50,8 +50,8 @@ LPOLESTR CopyName(std::u16string_view name);  // CoTaskMemAlloc'd, null on no me
 class StorageImpl final : public IStorage {
 public:
     // node: the tree this handle reads and changes. base: for a transacted handle, the element its
-    // commits replace (the root's base is the last committed tree). dirty: changes since this level's last
-    // commit; parentDirty: the level a transacted commit publishes to.
+    // commits replace (a transacted root has none: its base is the file as last committed). dirty: changes
+    // since this level's last commit; parentDirty: the level a transacted commit publishes to.
     StorageImpl(std::shared_ptr<RootFile> file, NodePtr node, NodePtr base, DWORD mode, bool root,
                 std::shared_ptr<bool> dirty, std::shared_ptr<bool> parentDirty);
 
@@ -92,6 +92,8 @@ private:
     // part of it: a commit can then publish it without copying it. The next use copies the base again.
     // Null, nothing done, when someone holds a part.
     NodePtr TakeTree();
+    // Revert of a transacted root: the tree read again from the last committed file.
+    HRESULT RevertToFile();
     bool Writable() const { return (m_mode & 3) != STGM_READ; }
     HRESULT CheckChild(const OLECHAR* name, DWORD mode, bool stream, std::u16string_view& key);
     HRESULT Create(const OLECHAR* name, DWORD mode, bool stream, NodePtr& node);

@@ -64,6 +64,90 @@ HRESULT WalkChain(Backing& b, std::uint32_t start, std::uint32_t owner, std::vec
     return S_OK;
 }
 
+// Builds the tree from the directory held in `chain`; stream bytes stay in the backing's file.
+HRESULT BuildTree(const std::shared_ptr<Backing>& backing, const std::vector<std::uint32_t>& chain, bool v3,
+                  NodePtr& rootOut) {
+    Backing& b = *backing;
+    std::vector<DirEntry, LargeAllocator<DirEntry>> entries;
+    const std::uint32_t perDirSector = b.SectorSize() / kDirEntrySize;
+    std::vector<unsigned char> sector(b.SectorSize());
+    HRESULT hr;
+    entries.reserve(chain.size() * perDirSector);
+    for (std::uint32_t s : chain) {
+        hr = b.ReadSector(s, sector.data());
+        if (FAILED(hr)) return hr;
+        for (std::uint32_t i = 0; i < perDirSector; ++i)
+            entries.push_back(ParseEntry(sector.data() + i * kDirEntrySize, v3));
+    }
+    // The root is the first root-typed entry; normally entry 0.
+    std::uint32_t rootId = 0;
+    while (rootId < entries.size() && entries[rootId].type != kTypeRoot) ++rootId;
+    if (rootId == entries.size()) return STG_E_DOCFILECORRUPT;
+    const DirEntry& re = entries[rootId];
+    b.miniStart = re.start;
+    b.miniSize = re.size;
+
+    NodePtr root = MakeNode();
+    root->name = re.name;
+    root->type = kTypeRoot;
+    root->clsid = re.clsid;
+    root->stateBits = re.stateBits;
+    root->ctime = re.ctime;
+    root->mtime = re.mtime;
+
+    // Each entry may be reached once; a second visit is a cycle or a shared subtree.
+    std::vector<bool> seen(entries.size(), false);
+    seen[rootId] = true;
+    struct Pending {
+        Node* storage;
+        std::uint32_t child;
+        std::size_t depth;
+    };
+    std::vector<Pending> storages{{root.get(), re.child, 0}};
+    std::vector<std::uint32_t> stack;
+    while (!storages.empty()) {
+        Pending p = storages.back();
+        storages.pop_back();
+        if (p.depth > kMaxDepth) return STG_E_DOCFILECORRUPT;
+        stack.assign(1, p.child);
+        while (!stack.empty()) {
+            std::uint32_t id = stack.back();
+            stack.pop_back();
+            if (id == NOSTREAM) continue;
+            if (id >= entries.size() || seen[id]) return STG_E_DOCFILECORRUPT;
+            seen[id] = true;
+            DirEntry& e = entries[id];
+            if (e.type != kTypeStorage && e.type != kTypeStream) return STG_E_DOCFILECORRUPT;
+            stack.push_back(e.left);
+            stack.push_back(e.right);
+            auto node = MakeNode();
+            node->name = std::move(e.name);  // each entry is visited once
+            node->type = e.type;
+            node->clsid = e.clsid;
+            node->stateBits = e.stateBits;
+            node->ctime = e.ctime;
+            node->mtime = e.mtime;
+            if (e.type == kTypeStream) {
+                auto c = MakeContent();
+                c->size = e.size;
+                if (e.size > 0) {
+                    c->backing = backing;
+                    c->start = e.start;
+                    c->mini = e.size < kMiniCutoff;
+                    c->owner = id + 1;
+                }
+                node->content = std::move(c);
+            }
+            // A duplicate name (case-blind) in a damaged file: the first one found wins.
+            Node* raw = node.get();
+            if (p.storage->children.Insert(std::move(node)) && e.type == kTypeStorage)
+                storages.push_back({raw, e.child, p.depth + 1});
+        }
+    }
+    rootOut = std::move(root);
+    return S_OK;
+}
+
 }  // namespace
 
 HRESULT ReadCompoundFile(std::unique_ptr<ByteStore> store, std::shared_ptr<Backing>& backingOut,
@@ -129,83 +213,27 @@ HRESULT ReadCompoundFile(std::unique_ptr<ByteStore> store, std::shared_ptr<Backi
         for (std::uint32_t i = 0; i < perSector; ++i) b->miniFat.push_back(Get32(sector.data() + 4 * i));
     }
 
-    std::vector<DirEntry, LargeAllocator<DirEntry>> entries;
-    const std::uint32_t perDirSector = ss / kDirEntrySize;
-    entries.reserve(dirChain.size() * perDirSector);
-    for (std::uint32_t s : dirChain) {
-        hr = b->ReadSector(s, sector.data());
-        if (FAILED(hr)) return hr;
-        for (std::uint32_t i = 0; i < perDirSector; ++i)
-            entries.push_back(ParseEntry(sector.data() + i * kDirEntrySize, v3));
-    }
-    // The root is the first root-typed entry; normally entry 0.
-    std::uint32_t rootId = 0;
-    while (rootId < entries.size() && entries[rootId].type != kTypeRoot) ++rootId;
-    if (rootId == entries.size()) return STG_E_DOCFILECORRUPT;
-    const DirEntry& re = entries[rootId];
-    b->miniStart = re.start;
-    b->miniSize = re.size;
-
-    auto root = MakeNode();
-    root->name = re.name;
-    root->type = kTypeRoot;
-    root->clsid = re.clsid;
-    root->stateBits = re.stateBits;
-    root->ctime = re.ctime;
-    root->mtime = re.mtime;
-
-    // Each entry may be reached once; a second visit is a cycle or a shared subtree.
-    std::vector<bool> seen(entries.size(), false);
-    seen[rootId] = true;
-    struct Pending {
-        Node* storage;
-        std::uint32_t child;
-        std::size_t depth;
-    };
-    std::vector<Pending> storages{{root.get(), re.child, 0}};
-    std::vector<std::uint32_t> stack;
-    while (!storages.empty()) {
-        Pending p = storages.back();
-        storages.pop_back();
-        if (p.depth > kMaxDepth) return STG_E_DOCFILECORRUPT;
-        stack.assign(1, p.child);
-        while (!stack.empty()) {
-            std::uint32_t id = stack.back();
-            stack.pop_back();
-            if (id == NOSTREAM) continue;
-            if (id >= entries.size() || seen[id]) return STG_E_DOCFILECORRUPT;
-            seen[id] = true;
-            DirEntry& e = entries[id];
-            if (e.type != kTypeStorage && e.type != kTypeStream) return STG_E_DOCFILECORRUPT;
-            stack.push_back(e.left);
-            stack.push_back(e.right);
-            auto node = MakeNode();
-            node->name = std::move(e.name);  // each entry is visited once
-            node->type = e.type;
-            node->clsid = e.clsid;
-            node->stateBits = e.stateBits;
-            node->ctime = e.ctime;
-            node->mtime = e.mtime;
-            if (e.type == kTypeStream) {
-                auto c = MakeContent();
-                c->size = e.size;
-                if (e.size > 0) {
-                    c->backing = b;
-                    c->start = e.start;
-                    c->mini = e.size < kMiniCutoff;
-                    c->owner = id + 1;
-                }
-                node->content = std::move(c);
-            }
-            // A duplicate name (case-blind) in a damaged file: the first one found wins.
-            Node* raw = node.get();
-            if (p.storage->children.Insert(std::move(node)) && e.type == kTypeStorage)
-                storages.push_back({raw, e.child, p.depth + 1});
-        }
-    }
+    NodePtr root;
+    hr = BuildTree(b, dirChain, v3, root);
+    if (FAILED(hr)) return hr;
     backingOut = std::move(b);
     rootOut = std::move(root);
     return S_OK;
+}
+
+HRESULT ReadTree(const std::shared_ptr<Backing>& backing, NodePtr& rootOut) {
+    unsigned char h[kHeaderSize];
+    if (backing->store->ReadAt(0, h, kHeaderSize) != static_cast<long long>(kHeaderSize))
+        return STG_E_READFAULT;
+    // Walked unclaimed: this version's chains were checked when it was first read or written. The walk is
+    // still bounded, as a cycle would be.
+    std::vector<std::uint32_t> chain;
+    for (std::uint32_t s = Get32(h + 0x30); s != ENDOFCHAIN; s = backing->fat[s]) {
+        if (s >= backing->fileSectors || s >= backing->fat.size() || chain.size() >= backing->fileSectors)
+            return STG_E_DOCFILECORRUPT;
+        chain.push_back(s);
+    }
+    return BuildTree(backing, chain, backing->sectorShift == 9, rootOut);
 }
 
 }  // namespace tavik::platform

@@ -257,6 +257,7 @@ HRESULT StorageImpl::Commit(DWORD) {
 
 HRESULT StorageImpl::Revert() {
     if (!Alive()) return STG_E_REVERTED;
+    if (m_root && (m_mode & STGM_TRANSACTED)) return RevertToFile();
     if (!m_base) return S_OK;
     if (!m_stale && !TakeTree()) {
         KillTree(*m_node);
@@ -275,6 +276,18 @@ bool Unshared(const Node& node) {
 }
 
 }  // namespace
+
+HRESULT StorageImpl::RevertToFile() {
+    // Unchanged and held by nobody else: the tree already is what the file holds.
+    if (!*m_dirty && m_node.use_count() == 1 && Unshared(*m_node)) return S_OK;
+    NodePtr fresh;
+    HRESULT hr = ReadTree(m_file->m_backing, fresh);
+    if (FAILED(hr)) return hr;
+    KillTree(*m_node);
+    m_node = std::move(fresh);
+    *m_dirty = false;
+    return S_OK;
+}
 
 NodePtr StorageImpl::TakeTree() {
     // Each element is held once, by its parent's list, unless a handle or an enumerator holds it too.

@@ -77,9 +77,14 @@ public:
 
 private:
     HRESULT MiniChain(const Chain** chain);
+    HRESULT Walk(std::uint32_t start, std::uint64_t size, bool mini, std::uint32_t owner, Chain& chain);
 
     std::vector<std::uint32_t> m_owner;
     std::vector<std::uint32_t> m_miniOwner;
+    // Per stream owner: 0 not resolved yet, 1 resolved whole, 2 found broken. A tree read afresh
+    // resolves the same chains again, which must neither trip over their own claims nor pass a
+    // chain that failed before.
+    std::vector<std::uint8_t> m_settled;
     Chain m_miniChain;
     bool m_miniResolved = false;
     HRESULT m_miniHr = S_OK;
@@ -210,6 +215,8 @@ bool Contains(const Node& outer, const Node* inner);
 
 // Parses a compound file. Fails with the codes StgOpenStorage gives.
 HRESULT ReadCompoundFile(std::unique_ptr<ByteStore> store, std::shared_ptr<Backing>& backing, NodePtr& root);
+// The tree of a file version read before (or written by us) once more, afresh.
+HRESULT ReadTree(const std::shared_ptr<Backing>& backing, NodePtr& root);
 
 // Result of writing a tree: the tables of the new file, to rebind the written streams to it once the
 // file is in place.

@@ -138,6 +138,45 @@ TEST_F(CompoundCorrupt, LoopsAndBadChainsFailOnlyTheirStream) {
     EXPECT_EQ(ReadResult(root.get(), "alpha"), STG_E_DOCFILECORRUPT);
 }
 
+// A transacted root reads its tree from the file again when it reverts. Streams read before read the
+// same again, and damage found before is found again: neither trips over the checks of the first read.
+TEST_F(CompoundCorrupt, RevertedRootKeepsItsVerdictsOnChains) {
+    std::uint32_t beta = Get32(Entry(EntryId("beta")) + 0x74);
+    FatOf(beta + 3) = beta + 1;
+    std::uint32_t gamma = Get32(Entry(EntryId("gamma")) + 0x74);
+    TempDir dir;
+    const std::string path = dir.file("damaged.ole");
+    WriteFile(path, std::string(m_bytes.begin(), m_bytes.end()));
+    Com<IStorage> root;
+    ASSERT_EQ(StgOpenStorage(path.c_str(), nullptr, kRW | STGM_TRANSACTED, nullptr, 0, root.out()), S_OK);
+    for (int round = 0; round < 3; ++round) {
+        EXPECT_EQ(GetStream(root.get(), "alpha"), Pattern(100, 1)) << round;
+        EXPECT_EQ(ReadResult(root.get(), "beta"), STG_E_DOCFILECORRUPT) << round;
+        EXPECT_EQ(GetStream(OpenPath(root.get(), "Sub", kRO).get(), "gamma"), Pattern(200, 3)) << round;
+        // A change to revert, and a handle the revert must cut off.
+        ASSERT_EQ(PutStream(root.get(), "delta", {1}), S_OK);
+        Com<IStream> open;
+        ASSERT_EQ(root->OpenStream("alpha", nullptr, kRO, 0, open.out()), S_OK);
+        ASSERT_EQ(root->Revert(), S_OK);
+        ULONG n = 0;
+        char byte;
+        EXPECT_EQ(open->Read(&byte, 1, &n), STG_E_REVERTED);
+        EXPECT_EQ(ReadResult(root.get(), "delta"), STG_E_FILENOTFOUND);
+    }
+    root.reset();
+
+    // Sectors shared by two streams are still refused to the second one after a revert.
+    m_bytes = s_good;
+    Put32(Entry(EntryId("alpha")) + 0x74, gamma);
+    WriteFile(path, std::string(m_bytes.begin(), m_bytes.end()));
+    ASSERT_EQ(StgOpenStorage(path.c_str(), nullptr, kRW | STGM_TRANSACTED, nullptr, 0, root.out()), S_OK);
+    EXPECT_EQ(ReadResult(OpenPath(root.get(), "Sub", kRO).get(), "gamma"), S_OK);
+    ASSERT_EQ(PutStream(root.get(), "delta", {1}), S_OK);
+    ASSERT_EQ(root->Revert(), S_OK);
+    EXPECT_EQ(ReadResult(root.get(), "alpha"), STG_E_DOCFILECORRUPT);
+    EXPECT_EQ(ReadResult(OpenPath(root.get(), "Sub", kRO).get(), "gamma"), S_OK);
+}
+
 TEST_F(CompoundCorrupt, DirectoryCyclesAndBadIds) {
     Com<IStorage> root;
     std::uint32_t sub = EntryId("Sub");
