@@ -333,6 +333,8 @@ void AccountChecker::Handle(CheckPop& pop, CheckDecider& decider, Scanned& messa
     }
 
     if (!m_o.dryRun) {
+        // Read before the record changes hands: a record the account could not store is gone after it.
+        const std::string messageId = Text(target.GetMessageID());
         if (!stored) {
             scanned.SetMailBox(m_account.GetIncomingServerName(), m_account.GetEmailAddress(),
                                m_account.GetOutgoingServer(), m_account.GetAccountName());
@@ -340,9 +342,8 @@ void AccountChecker::Handle(CheckPop& pop, CheckDecider& decider, Scanned& messa
             if (m_account.AddMessage(added, true) == m_account.MESSAGE_NOT_FOUND()) delete added;
         }
         if (done && decision.withheld.empty()) {
-            ActionRecord logged{std::time(nullptr),          m_result.account, row.id,
-                                Text(target.GetMessageID()), row.sender,       row.subject,
-                                decision.ruleName,           row.action};
+            ActionRecord logged{std::time(nullptr), m_result.account,  row.id,    messageId, row.sender,
+                                row.subject,        decision.ruleName, row.action};
             if (decision.action == kActionDelete) {
                 m_deletes.push_back({decision, id, std::move(logged), m_result.rows.size()});
             } else {
@@ -465,10 +466,9 @@ bool SplitServerName(const std::string& text, std::string& host, int& port) {
         const size_t close = rest.find(']');
         if (close == std::string::npos) return false;
         host = rest.substr(1, close - 1);
-        if (close + 1 < rest.size()) {
-            if (rest[close + 1] != ':') return false;
-            portText = rest.substr(close + 2);
-        }
+        if (close + 1 == rest.size()) return true;
+        if (rest[close + 1] != ':') return false;
+        portText = rest.substr(close + 2);
     } else if (std::count(rest.begin(), rest.end(), ':') == 1) {
         const size_t colon = rest.find(':');
         host = rest.substr(0, colon);
