@@ -117,23 +117,30 @@ bool ActionLog::Append(const ActionRecord& record, std::string* error) {
     if (m_path.empty()) return fail("no place for the action log: set XDG_STATE_HOME or HOME");
     std::error_code ec;
     const fs::path file(m_path);
-    const fs::path dir = file.parent_path();
-    if (!dir.empty() && !fs::is_directory(dir, ec)) {
-        fs::create_directories(dir, ec);
-        if (ec) return fail("cannot create " + dir.string() + ": " + ec.message());
-        fs::permissions(dir, fs::perms::owner_all, ec);
-    }
+    // A check appends a line per action: the directory and the file's mode are seen to once, and again
+    // only when the file has moved aside or gone.
     const auto size = fs::file_size(file, ec);
-    if (!ec && size > kRotateBytes) fs::rename(file, m_path + ".1", ec);
-    {
+    if (ec) m_ready = false;
+    if (!ec && size > kRotateBytes) {
+        fs::rename(file, m_path + ".1", ec);
+        m_ready = false;
+    }
+    if (!m_ready) {
+        const fs::path dir = file.parent_path();
+        if (!dir.empty() && !fs::is_directory(dir, ec)) {
+            fs::create_directories(dir, ec);
+            if (ec) return fail("cannot create " + dir.string() + ": " + ec.message());
+            fs::permissions(dir, fs::perms::owner_all, ec);
+        }
         // Created owner-only; an existing file is left as it is here and narrowed below.
         CFile create;
         CFileException why;
         if (!create.Open(m_path.c_str(), CFile::modeCreate | CFile::modeNoTruncate | CFile::modeWrite, &why))
             return fail("cannot open " + m_path + ": " + OsErrorText(why.m_lOsError, m_path));
         create.Close();
+        fs::permissions(file, fs::perms::owner_read | fs::perms::owner_write, ec);
+        m_ready = true;
     }
-    fs::permissions(file, fs::perms::owner_read | fs::perms::owner_write, ec);
     // Appending mode: each line lands at the end whoever else writes, in a single write.
     FILE* f = std::fopen(m_path.c_str(), "ab");
     if (!f) return fail("cannot open " + m_path);

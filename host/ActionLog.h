@@ -58,6 +58,7 @@ public:
 
 private:
     std::string m_path;
+    bool m_ready = false;  // directory made and file owner-only, until the file moves aside or goes
 };
 
 struct LogQuery {

@@ -175,6 +175,13 @@ TEST_F(ActionLogFiles, AppendsOwnerOnlyAndRotates) {
     EXPECT_EQ(st.st_mode & 0777, 0600u);
     EXPECT_EQ(ReadFile(Path()), FormatActionLine(second) + "\n");
     EXPECT_EQ(ReadFile(Path() + ".1").size(), ActionLog::kRotateBytes + 1);
+    // A log removed while a check writes to it comes back owner-only.
+    std::filesystem::remove(Path());
+    const mode_t open = umask(0);
+    ASSERT_TRUE(log.Append(second, &error)) << error;
+    umask(open);
+    ASSERT_EQ(stat(Path().c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0600u);
 
     WriteFile(m_dir.file("blocker"), "");
     ActionLog blocked(m_dir.file("blocker/actions.log"));
