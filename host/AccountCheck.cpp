@@ -1,7 +1,9 @@
 #include "host/AccountCheck.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <ctime>
+#include <map>
 #include <memory>
 #include <optional>
 
@@ -49,7 +51,45 @@ public:
             throw new CPopMailException(reason);
         }
     }
+
+    // UIDL for the whole mailbox, the listing without its status line and end mark. False for a
+    // negative reply.
+    bool UidList(CString& listing) {
+        try {
+            if (!MultiLineResponse("UIDL\r\n", listing)) return false;
+            CString status;
+            StripResponse(listing, status);
+            return Text(status).rfind("+OK", 0) == 0;
+        } catch (CBlockingSocketException* e) {
+            char reason[512] = "the connection failed";
+            e->GetErrorMessage(reason, sizeof reason);
+            e->Delete();
+            throw new CPopMailException(reason);
+        }
+    }
 };
+
+// The unique identifiers of messages 1 to last from one UIDL listing, by message number ("" for a number
+// the listing lacks). False when the server refuses the listing; the session goes on.
+bool UidListing(CheckPop& pop, int last, std::vector<std::string>& uids) {
+    CString text;
+    if (!pop.UidList(text)) return false;
+    uids.assign(static_cast<size_t>(last) + 1, std::string());
+    const std::string listing = Text(text);
+    for (size_t at = 0; at < listing.size();) {
+        size_t end = listing.find("\r\n", at);
+        if (end == std::string::npos) end = listing.size();
+        const std::string line = listing.substr(at, end - at);
+        at = end + 2;
+        const size_t space = line.find(' ');
+        if (space == std::string::npos) continue;
+        const int n = std::atoi(line.substr(0, space).c_str());
+        const size_t start = line.find_first_not_of(' ', space);
+        if (n < 1 || n > last || start == std::string::npos) continue;
+        uids[static_cast<size_t>(n)] = line.substr(start, line.find(' ', start) - start);
+    }
+    return true;
+}
 
 // A listing's lines as the message has them: the doubled dot of a line that starts with one undone.
 std::string Unstuffed(std::string text) {
@@ -158,11 +198,47 @@ void AccountChecker::Scan(CheckPop& pop, std::vector<Scanned>& messages) {
     m_result.totals.messages = static_cast<size_t>(count);
     if (m_progress) m_progress->Start(m_result.account + ": scanning", static_cast<size_t>(last));
     messages.reserve(static_cast<size_t>(last));
-    const bool whole = last == 0 || pop.GetHeaders(1, last, [&](int n, std::unique_ptr<CMessageList> record) {
-        messages.push_back({n, std::move(record)});
-        if (m_progress) m_progress->Advance(messages.size());
-        return !Stopping();
-    });
+    // Messages the account knows already are not scanned again: one UIDL listing names them, and their
+    // records come from the account. The rest (all of them when the listing is refused, or names an
+    // identifier twice) are scanned in runs of consecutive numbers.
+    std::vector<std::string> uids;
+    std::vector<std::unique_ptr<CMessageList>> known(static_cast<size_t>(last) + 1);
+    // An account that knows no message yet has no use for the listing.
+    if (last > 0 && !m_o.dryRun && !m_account.GetMessageList().empty() && UidListing(pop, last, uids)) {
+        std::map<DWORD, int> seen;
+        std::vector<DWORD> ids(static_cast<size_t>(last) + 1, 0);
+        for (int n = 1; n <= last; ++n) {
+            if (uids[static_cast<size_t>(n)].empty()) continue;
+            unsigned long id = 0;
+            pop.GetIDNumeric(uids[static_cast<size_t>(n)].c_str(), id);
+            ids[static_cast<size_t>(n)] = static_cast<DWORD>(id);
+            ++seen[static_cast<DWORD>(id)];
+        }
+        for (int n = 1; n <= last; ++n) {
+            const DWORD id = ids[static_cast<size_t>(n)];
+            if (uids[static_cast<size_t>(n)].empty() || seen[id] != 1) continue;
+            auto position = m_account.FindMessage(id, false);
+            if (position != m_account.MESSAGE_NOT_FOUND())
+                known[static_cast<size_t>(n)] = std::make_unique<CMessageList>(**position);
+        }
+    }
+    bool whole = true;
+    for (int n = 1; n <= last && whole && !Stopping();) {
+        if (known[static_cast<size_t>(n)]) {
+            messages.push_back({n, std::move(known[static_cast<size_t>(n)])});
+            if (m_progress) m_progress->Advance(messages.size());
+            ++n;
+            continue;
+        }
+        int end = n;
+        while (end < last && !known[static_cast<size_t>(end) + 1]) ++end;
+        whole = pop.GetHeaders(n, end, [&](int number, std::unique_ptr<CMessageList> record) {
+            messages.push_back({number, std::move(record)});
+            if (m_progress) m_progress->Advance(messages.size());
+            return !Stopping();
+        });
+        n = end + 1;
+    }
     if (m_progress) m_progress->Finish();
     if (Stopping()) {
         m_result.stopped = true;

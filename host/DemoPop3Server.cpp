@@ -45,11 +45,20 @@ std::string Top(const std::string& text, long lines) {
 
 DemoPop3Server::DemoPop3Server(std::vector<std::string> messages, std::string user, std::string password)
     : m_user(std::move(user)), m_password(std::move(password)) {
-    for (size_t i = 0; i < messages.size(); ++i) {
-        char uid[64];
-        std::snprintf(uid, sizeof uid, "demo-%04zu-%08zx", i + 1, messages[i].size() * 2654435761u);
-        m_messages.push_back({uid, std::move(messages[i])});
-    }
+    for (std::string& text : messages) Deliver(std::move(text));
+}
+
+void DemoPop3Server::Deliver(std::string text) {
+    std::lock_guard<std::mutex> hold(m_lock);
+    char uid[64];
+    std::snprintf(uid, sizeof uid, "demo-%04zu-%08zx", ++m_delivered, text.size() * 2654435761u);
+    m_messages.push_back({uid, std::move(text)});
+}
+
+size_t DemoPop3Server::Commands(const std::string& verb) const {
+    std::lock_guard<std::mutex> hold(m_lock);
+    auto at = m_commands.find(verb);
+    return at == m_commands.end() ? 0 : at->second;
 }
 
 DemoPop3Server::~DemoPop3Server() { Stop(); }
@@ -82,6 +91,10 @@ std::string DemoPop3Server::Answer(const std::string& line, std::vector<bool>& d
                                    bool& authorised, bool& quit) {
     size_t sp = line.find(' ');
     std::string cmd = Upper(line.substr(0, sp));
+    static const char* const kKnown[] = {"USER", "PASS", "STAT", "LIST", "UIDL", "TOP",
+                                         "RETR", "DELE", "RSET", "NOOP", "CAPA", "QUIT"};
+    for (const char* known : kKnown)
+        if (cmd == known) ++m_commands[cmd];
     std::string arg = sp == std::string::npos ? "" : line.substr(sp + 1);
     size_t index = 0;
     auto number = [&](const std::string& text) {

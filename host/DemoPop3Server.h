@@ -4,6 +4,7 @@
 // what is left for the next session.
 #pragma once
 
+#include <map>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -25,6 +26,10 @@ public:
 
     // What the mailbox holds now; a message marked for deletion stays until its session's QUIT.
     std::vector<Message> Mailbox() const;
+    // New mail: appended to the mailbox, seen from the next session on.
+    void Deliver(std::string text);
+    // How many commands of that verb (upper case) the server has been sent so far.
+    size_t Commands(const std::string& verb) const;
 
 private:
     void Session(std::uintptr_t connection) override;
@@ -34,6 +39,8 @@ private:
 
     mutable std::mutex m_lock;  // the mailbox, read by Mailbox() while a session runs
     std::vector<Message> m_messages;
+    size_t m_delivered = 0;
+    std::map<std::string, size_t> m_commands;
     std::string m_user, m_password;
 };
 

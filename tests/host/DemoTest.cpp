@@ -2,16 +2,20 @@
 // a private store that leaves the person's own untouched.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <string>
 
+#include "host/DemoPop3Server.h"
 #include "host/DemoSmtpServer.h"
 #include "host/DemoUser.h"
 #include "host/Dispatch.h"
 #include "host/MailSend.h"
 #include "host/RuleEdit.h"
+#include "host/SampleMailbox.h"
+#include "host/UserCheck.h"
 #include "host/UserSession.h"
 #include "platform/FileSystem.h"
 #include "platform/Registry.h"
@@ -20,6 +24,12 @@
 using namespace tavik::host;
 
 namespace {
+
+std::vector<std::string> SampleTexts() {
+    std::vector<std::string> texts;
+    for (const SampleMessage& m : MakeSampleMailbox()) texts.push_back(m.text);
+    return texts;
+}
 
 int Send(unsigned short port, const std::string& body, std::vector<std::string> to) {
     SendOptions o;
@@ -183,4 +193,40 @@ TEST_F(DemoUserTest, TavikDemoShowsTheCheckAndLeavesNothingBehind) {
     EXPECT_FALSE(std::filesystem::exists(m_dir.file("own-registry.db")))
         << "the person's store was not opened";
     EXPECT_FALSE(std::filesystem::exists(state)) << "nor the person's action log";
+}
+
+// A second check scans only what is new: the messages the account knows come from one UIDL listing, a
+// new one is fetched and judged, and nothing known is judged again.
+TEST_F(DemoUserTest, ASecondCheckScansOnlyNewMail) {
+    DemoPop3Server pop3(SampleTexts(), "demo", "demo-password");
+    DemoSmtpServer smtp;
+    ASSERT_TRUE(pop3.Start());
+    ASSERT_TRUE(smtp.Start());
+    DemoWorkspace workspace;
+    CreateDemoUser(workspace, pop3.Port(), smtp.Port());
+    UserCheckOptions o;
+    o.out = nullptr;
+    o.err = nullptr;
+    o.actionLog = workspace.Path("actions.log");
+    UserCheckResult first = CheckUser(o);
+    ASSERT_TRUE(first.error.empty()) << first.error;
+    ASSERT_EQ(first.totals.messages, 14u);
+    const size_t tops = pop3.Commands("TOP");
+    EXPECT_GE(tops, 14u);
+
+    auto sample = MakeSampleMailbox();
+    std::string junk = sample[9].text;  // the "URGENT" one, deleted by the first check
+    junk.replace(junk.find("Message-ID: <10."), 16, "Message-ID: <99.");
+    pop3.Deliver(junk);
+    UserCheckResult second = CheckUser(o);
+    ASSERT_TRUE(second.error.empty()) << second.error;
+    EXPECT_EQ(pop3.Commands("TOP") - tops, 1u) << "only the new message is scanned";
+    EXPECT_EQ(second.totals.fresh, 1u);
+    EXPECT_EQ(second.totals.deleted, 1u);
+    EXPECT_EQ(pop3.Mailbox().size(), 10u);
+    const auto& rows = second.accounts.at(0).rows;
+    ASSERT_EQ(rows.size(), 11u);
+    EXPECT_EQ(std::count_if(rows.begin(), rows.end(),
+                            [](const ResultRow& r) { return r.verdict == Verdict::kJudged; }),
+              10);
 }
