@@ -274,6 +274,26 @@ TEST_F(UserCheckTest, WatchEndsBetweenAccountsOnSigterm) {
     EXPECT_EQ(Count(Log(), "\tDelete\n"), 1u) << Log();
 }
 
+TEST_F(UserCheckTest, AForwardThatFailsIsTriedAgainNextTime) {
+    if (!DovecotServer::Installed() || !EximServer::Installed()) GTEST_SKIP() << "Dovecot or Exim missing";
+    Start({Mail("Dave <dave@tavik.test>", "invoice 9")});
+    m_exim->Stop();
+
+    Outcome down = RunTavikLine({"check"});
+    EXPECT_EQ(down.rc, 1) << down.out << down.err;
+    EXPECT_NE(down.out.find("failed"), std::string::npos) << down.out;
+    EXPECT_EQ(Log(), "");
+
+    m_exim = std::make_unique<EximServer>(m_dovecot.Dir() + "/Maildir");
+    m_exim->Start();
+    Ok({"account", "set", "--smtp", "127.0.0.1:" + std::to_string(m_exim->Port()), "Home"});
+    Outcome up = RunTavikLine({"check"});
+    EXPECT_EQ(up.rc, 3) << up.out << up.err;
+    ASSERT_TRUE(m_exim->WaitForMessages(2)) << m_exim->Log();
+    EXPECT_EQ(Count(Joined(), "Subject: FWD: invoice 9"), 1u);
+    EXPECT_EQ(Count(Log(), "\tForward\n"), 1u) << Log();
+}
+
 // A server that gives two messages the same UIDL: neither is deleted on the strength of that identifier,
 // and the check says why once.
 TEST_F(ManageTest, SharedIdentifiersAreNeverDeleted) {
