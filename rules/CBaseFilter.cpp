@@ -231,14 +231,27 @@ bool CBaseFilter::operator==(const CString& name) const {
 
 // --- schedule
 
+namespace {
+
+// CompareNoCase(lower) == 0, inline: a check asks this of every rule for every message.
+bool SameNoCase(const CString& text, const char* lower) {
+    for (const char* c = text.GetString();; ++c, ++lower) {
+        const char folded = (*c >= 'A' && *c <= 'Z') ? static_cast<char>(*c - 'A' + 'a') : *c;
+        if (folded != *lower) return false;
+        if (!folded) return true;
+    }
+}
+
+}  // namespace
+
 bool CBaseFilter::IsActiveOn() const {
     static const char* const kDays[] = {"sundays",   "mondays", "tuesdays", "wednesdays",
                                         "thursdays", "fridays", "saturdays"};
-    if (m_strActiveOn.CompareNoCase("all days") == 0) return true;
+    if (SameNoCase(m_strActiveOn, "all days")) return true;
     const int day = CTime::GetCurrentTime().GetDayOfWeek();
-    if (day >= 1 && day <= 7 && m_strActiveOn.CompareNoCase(kDays[day - 1]) == 0) return true;
-    if (day >= 2 && day <= 6) return m_strActiveOn.CompareNoCase("weekdays") == 0;
-    return m_strActiveOn.CompareNoCase("weekends") == 0;
+    if (day >= 1 && day <= 7 && SameNoCase(m_strActiveOn, kDays[day - 1])) return true;
+    if (day >= 2 && day <= 6) return SameNoCase(m_strActiveOn, "weekdays");
+    return SameNoCase(m_strActiveOn, "weekends");
 }
 
 bool CBaseFilter::CheckActivateStatus() const {

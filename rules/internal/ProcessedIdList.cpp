@@ -102,6 +102,9 @@ void ProcessedIdList::AppendLittleEndian(const void* bytes, size_t count, bool u
     std::uint32_t* const first = m_first.empty() ? nullptr : m_first.data();
     const size_t mask = m_keys.size() - 1;
     size_t used = m_used;
+    // What goes into the list, gathered first: one insert at the end of the deque copies block by block.
+    std::vector<DWORD> kept;
+    kept.reserve(count);
     const auto* p = static_cast<const unsigned char*>(bytes);
     for (size_t n = 0; n < count; ++n, p += 4) {
         const DWORD id = p[0] | (DWORD(p[1]) << 8) | (DWORD(p[2]) << 16) | (DWORD(p[3]) << 24);
@@ -118,9 +121,10 @@ void ProcessedIdList::AppendLittleEndian(const void* bytes, size_t count, bool u
             if (unique) continue;
             ++m_repeats.try_emplace(id, 1).first->second;
         }
-        m_values.push_back(id);
+        kept.push_back(id);
         ++index;
     }
+    m_values.insert(m_values.end(), kept.begin(), kept.end());
     m_used = used;
     if (!m_removed.empty()) m_removed.resize(index, false);
     m_live += index - before;

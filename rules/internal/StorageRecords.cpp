@@ -11,12 +11,29 @@ namespace tavik::lib {
 
 namespace {
 
-std::string folded(std::string_view text) {
-    std::string out(text);
-    for (char& c : out)
-        if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 'a' + 'A');
-    return out;
+char Folded(char c) { return (c >= 'a' && c <= 'z') ? static_cast<char>(c - 'a' + 'A') : c; }
+
+std::uint64_t FoldedHash(std::string_view text) {
+    char buffer[128];
+    std::string large;
+    char* out = buffer;
+    if (text.size() > sizeof buffer) {
+        large.resize(text.size());
+        out = large.data();
+    }
+    for (size_t i = 0; i < text.size(); ++i) out[i] = Folded(text[i]);
+    return std::hash<std::string_view>()(std::string_view(out, text.size()));
 }
+
+bool SameFolded(std::string_view a, std::string_view b) {
+    if (a.size() != b.size()) return false;
+    for (size_t i = 0; i < a.size(); ++i)
+        if (Folded(a[i]) != Folded(b[i])) return false;
+    return true;
+}
+
+// An entry as the list compares it: up to its first zero byte.
+std::string_view EntryText(const CString& entry) { return entry.GetString(); }
 
 template <class T>
 struct Released {
@@ -94,16 +111,53 @@ bool ReadDecimal(CStorageManager& storage, UINT nameId, DWORD& value) {
 }
 
 EntryAdder::EntryAdder(CStringArray& list) : m_list(list) {
-    for (int i = 0; i < list.GetSize(); ++i) m_folded.insert(folded(list[i].GetString()));
+    if (!list.IsEmpty()) Rebuild(0);
+}
+
+size_t EntryAdder::Find(std::string_view entry, std::uint64_t hash) const {
+    const size_t mask = m_slots.size() - 1;
+    for (size_t i = hash & mask;; i = (i + 1) & mask)
+        if (m_slots[i] == 0 || SameFolded(entry, EntryText(m_list[static_cast<int>(m_slots[i] - 1)])))
+            return i;
+}
+
+void EntryAdder::Place(size_t index) {
+    // At most half full, so that a search ends soon at a free slot.
+    if ((index + 1) * 2 > m_slots.size()) {
+        Rebuild(m_slots.size() * 2);
+        return;
+    }
+    const std::string_view text = EntryText(m_list[static_cast<int>(index)]);
+    m_slots[Find(text, FoldedHash(text))] = static_cast<std::uint32_t>(index + 1);
+}
+
+void EntryAdder::Rebuild(size_t slots) {
+    // A power of two, which Find's mask needs.
+    const size_t least = std::max(slots, 2 * (static_cast<size_t>(m_list.GetSize()) + 1));
+    size_t size = 16;
+    while (size < least) size *= 2;
+    m_slots.assign(size, 0);
+    for (int i = 0; i < m_list.GetSize(); ++i) {
+        const std::string_view text = EntryText(m_list[i]);
+        const size_t slot = Find(text, FoldedHash(text));
+        if (m_slots[slot] == 0) m_slots[slot] = static_cast<std::uint32_t>(i + 1);
+    }
 }
 
 void EntryAdder::Add(std::string_view entry) {
     entry = entry.substr(0, entry.find('\0'));
     if (entry.empty()) return;
-    if (m_folded.insert(folded(entry)).second) m_list.vector().emplace_back(entry);
+    if (!m_slots.empty() && m_slots[Find(entry, FoldedHash(entry))] != 0) return;
+    m_list.vector().emplace_back(entry);
+    Place(static_cast<size_t>(m_list.GetSize() - 1));
 }
 
 void EntryAdder::AddSplit(std::string_view text) {
+    // Room for every entry the text can hold, so that the table is not rebuilt on the way; a non-empty entry
+    // takes at least two bytes, so a run of separators reserves no more than half its length.
+    const size_t pieces = static_cast<size_t>(std::count(text.begin(), text.end(), '|')) + 1;
+    const size_t most = static_cast<size_t>(m_list.GetSize()) + std::min(pieces, text.size() / 2 + 1);
+    if (most * 2 > m_slots.size()) Rebuild(most * 2);
     size_t start = 0;
     while (start <= text.size()) {
         size_t end = text.find('|', start);

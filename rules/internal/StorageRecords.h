@@ -3,11 +3,12 @@
 // bits is ignored, and lists never cost more than linear time in what the stream holds.
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <initializer_list>
 #include <string>
 #include <string_view>
-#include <unordered_set>
+#include <vector>
 
 #include "messages/CStorageManager.h"
 #include "platform/CArray.h"
@@ -34,8 +35,18 @@ public:
     void AddSplit(std::string_view text);
 
 private:
+    // The slot of the entry, or the free slot where it would go.
+    size_t Find(std::string_view entry, std::uint64_t hash) const;
+    // Enters the list's entry at index, which is not there yet.
+    void Place(size_t index);
+    // Makes the table a power of two, at least that many slots and more than twice the list, then enters
+    // the list.
+    void Rebuild(size_t slots);
+
     CStringArray& m_list;
-    std::unordered_set<std::string> m_folded;
+    // Entries of the list by the hash of their folded text, as index + 1 (0: free): open addressing over
+    // the list itself, so that nothing is copied to be looked up.
+    std::vector<std::uint32_t> m_slots;
 };
 
 // Visits the bytes of every stream of the named sub-storage, when it exists.

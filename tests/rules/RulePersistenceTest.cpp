@@ -6,10 +6,12 @@
 #include <list>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "platform/Clock.h"
 #include "platform/Registry.h"
 #include "rules/internal/RuleStrings.h"
+#include "rules/internal/StorageRecords.h"
 #include "tests/rules/RuleTestSupport.h"
 #include "tests/support/TempDir.h"
 
@@ -549,6 +551,30 @@ TEST_F(Persistence, NamelessSubStoragesAreRemoved) {
     EXPECT_EQ(loaded.front().GetFilterName(), "Kept");
     const std::string listing = OleListing(m_file.path(), false);
     EXPECT_EQ(listing.substr(0, listing.find("d Shields/Kept")), "d Shields\n") << listing;
+}
+
+// Lists read from storage (ignore list, recipients, duplicates) drop entries they already hold,
+// ignoring case, whether the entry came before the read or earlier in the same text.
+TEST(EntryLists, RepeatsAreDroppedIgnoringCase) {
+    CStringArray list;
+    for (const char* entry : {"Keep@Example.com", "keep@example.com", "b"}) list.Add(entry);
+    tavik::lib::EntryAdder adder(list);
+    const char text[] = "KEEP@example.COM|B||new|NEW\0tail|x\0y|";
+    adder.AddSplit(std::string(text, sizeof text - 1));
+    adder.Add("X");
+    std::vector<std::string> got;
+    for (int i = 0; i < list.GetSize(); ++i) got.push_back(list[i].str());
+    EXPECT_EQ(got, (std::vector<std::string>{"Keep@Example.com", "keep@example.com", "b", "new", "x"}));
+
+    // Enough entries for the lookup table to grow several times on the way.
+    std::string many;
+    for (int i = 0; i < 3000; ++i)
+        many += "user" + std::to_string(i) + "@example.com|USER" + std::to_string(i) + "@EXAMPLE.COM|";
+    adder.AddSplit(many);
+    ASSERT_EQ(list.GetSize(), 5 + 3000);
+    EXPECT_EQ(list[5 + 2999].str(), "user2999@example.com");
+    adder.Add("User17@Example.Com");
+    EXPECT_EQ(list.GetSize(), 5 + 3000);
 }
 
 }  // namespace
