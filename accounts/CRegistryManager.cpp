@@ -166,7 +166,45 @@ void WriteAnonDwords(HKEY key, const Container& values) {
         RegSetValueEx(key, AnonName(i++), 0, REG_DWORD, reinterpret_cast<const BYTE*>(&value), sizeof value);
 }
 
+// Whether name is AnonName(index), without making it.
+bool IsAnonName(const char* name, DWORD length, DWORD index) {
+    char digits[16];
+    const auto end = std::to_chars(digits, digits + sizeof digits, index).ptr;
+    const auto count = static_cast<size_t>(end - digits);
+    return length == 5 + count && std::memcmp(name, "Value", 5) == 0 &&
+           std::memcmp(name + 5, digits, count) == 0;
+}
+
 }  // namespace
+
+bool CRegistryManager::UpdateAnonDwordValues(const std::vector<DWORD>& values) {
+    DWORD subKeys = 0, count = 0;
+    if (RegQueryInfoKey(m_hKey, nullptr, nullptr, nullptr, &subKeys, nullptr, nullptr, &count, nullptr,
+                        nullptr, nullptr, nullptr) != ERROR_SUCCESS ||
+        subKeys != 0)
+        return false;
+    // The whole old list is read before the first write: a write ends the registry's cached walk.
+    std::vector<DWORD> old;
+    old.reserve(count);
+    char name[kBufferSize + 1];
+    for (DWORD index = 0;; ++index) {
+        DWORD nameSize = kBufferSize, type = 0, value = 0, size = sizeof value;
+        const LONG code = RegEnumValue(m_hKey, index, name, &nameSize, nullptr, &type,
+                                       reinterpret_cast<BYTE*>(&value), &size);
+        if (code == ERROR_NO_MORE_ITEMS) break;
+        if (code != ERROR_SUCCESS || type != REG_DWORD || size != sizeof value ||
+            !IsAnonName(name, nameSize, index))
+            return false;
+        old.push_back(value);
+    }
+    for (size_t i = 0; i < values.size(); ++i)
+        if (i >= old.size() || old[i] != values[i])
+            RegSetValueEx(m_hKey, AnonName(static_cast<int>(i)), 0, REG_DWORD,
+                          reinterpret_cast<const BYTE*>(&values[i]), sizeof values[i]);
+    for (size_t i = old.size(); i > values.size(); --i)
+        RegDeleteValue(m_hKey, AnonName(static_cast<int>(i - 1)));
+    return true;
+}
 
 void CRegistryManager::GetAnonDwordValues(std::list<DWORD>& values) { ReadAnonDwords(m_hKey, values); }
 void CRegistryManager::GetAnonDwordValues(std::vector<DWORD>& values) { ReadAnonDwords(m_hKey, values); }

@@ -56,6 +56,11 @@ public:
     // The same into and from one block, for lists of thousands.
     void GetAnonDwordValues(std::vector<DWORD>& values);
     void SetAnonDwordValues(const std::vector<DWORD>& values);
+    // Brings a key that holds such a number list, and nothing else, to values, writing only the entries
+    // that differ and deleting a longer old list's tail: a save mostly finds the list it wrote last time
+    // with a few numbers added. False, with nothing written, when the key holds anything else (a sub-key,
+    // another name, type or size, a name out of its place): callers then delete and recreate it.
+    bool UpdateAnonDwordValues(const std::vector<DWORD>& values);
 
     // Reads the named value through a buffer of size bytes; value changes only on success. The type is
     // received into the by-value argument only, as callers have always used it.

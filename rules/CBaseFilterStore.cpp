@@ -276,12 +276,18 @@ void CBaseFilter::SaveRegistryData(CString parentKey) {
     reg.SetStringValues(texts);
     reg.SetDwordValues(numbers);
     reg.Close();
-    RewriteSubKey(key, IDS_PROCESSED, [&](CRegistryManager& sub) {
-        std::vector<DWORD> ids;
-        ids.reserve(m_ProcessedIDs.Size());
-        m_ProcessedIDs.ForEach([&](DWORD id) { ids.push_back(id); });
-        sub.SetAnonDwordValues(ids);
-    });
+    std::vector<DWORD> ids;
+    ids.reserve(m_ProcessedIDs.Size());
+    m_ProcessedIDs.ForEach([&](DWORD id) { ids.push_back(id); });
+    // Thousands of identifiers, nearly all as the last save left them: only the differences are written.
+    CRegistryManager processed;
+    const bool updated =
+        processed.OpenRegistryKey(HKEY_CURRENT_USER, key + "\\" + ResourceText(IDS_PROCESSED), nullptr) ==
+            ERROR_SUCCESS &&
+        processed.UpdateAnonDwordValues(ids);
+    processed.Close();
+    if (!updated)
+        RewriteSubKey(key, IDS_PROCESSED, [&](CRegistryManager& sub) { sub.SetAnonDwordValues(ids); });
     RewriteSubKey(key, IDS_IGNORE, [&](CRegistryManager& sub) { sub.SetAnonStringValues(m_IgnoreList); });
 }
 

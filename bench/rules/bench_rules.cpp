@@ -37,14 +37,18 @@ const char kAccountKey[] = "Software\\Brannick\\Tavik Mail\\Bench Account";
 struct Timing {
     double wallMs = 1e300;
     double cpuMs = 1e300;
+    double firstWallMs = -1, firstCpuMs = -1;
     template <class F>
     void Take(F f) {
         std::clock_t c0 = std::clock();
         auto t0 = std::chrono::steady_clock::now();
         f();
-        wallMs = std::min(
-            wallMs, std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count());
-        cpuMs = std::min(cpuMs, 1000.0 * static_cast<double>(std::clock() - c0) / CLOCKS_PER_SEC);
+        const double wall =
+            std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count();
+        const double cpu = 1000.0 * static_cast<double>(std::clock() - c0) / CLOCKS_PER_SEC;
+        if (firstWallMs < 0) firstWallMs = wall, firstCpuMs = cpu;
+        wallMs = std::min(wallMs, wall);
+        cpuMs = std::min(cpuMs, cpu);
     }
 };
 
@@ -288,6 +292,11 @@ int main() {
     std::printf("bench rules_registry_save_and_load %.1f ms\n", regSave.wallMs + regLoad.wallMs);
     // Processor time too: on a shared machine the wall time also counts the waits for a processor.
     std::printf("bench rules_registry_save_and_load_cpu %.1f ms\n", regSave.cpuMs + regLoad.cpuMs);
+    // The first save writes every value into an empty store; later ones find the lists they wrote.
+    std::printf("bench rules_registry_first_save_90x5000 %.1f ms\n", regSave.firstWallMs);
+    std::printf("bench rules_registry_first_save_90x5000_cpu %.1f ms\n", regSave.firstCpuMs);
+    std::printf("bench rules_registry_save_90x5000_cpu %.1f ms\n", regSave.cpuMs);
+    std::printf("bench rules_registry_load_90x5000_cpu %.1f ms\n", regLoad.cpuMs);
 
     constexpr int kMessages = 10000;
     Timing small, large;

@@ -2,6 +2,7 @@
 // and the 1000-byte buffers.
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <list>
 #include <string>
 #include <vector>
@@ -170,6 +171,70 @@ TEST_F(RegistryManager, AnonymousListsReplaceTheContainerAndStopAtTheFirstUnread
     reg.GetAnonDwordValues(back);
     EXPECT_EQ(back, (std::list<DWORD>{5, 6, 7}));
     reg.Close();
+}
+
+// Every value of the key in enumeration order, as "name=type:number".
+std::string Listing(HKEY key) {
+    std::string out;
+    char name[64];
+    for (DWORD index = 0;; ++index) {
+        DWORD nameSize = sizeof name, type = 0, value = 0, size = sizeof value;
+        if (RegEnumValue(key, index, name, &nameSize, nullptr, &type, reinterpret_cast<BYTE*>(&value),
+                         &size) != ERROR_SUCCESS)
+            break;
+        out += std::string(name) + "=" + std::to_string(type) + ":" + std::to_string(value) + " ";
+    }
+    return out;
+}
+
+// An update leaves the key as a delete and a full rewrite would, and refuses (writing nothing) a key
+// holding anything its list could not have written.
+TEST_F(RegistryManager, NumberListsAreUpdatedInPlaceOrRefused) {
+    CRegistryManager reg;
+    ASSERT_EQ(reg.OpenRegistryKey(HKEY_CURRENT_USER, "Software\\Brannick\\Test\\Processed", nullptr),
+              ERROR_SUCCESS);
+    for (const std::vector<DWORD>& ids :
+         {std::vector<DWORD>{1, 2, 3}, {1, 9, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12}, {1, 9}, {}, {0xFFFFFFFFu}}) {
+        ASSERT_TRUE(reg.UpdateAnonDwordValues(ids));
+        std::string expected;
+        for (size_t i = 0; i < ids.size(); ++i)
+            expected += "Value" + std::to_string(i) + "=4:" + std::to_string(ids[i]) + " ";
+        EXPECT_EQ(Listing(reg.GetKeyHandle()), expected);
+    }
+    reg.Close();
+
+    const DWORD number = 5;
+    const std::function<void(HKEY)> foreign[] = {
+        [&](HKEY key) {
+            RegSetValueEx(key, "Other", 0, REG_DWORD, reinterpret_cast<const BYTE*>(&number), 4);
+        },
+        [&](HKEY key) { RegSetValueEx(key, "Value1", 0, REG_SZ, reinterpret_cast<const BYTE*>("5"), 2); },
+        [&](HKEY key) {
+            RegSetValueEx(key, "Value1", 0, REG_DWORD, reinterpret_cast<const BYTE*>("12345678"), 8);
+        },
+        [&](HKEY key) {
+            RegSetValueEx(key, "value1", 0, REG_DWORD, reinterpret_cast<const BYTE*>(&number), 4);
+        },
+        [&](HKEY key) {
+            RegSetValueEx(key, "Value2", 0, REG_DWORD, reinterpret_cast<const BYTE*>(&number), 4);
+        },
+        [&](HKEY key) {
+            HKEY sub = nullptr;
+            RegCreateKeyEx(key, "Sub", 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &sub, nullptr);
+            RegCloseKey(sub);
+        },
+    };
+    int which = 0;
+    for (const auto& spoil : foreign) {
+        const std::string path = "Software\\Brannick\\Test\\Spoiled" + std::to_string(which++);
+        ASSERT_EQ(reg.OpenRegistryKey(HKEY_CURRENT_USER, path.c_str(), nullptr), ERROR_SUCCESS);
+        RegSetValueEx(reg.GetKeyHandle(), "Value0", 0, REG_DWORD, reinterpret_cast<const BYTE*>(&number), 4);
+        spoil(reg.GetKeyHandle());
+        const std::string before = Listing(reg.GetKeyHandle());
+        EXPECT_FALSE(reg.UpdateAnonDwordValues({7, 8, 9})) << path;
+        EXPECT_EQ(Listing(reg.GetKeyHandle()), before) << path;
+        reg.Close();
+    }
 }
 
 TEST_F(RegistryManager, AFailedOpenLeavesEveryFieldAlone) {

@@ -491,6 +491,34 @@ TEST_F(Persistence, LargeProcessedKeysLoadWhole) {
     ASSERT_EQ(loaded.size(), 1u);
     EXPECT_EQ(loaded.front().GetProcessedIDCount(), 100000u);
     EXPECT_TRUE(loaded.front().SearchProcessedID(99999 * 2654435761u));
+
+    // Saved back after a check (one removed near the front, one added), then over a stray value that
+    // the list could not have written: each load gives the list as saved, and nothing else stays.
+    const std::string path = std::string(kParent) + "\\Busy\\Processed";
+    for (bool stray : {false, true}) {
+        CSpamBlockProfile& busy = loaded.front();
+        busy.RemoveProcessedID((stray ? 9 : 5) * 2654435761u);
+        busy.AddProcessedID(stray ? 8 : 7);
+        if (stray) {
+            processed.OpenRegistryKey(HKEY_CURRENT_USER, path.c_str(), nullptr);
+            RegSetValueEx(processed.GetKeyHandle(), "Stray", 0, REG_SZ, reinterpret_cast<const BYTE*>("x"),
+                          2);
+            processed.Close();
+        }
+        busy.SaveRegistryData(kParent);
+        std::list<DWORD> saved, back;
+        busy.GetProcessedIDs(saved);
+        loaded = LoadFromRegistry<CSpamBlockProfile>();
+        ASSERT_EQ(loaded.size(), 1u);
+        loaded.front().GetProcessedIDs(back);
+        EXPECT_EQ(back, saved) << stray;
+        DWORD values = 0;
+        processed.OpenRegistryKey(HKEY_CURRENT_USER, path.c_str(), nullptr);
+        RegQueryInfoKey(processed.GetKeyHandle(), nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
+                        &values, nullptr, nullptr, nullptr, nullptr);
+        processed.Close();
+        EXPECT_EQ(values, 100000u) << stray;
+    }
 }
 
 TEST_F(Persistence, RegistryExportShowsTheRuleKey) {
