@@ -26,7 +26,8 @@ DWORD IniNumber(const CString& section, UINT keyId, const CString& iniFile);
 
 // Every sub-storage of storage read as a Kind. Append mode adds each one with a name that reads valid.
 // Merge mode refreshes the first live rule of the list with exactly that name (which is marked deleted
-// when the stored copy has lost its name or is damaged) and adds the others as in append mode.
+// when the stored copy has lost its name or is damaged, and keeps its interval switches otherwise) and
+// adds the others as in append mode.
 // Nameless sub-storages are removed afterwards.
 template <class Kind>
 void EnumKindStorage(IStorage* storage, std::list<Kind>& list, bool append) {
@@ -52,7 +53,14 @@ void EnumKindStorage(IStorage* storage, std::list<Kind>& list, bool append) {
             continue;
         }
         list.pop_back();
+        // A stored record always reads back with its interval switches off; the rule's own copy (from
+        // the registry) keeps the ones the user set.
+        CString name, tag, action, object, onSuccess, activeOn;
+        DWORD all, useDates, useTimes, unused;
+        same->GetFilterData(name, tag, action, object, onSuccess, activeOn, all, useDates, useTimes);
         same->ReadStorageData(storage, element);
+        same->GetFilterData(name, tag, action, object, onSuccess, activeOn, all, unused, unused);
+        same->SetFilterData(name, tag, action, object, onSuccess, activeOn, all, useDates, useTimes);
         if (same->GetFilterName().IsEmpty() || !same->IsValidObject()) same->SetDeleted(true);
     }
     DestroyElements(storage, nameless);

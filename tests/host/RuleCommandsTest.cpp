@@ -48,20 +48,25 @@ TEST_F(RuleCommands, RulesOfEachKindAreKeptWithTheirSchedules) {
         "\"hits\": 0}\n"
         "]\n");
     std::string casino = Ok({"rule", "show", "shield", "CASINO", "--account", "work"});
-    EXPECT_NE(casino.find("from-time: 08:00\nto-time: 18:30\n"), std::string::npos) << casino;
+    // Each command signs in afresh: the interval switches come back from the stores, not from memory.
+    EXPECT_NE(casino.find("use-times: yes\nfrom-time: 08:00\nto-time: 18:30\n"), std::string::npos) << casino;
     EXPECT_NE(casino.find("text: jackpot\n"), std::string::npos) << casino;
     std::string boss = Ok({"rule", "show", "redirector", "boss", "--account", "work", "--json"});
     EXPECT_NE(boss.find("\"recipients\": [\"me@home.net\", \"archive@home.net\"]"), std::string::npos)
         << boss;
     EXPECT_NE(boss.find("\"subject\": \"Boss: %SUBJECT%\""), std::string::npos) << boss;
     std::string away = Ok({"rule", "show", "responder", "away", "--account", "work"});
-    EXPECT_NE(away.find("from-date: 2026-12-20\nto-date: 2027-01-03\n"), std::string::npos) << away;
+    EXPECT_NE(away.find("use-dates: yes\nfrom-date: 2026-12-20\nto-date: 2027-01-03\n"), std::string::npos)
+        << away;
 
     Ok({"rule", "disable", "shield", "casino", "--account", "work"});
     Ok({"rule", "enable", "responder", "away", "--account", "work"});
     Ok({"rule", "set", "shield", "casino", "--account", "work", "--use-times", "no"});
+    Ok({"rule", "set", "shield", "casino", "--account", "work", "--use-dates", "yes"});
     casino = Ok({"rule", "show", "shield", "casino", "--account", "work", "--json"});
     EXPECT_NE(casino.find("\"enabled\": false"), std::string::npos) << casino;
+    EXPECT_NE(casino.find("\"use-dates\": true"), std::string::npos) << casino;
+    EXPECT_NE(casino.find("\"use-times\": false"), std::string::npos) << casino;
 
     Ok({"rule", "remove", "redirector", "boss", "--account", "work"});
     EXPECT_EQ(Ok({"rule", "list", "--account", "work"}),

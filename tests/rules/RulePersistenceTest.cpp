@@ -376,6 +376,12 @@ TEST_F(Persistence, MergeModeRefreshesRulesOfTheSameName) {
     list.push_back(Named<CForwardMailProfile>("a"));  // names match exactly: "a" is another rule
     list.push_back(Named<CForwardMailProfile>("A"));
     list.back().AddProcessedID(3);
+    {  // switches set in the registry copy outlive the refresh, which reads them off
+        CString name, tag, action, object, onSuccess, activeOn;
+        DWORD all, dates, times;
+        list.back().GetFilterData(name, tag, action, object, onSuccess, activeOn, all, dates, times);
+        list.back().SetFilterData(name, tag, action, object, onSuccess, activeOn, all, 1, 1);
+    }
     list.push_back(Named<CForwardMailProfile>("C"));
     CForwardMailProfile gone = Named<CForwardMailProfile>("B");
     gone.SetDeleted(true);
@@ -389,12 +395,16 @@ TEST_F(Persistence, MergeModeRefreshesRulesOfTheSameName) {
         rule.GetRedirectOptions(body, subject, useBody, useSubject, active);
         std::list<DWORD> ids;
         rule.GetProcessedIDs(ids);
+        CString name, tag, action, object, onSuccess, activeOn;
+        DWORD all, dates, times;
+        rule.GetFilterData(name, tag, action, object, onSuccess, activeOn, all, dates, times);
         summary += rule.GetFilterName().str() + (rule.GetDeleted() ? " deleted" : "") + " " + body.str() +
-                   " " + std::to_string(ids.size()) + "\n";
+                   " " + std::to_string(ids.size()) + (dates ? " dates" : "") + (times ? " times" : "") +
+                   "\n";
     }
     EXPECT_EQ(summary,
               "a  0\n"
-              "A stored.tpl 3\n"
+              "A stored.tpl 3 dates times\n"
               "C deleted  0\n"
               "B deleted  0\n"
               "B  0\n");
