@@ -311,6 +311,16 @@ void CUserProfile::AddMailBox(CMailBoxProfile* profile) {
         if (present == profile) return;
     // Its message file is named after the user: two users' accounts of one name keep apart.
     profile->SetProfileUserName(m_strUserName);
+    // Accounts made within one millisecond draw the same Signature (making the storage name reseeds the
+    // generator from the tick count), and the Signature identifies an account: draw on until it is its own.
+    auto taken = [&](DWORD signature) {
+        for (CMailBoxProfile* present : m_ProfileList)
+            if (present && present->GetSignature() == signature) return true;
+        for (CMailBoxProfile* present : m_PrevProfileList)
+            if (present && present->GetSignature() == signature) return true;
+        return false;
+    };
+    while (taken(profile->GetSignature())) profile->SetSignature(static_cast<DWORD>(std::rand()));
     m_ProfileList.push_back(profile);
 }
 

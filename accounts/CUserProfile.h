@@ -144,7 +144,8 @@ public:
     void EndInvalidDatabaseCheck() { DeactivateProfile(); }
 
     // --- accounts
-    // Appended unless already in the list, taking the user's name; the profile owns it from then on.
+    // Appended unless already in the list, taking the user's name and a Signature no other account of the
+    // user has; the profile owns it from then on.
     void AddMailBox(CMailBoxProfile* profile);
     // The account with that Signature, or the first of that name ignoring case; PROFILE_NOT_FOUND() when
     // none. The position is remembered as the last found.
@@ -186,6 +187,8 @@ private:
     void SetUser(const CString& name, const CString& location, DWORD isDefault);
     void LoadAccountsFromRegistry();
     void RemoveUser(const CString& userKey);
+    // The message files of the accounts marked deleted.
+    void RemoveDeletedAccountFiles();
 
     std::unique_ptr<CStorageManager> m_pUserStorage;
     std::unique_ptr<CStorageManager> m_pAccountsStorage;

@@ -8,6 +8,7 @@
 #include "accounts/internal/UserStrings.h"
 #include "messages/CStorageManager.h"
 #include "messages/CStorageManagerException.h"
+#include "platform/FileSystem.h"
 #include "platform/OleStorage.h"
 
 using namespace tavik::lib;
@@ -92,8 +93,23 @@ void CUserProfile::SaveStorageData(CString file, bool, _tagLoadProgressData* pro
             commit(*m_pAccountsStorage);
         }
         commit(user);
+        RemoveDeletedAccountFiles();
     } catch (CStorageManagerException* e) {
         e->Delete();
+    }
+}
+
+// Only once the settings file no longer lists them: a save that fails keeps the accounts whole. A file
+// that a live account names as well stays.
+void CUserProfile::RemoveDeletedAccountFiles() {
+    for (CMailBoxProfile* account : m_ProfileList) {
+        if (!account || !account->IsDeleted() || account->GetDataFile().IsEmpty()) continue;
+        const CString file = account->GetDataFile();
+        bool shared = false;
+        for (CMailBoxProfile* other : m_ProfileList)
+            if (other && !other->IsDeleted() && other->GetDataFile() == file) shared = true;
+        if (!shared && GetFileAttributes(file) != INVALID_FILE_ATTRIBUTES) DeleteFile(file);
+        account->SetDataFile(CString());
     }
 }
 

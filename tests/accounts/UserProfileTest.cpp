@@ -351,6 +351,45 @@ TEST_F(UserProfileTest, EnumerationMergesByProfileId) {
     Free(users);
 }
 
+// Two accounts made in one millisecond, each with messages in a file of its own; one removed alone.
+TEST_F(UserProfileTest, AccountsMadeTogetherStayApartAndOneGoesAlone) {
+    CUserProfile user;
+    user.CreateUser("Pat");
+    user.ActivateProfile(nullptr, true);
+    IStorage* accounts = user.GetAccountsStoragePtr()->GetStorage();
+    for (const char* account : {"Home", "Work"}) {  // the tick count stays pinned
+        auto* p = new CMailBoxProfile();
+        Name(*p, account);
+        user.AddMailBox(p);
+        p->InitializeStorages(accounts, account);
+        for (DWORD id = 1; id <= 2; ++id) p->AddMessage(MakeMessage(id, "a@example.org"), true);
+    }
+    CMailBoxProfile& home = **user.FindMailBox(CString("Home"));
+    CMailBoxProfile& work = **user.FindMailBox(CString("Work"));
+    EXPECT_NE(home.GetSignature(), work.GetSignature());
+    EXPECT_EQ(*user.FindMailBox(work.GetSignature()), &work);
+    user.SaveRegistryData(CUserProfile::GetUserKeyResID(), false, nullptr, true, true);
+    const std::string homeFile = home.GetDataFile().str(), workFile = work.GetDataFile().str();
+    ASSERT_NE(homeFile, workFile);
+    ASSERT_TRUE(std::filesystem::exists(homeFile));
+    ASSERT_TRUE(std::filesystem::exists(workFile));
+    user.DeactivateProfile();
+
+    user.ActivateProfile(nullptr, false);
+    (*user.FindMailBox(CString("work")))->DeleteEntry();
+    user.SaveRegistryData(CUserProfile::GetUserKeyResID(), false, nullptr, true, false);
+    user.DeactivateProfile();
+    EXPECT_FALSE(std::filesystem::exists(workFile));
+    EXPECT_FALSE(KeyExists(std::string(kUsers) + "\\Pat\\Accounts\\Work"));
+
+    user.ActivateProfile(nullptr, true);
+    ASSERT_EQ(user.GetProfileList().size(), 1u) << "nothing of Work is read back from the settings file";
+    EXPECT_EQ(user.GetProfileList().front()->GetAccountName().str(), "Home");
+    EXPECT_EQ(user.GetProfileList().front()->GetMessageList().size(), 2u);
+    EXPECT_EQ(user.GetProfileList().front()->GetDataFile().str(), homeFile);
+    user.DeactivateProfile();
+}
+
 TEST_F(UserProfileTest, DeletionRemovesKeysAndFilesOfThatUserOnly) {
     MakeUserWithAccounts("Gone");
     MakeUserWithAccounts("Stays");
