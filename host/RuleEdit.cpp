@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <optional>
@@ -414,6 +415,10 @@ std::vector<std::string> ImportRules(CMailBoxProfile& owner, RuleKind kind, cons
                                      std::vector<std::string> sections) {
     std::vector<std::string> present = ReadIniSections(file);
     if (sections.empty()) sections = present;
+    // The INI reader takes a bare file name from the program's own directory, as Windows does: a name
+    // the user gave relative to where they stand is made whole first.
+    std::error_code error;
+    const std::string path = std::filesystem::absolute(file, error).string();
     // Imported into copies first: nothing joins the owner unless every section makes a rule.
     std::vector<std::unique_ptr<CBaseFilter>> made;
     std::vector<std::string> names;
@@ -425,26 +430,26 @@ std::vector<std::string> ImportRules(CMailBoxProfile& owner, RuleKind kind, cons
         switch (kind) {
             case RuleKind::kShield: {
                 auto r = std::make_unique<CSpamBlockProfile>();
-                r->ImportFromIni(section.c_str(), file.c_str());
+                r->ImportFromIni(section.c_str(), path.c_str());
                 rule = std::move(r);
                 break;
             }
             case RuleKind::kRedirector: {
                 auto r = std::make_unique<CForwardMailProfile>();
-                r->ImportFromIni(section.c_str(), file.c_str());
+                r->ImportFromIni(section.c_str(), path.c_str());
                 rule = std::move(r);
                 break;
             }
             case RuleKind::kResponder: {
                 auto r = std::make_unique<CAutoResponderProfile>();
-                r->ImportFromIni(section.c_str(), file.c_str());
+                r->ImportFromIni(section.c_str(), path.c_str());
                 rule = std::move(r);
                 break;
             }
         }
         std::string name(rule->GetFilterName());
         char probe[8];
-        if (GetPrivateProfileString(section.c_str(), "FilterName", "", probe, sizeof probe, file.c_str()) ==
+        if (GetPrivateProfileString(section.c_str(), "FilterName", "", probe, sizeof probe, path.c_str()) ==
             0)
             throw SessionError(file + ": section [" + section + "] has no FilterName");
         if (std::string why = CheckRuleName(name); !why.empty())

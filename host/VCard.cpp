@@ -137,6 +137,8 @@ std::vector<VCardContact> ParseVCards(const std::string& text, const std::string
             throw VCardError(source + ":" + std::to_string(line.number) + ": " + why);
         };
         if (line.text.find_first_not_of(" \t") == std::string::npos) continue;
+        // A zero byte would cut the value short where it is stored.
+        if (line.text.find('\0') != std::string::npos) fail("not a text line");
         size_t colon = std::string::npos;
         bool quoted = false;
         for (size_t i = 0; i < line.text.size(); ++i) {

@@ -1,5 +1,7 @@
 // tavik rule end to end: rules of each kind on an account and the global shields, their schedules and
 // intervals, and INI imports that either land whole or not at all.
+#include <filesystem>
+
 #include "tests/host/ManageFixture.h"
 
 using tavik::test::ManageTest;
@@ -110,6 +112,15 @@ TEST_F(RuleCommands, IniImportLandsWholeOrNotAtAll) {
     EXPECT_NE(casino.find("schedule: Weekdays\n"), std::string::npos) << casino;
     EXPECT_NE(casino.find("spam-action: Delete\n"), std::string::npos) << casino;
     Fails({"rule", "import-ini", "shield", ini, "Pills", "--account", "work"}, "exists already");
+    // A file named as a user types it, relative to the working directory.
+    const std::filesystem::path here = std::filesystem::current_path();
+    std::filesystem::current_path(m_dir.path());
+    tavik::test::Outcome relative = tavik::test::RunTavikLine(
+        {"rule", "import-ini", "redirector", "shields.ini", "Pills", "--account", "work"});
+    std::filesystem::current_path(here);
+    EXPECT_EQ(relative.rc, 0) << relative.err;
+    EXPECT_NE(Ok({"rule", "show", "redirector", "pills", "--account", "work"}).find("text: pharmacy\n"),
+              std::string::npos);
 
     Ok({"account", "add", "Home", "--server", "pop.home"});
     WriteFile(m_dir.file("bad.ini"), std::string(kIni) + "this line is junk\r\n");

@@ -107,6 +107,7 @@ TEST(VCard, MalformedFilesNameTheLine) {
     EXPECT_EQ(ErrorOf("BEGIN:VCARD\r\nFN:A\r\nEND:VCARD\r\n"),
               "book.vcf:3: the card begun on line 1 has no VERSION");
     EXPECT_EQ(ErrorOf(""), "book.vcf: no BEGIN:VCARD in the file");
+    EXPECT_EQ(ErrorOf(head + std::string("FN:A\0B\r\nEND:VCARD\r\n", 19)), "book.vcf:3: not a text line");
     EXPECT_EQ(ErrorOf("\x89PNG\r\n\x1a\n"), "book.vcf:1: expected NAME:VALUE");
 }
 
