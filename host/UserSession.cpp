@@ -76,11 +76,16 @@ std::string CheckUserName(const std::string& name) {
 
 UserList::UserList() {
     CUserProfile walker;
-    if (walker.OpenRegistryKey(HKEY_CURRENT_USER, CUserProfile::GetUserKeyResID(), nullptr) ==
+    // The library takes a registry failure for a missing value: over a store that cannot be used, every
+    // command would run on defaults and report success for what it could not save.
+    if (walker.OpenRegistryKey(HKEY_CURRENT_USER, CUserProfile::GetUserKeyResID(), nullptr) !=
         ERROR_SUCCESS) {
-        walker.EnumRegistryKey(m_users, CUserProfile::GetUserKeyResID(), false);
-        walker.Close();
+        const std::string why = RegGetLastMessage();
+        throw SessionError("cannot use the registry store " + RegGetStorePath() +
+                           (why.empty() ? std::string() : " (" + why + ")"));
     }
+    walker.EnumRegistryKey(m_users, CUserProfile::GetUserKeyResID(), false);
+    walker.Close();
     // The first start: the default user, as the installation has always had one.
     if (m_users.empty()) {
         auto user = std::make_unique<CUserProfile>();

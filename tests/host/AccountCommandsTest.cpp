@@ -134,6 +134,15 @@ TEST_F(AccountCommands, DamagedOrForeignSettingsFileIsLeftAlone) {
         file.WriteString("UserName", "ann");
     }
     Fails({"account", "list"}, "belongs to the user 'ann'");
+
+    // A registry store that is not one: nothing may report success over it.
+    const std::string store = m_dir.file("registry.db");
+    RegCloseStore();
+    WriteFile(store, "not a database, not at all");
+    for (const std::vector<std::string>& line : std::vector<std::vector<std::string>>{
+             {"account", "list"}, {"user", "add", "bob"}, {"account", "add", "Home"}})
+        Fails(line, "cannot use the registry store " + store);
+    EXPECT_EQ(ReadFile(store), "not a database, not at all");
 }
 
 }  // namespace
