@@ -104,9 +104,12 @@ std::string Unstuffed(std::string text) {
     return out;
 }
 
+// A message of the session: record is owned (scanned now) or the account's own (known before, so not
+// copied: acting on it changes the account's record, as an action on a known message must).
 struct Scanned {
     int number;
-    std::unique_ptr<CMessageList> record;
+    CMessageList* record;
+    std::unique_ptr<CMessageList> owned;
 };
 
 // A Delete waits for QUIT: only then has the server done it, and only then is the message remembered
@@ -202,7 +205,7 @@ void AccountChecker::Scan(CheckPop& pop, std::vector<Scanned>& messages) {
     // records come from the account. The rest (all of them when the listing is refused, or names an
     // identifier twice) are scanned in runs of consecutive numbers.
     std::vector<std::string> uids;
-    std::vector<std::unique_ptr<CMessageList>> known(static_cast<size_t>(last) + 1);
+    std::vector<CMessageList*> known(static_cast<size_t>(last) + 1, nullptr);
     // An account that knows no message yet has no use for the listing.
     if (last > 0 && !m_o.dryRun && !m_account.GetMessageList().empty() && UidListing(pop, last, uids)) {
         std::map<DWORD, int> seen;
@@ -218,14 +221,13 @@ void AccountChecker::Scan(CheckPop& pop, std::vector<Scanned>& messages) {
             const DWORD id = ids[static_cast<size_t>(n)];
             if (uids[static_cast<size_t>(n)].empty() || seen[id] != 1) continue;
             auto position = m_account.FindMessage(id, false);
-            if (position != m_account.MESSAGE_NOT_FOUND())
-                known[static_cast<size_t>(n)] = std::make_unique<CMessageList>(**position);
+            if (position != m_account.MESSAGE_NOT_FOUND()) known[static_cast<size_t>(n)] = *position;
         }
     }
     bool whole = true;
     for (int n = 1; n <= last && whole && !Stopping();) {
         if (known[static_cast<size_t>(n)]) {
-            messages.push_back({n, std::move(known[static_cast<size_t>(n)])});
+            messages.push_back({n, known[static_cast<size_t>(n)], nullptr});
             if (m_progress) m_progress->Advance(messages.size());
             ++n;
             continue;
@@ -233,7 +235,8 @@ void AccountChecker::Scan(CheckPop& pop, std::vector<Scanned>& messages) {
         int end = n;
         while (end < last && !known[static_cast<size_t>(end) + 1]) ++end;
         whole = pop.GetHeaders(n, end, [&](int number, std::unique_ptr<CMessageList> record) {
-            messages.push_back({number, std::move(record)});
+            CMessageList* scanned = record.get();
+            messages.push_back({number, scanned, std::move(record)});
             if (m_progress) m_progress->Advance(messages.size());
             return !Stopping();
         });
@@ -331,13 +334,34 @@ bool AccountChecker::Act(CheckPop& pop, CheckDecision& decision, Scanned& messag
 }
 
 void AccountChecker::Handle(CheckPop& pop, CheckDecider& decider, Scanned& message) {
+    const DWORD id = message.record->GetID();
+    // The account's record stands for the message only while its identifier is unique; else what is
+    // done to the message must not reach the record.
+    if (!message.owned && decider.IsShared(id)) {
+        message.owned = std::make_unique<CMessageList>(*message.record);
+        message.record = message.owned.get();
+    }
     CMessageList& scanned = *message.record;
-    const DWORD id = scanned.GetID();
     CMessageList* stored = nullptr;
     if (auto position = m_account.FindMessage(id, false); position != m_account.MESSAGE_NOT_FOUND())
         stored = *position;
     // A shared identifier's record may be another message's: such a message is never known.
     CMessageList* known = decider.IsShared(id) ? nullptr : stored;
+
+    CheckTotals& totals = m_result.totals;
+    ResultRow row;
+    row.account = m_result.account;
+    row.id = static_cast<unsigned>(id);
+    row.sender = DecodeHeaderValue(Text(scanned.GetSenderName()));
+    row.subject = DecodeHeaderValue(Text(scanned.GetSubject()));
+    // Judged before: a rule processed it, or no rule decided and the account had it already.
+    const auto judged = [&] {
+        row.verdict = Verdict::kJudged;
+        m_result.rows.push_back(std::move(row));
+        if (m_o.onRow) m_o.onRow(m_result.rows.back());
+    };
+    // Most of a mailbox checked before was processed by a rule: those need no rule asked again.
+    if (decider.Judged(id)) return judged();
 
     MatchMessage match(scanned);
     std::optional<std::string> text;
@@ -353,22 +377,12 @@ void AccountChecker::Handle(CheckPop& pop, CheckDecider& decider, Scanned& messa
         Note(notice);
     }
 
-    ResultRow row;
-    row.account = m_result.account;
-    row.id = static_cast<unsigned>(id);
-    row.sender = DecodeHeaderValue(Text(scanned.GetSenderName()));
-    row.subject = DecodeHeaderValue(Text(scanned.GetSubject()));
     row.verdict = RowVerdict(decision.verdict);
     row.rule = decision.ruleName;
-    CheckTotals& totals = m_result.totals;
 
-    // Judged before: a rule processed it, or no rule decided and the account had it already.
     if (decision.verdict == CheckDecision::kJudged || (known && !decision.rule)) {
-        row.verdict = Verdict::kJudged;
         if (known && decision.verdict == CheckDecision::kSpammer && !m_o.dryRun) known->SetSpamTag();
-        m_result.rows.push_back(std::move(row));
-        if (m_o.onRow) m_o.onRow(m_result.rows.back());
-        return;
+        return judged();
     }
     ++totals.fresh;
     if (!decision.withheld.empty()) {
@@ -414,7 +428,7 @@ void AccountChecker::Handle(CheckPop& pop, CheckDecider& decider, Scanned& messa
         if (!stored) {
             scanned.SetMailBox(m_account.GetIncomingServerName(), m_account.GetEmailAddress(),
                                m_account.GetOutgoingServer(), m_account.GetAccountName());
-            CMessageList* added = message.record.release();
+            CMessageList* added = message.owned.release();
             if (m_account.AddMessage(added, true) == m_account.MESSAGE_NOT_FOUND()) delete added;
         }
         if (done && decision.withheld.empty()) {

@@ -109,6 +109,12 @@ std::string UnescapeField(std::string_view field) {
     return out;
 }
 
+void ActionLog::Close() {
+    if (m_file) std::fclose(m_file);
+    m_file = nullptr;
+    m_end = 0;
+}
+
 bool ActionLog::Append(const ActionRecord& record, std::string* error) {
     const auto fail = [&](std::string why) {
         if (error) *error = std::move(why);
@@ -117,15 +123,16 @@ bool ActionLog::Append(const ActionRecord& record, std::string* error) {
     if (m_path.empty()) return fail("no place for the action log: set XDG_STATE_HOME or HOME");
     std::error_code ec;
     const fs::path file(m_path);
-    // A check appends a line per action: the directory and the file's mode are seen to once, and again
-    // only when the file has moved aside or gone.
+    // A check appends a line per action to the file it keeps open. It opens the file again (seeing to
+    // the directory and the mode) when the file has gone, moved aside here or elsewhere, or was cut
+    // short: each of these leaves the path shorter than the open file's last line ended.
     const auto size = fs::file_size(file, ec);
-    if (ec) m_ready = false;
+    if (ec || size < m_end) Close();
     if (!ec && size > kRotateBytes) {
+        Close();
         fs::rename(file, m_path + ".1", ec);
-        m_ready = false;
     }
-    if (!m_ready) {
+    if (!m_file) {
         const fs::path dir = file.parent_path();
         if (!dir.empty() && !fs::is_directory(dir, ec)) {
             fs::create_directories(dir, ec);
@@ -139,16 +146,19 @@ bool ActionLog::Append(const ActionRecord& record, std::string* error) {
             return fail("cannot open " + m_path + ": " + OsErrorText(why.m_lOsError, m_path));
         create.Close();
         fs::permissions(file, fs::perms::owner_read | fs::perms::owner_write, ec);
-        m_ready = true;
+        // Appending mode: each line lands at the end whoever else writes. Unbuffered: a line is one
+        // write, done before Append returns.
+        m_file = std::fopen(m_path.c_str(), "ab");
+        if (!m_file) return fail("cannot open " + m_path);
+        std::setvbuf(m_file, nullptr, _IONBF, 0);
     }
-    // Appending mode: each line lands at the end whoever else writes, in a single write.
-    FILE* f = std::fopen(m_path.c_str(), "ab");
-    if (!f) return fail("cannot open " + m_path);
     const std::string line = FormatActionLine(record) + "\n";
-    std::setvbuf(f, nullptr, _IOFBF, line.size() + 1);
-    const bool written = std::fwrite(line.data(), 1, line.size(), f) == line.size();
-    const bool closed = std::fclose(f) == 0;
-    if (!written || !closed) return fail("cannot write " + m_path);
+    if (std::fwrite(line.data(), 1, line.size(), m_file) != line.size()) {
+        Close();
+        return fail("cannot write " + m_path);
+    }
+    const long end = std::ftell(m_file);
+    m_end = end > 0 ? static_cast<unsigned long long>(end) : 0;
     return true;
 }
 

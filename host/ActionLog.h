@@ -49,16 +49,23 @@ public:
     static constexpr unsigned long long kRotateBytes = 1024 * 1024;
 
     explicit ActionLog(std::string path = ActionLogPath()) : m_path(std::move(path)) {}
+    ~ActionLog() { Close(); }
+    ActionLog(const ActionLog&) = delete;
+    ActionLog& operator=(const ActionLog&) = delete;
     const std::string& Path() const { return m_path; }
 
-    // Appends the record's line (one write, so lines of checks running at once do not mix). Creates the
-    // directory (0700) and the file (0600) when missing, and makes an existing file owner-only. False,
-    // with the reason in *error, when the line cannot be written.
+    // Appends the record's line (one write, so lines of checks running at once do not mix; on the disk
+    // before it returns, so a crash keeps it). Creates the directory (0700) and the file (0600) when
+    // missing, and makes an existing file owner-only. The file stays open between lines. False, with
+    // the reason in *error, when the line cannot be written.
     bool Append(const ActionRecord& record, std::string* error = nullptr);
 
 private:
+    void Close();
+
     std::string m_path;
-    bool m_ready = false;  // directory made and file owner-only, until the file moves aside or goes
+    FILE* m_file = nullptr;        // open for appending while the file stays where it is
+    unsigned long long m_end = 0;  // the file's size after this log's last line
 };
 
 struct LogQuery {

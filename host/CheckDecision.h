@@ -81,6 +81,8 @@ public:
     // The identifiers of every message of this session's mailbox, before deciding any of them.
     void SetSessionIdentifiers(const std::vector<DWORD>& ids);
     bool IsShared(DWORD id) const { return m_shared.count(id) != 0; }
+    // What Decide says first and alone: a rule processed the id, which is not shared. Cheap.
+    bool Judged(DWORD id) const { return !IsShared(id) && ProcessedByAny(id); }
     // Called once per session, the first time a shared identifier matters; the text says so.
     std::string TakeSharedNotice();
 
