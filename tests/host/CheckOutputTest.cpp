@@ -191,6 +191,30 @@ TEST_F(ActionLogFiles, AppendsOwnerOnlyAndRotates) {
     EXPECT_EQ(error, "no place for the action log: set XDG_STATE_HOME or HOME");
 }
 
+// The log stays open through a check; what others do to the file meanwhile must not swallow its lines.
+TEST_F(ActionLogFiles, LinesFollowTheFileWhenOthersMoveOrCutIt) {
+    ActionLog log(Path());
+    ActionRecord line = Hostile();
+    ASSERT_TRUE(log.Append(line));
+    ASSERT_TRUE(log.Append(line));
+    const std::string two = ReadFile(Path());
+    ASSERT_EQ(two, FormatActionLine(line) + "\n" + FormatActionLine(line) + "\n");
+
+    // Another check moved it aside and started the next file.
+    std::filesystem::rename(Path(), Path() + ".1");
+    WriteFile(Path(), "other\n");
+    line.account = "moved";
+    ASSERT_TRUE(log.Append(line));
+    EXPECT_EQ(ReadFile(Path()), "other\n" + FormatActionLine(line) + "\n");
+    EXPECT_EQ(ReadFile(Path() + ".1"), two);
+
+    // Someone emptied it.
+    WriteFile(Path(), "");
+    line.account = "emptied";
+    ASSERT_TRUE(log.Append(line));
+    EXPECT_EQ(ReadFile(Path()), FormatActionLine(line) + "\n");
+}
+
 TEST_F(ActionLogFiles, WhereTheLogLives) {
     const char* state = std::getenv("XDG_STATE_HOME");
     const std::string savedState = state ? state : "";
