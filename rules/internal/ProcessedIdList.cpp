@@ -11,31 +11,30 @@ constexpr size_t kCompactAbove = 64;
 }  // namespace
 
 void ProcessedIdList::Grow(size_t slots) {
-    std::vector<DWORD> oldKeys = std::move(m_keys);
-    std::vector<std::uint8_t> oldTags = std::move(m_tags);
+    std::vector<Group> oldGroups = std::move(m_groups);
     std::vector<std::uint32_t> oldFirst = std::move(m_first);
-    m_keys.assign(slots, 0);
-    m_tags.assign(slots, 0);
-    if (!oldFirst.empty()) m_first.assign(slots, kUnknown);
-    m_shift = 64;
-    for (size_t n = slots; n > 1; n >>= 1) --m_shift;
-    for (size_t i = 0; i < oldKeys.size(); ++i) {
-        if (oldTags[i] == 0) continue;
-        const size_t slot = Probe(oldKeys[i]);
-        m_keys[slot] = oldKeys[i];
-        m_tags[slot] = oldTags[i];
-        if (!oldFirst.empty()) m_first[slot] = oldFirst[i];
+    m_groups.assign((slots + kGroup - 1) / kGroup, Group{});
+    m_slots = m_groups.size() * kGroup;
+    if (!oldFirst.empty()) m_first.assign(m_slots, kUnknown);
+    for (size_t g = 0; g < oldGroups.size(); ++g) {
+        for (size_t k = 0; k < kGroup; ++k) {
+            if (oldGroups[g].tags[k] == 0) continue;
+            const size_t slot = Probe(oldGroups[g].keys[k]);
+            KeyAt(slot) = oldGroups[g].keys[k];
+            TagAt(slot) = oldGroups[g].tags[k];
+            if (!oldFirst.empty()) m_first[slot] = oldFirst[g * kGroup + k];
+        }
     }
 }
 
 void ProcessedIdList::Reserve(size_t count) {
-    size_t slots = std::max(m_keys.size(), kFirstSlots);
+    size_t slots = std::max(m_slots, kFirstSlots);
     while (count * 4 > slots * 3) slots *= 2;
-    if (slots != m_keys.size()) Grow(slots);
+    if (slots != m_slots) Grow(slots);
 }
 
 void ProcessedIdList::TrackPositions() {
-    m_first.assign(m_keys.size(), kUnknown);
+    m_first.assign(m_slots, kUnknown);
     std::uint32_t index = 0;
     for (DWORD id : m_values) {
         if (m_removed.empty() || !m_removed[index]) {
@@ -48,17 +47,16 @@ void ProcessedIdList::TrackPositions() {
 
 void ProcessedIdList::Erase(size_t hole) {
     // Backward-shift deletion keeps every probe sequence unbroken without tombstones.
-    const size_t mask = m_keys.size() - 1;
-    m_tags[hole] = 0;
+    TagAt(hole) = 0;
     --m_used;
-    for (size_t j = (hole + 1) & mask; m_tags[j] != 0; j = (j + 1) & mask) {
-        const size_t home = Home(Hash(m_keys[j]));
+    for (size_t j = Next(hole); TagAt(j) != 0; j = Next(j)) {
+        const size_t home = Home(Hash(KeyAt(j)));
         const bool reachable = hole <= j ? (hole < home && home <= j) : (hole < home || home <= j);
         if (reachable) continue;
-        m_keys[hole] = m_keys[j];
-        m_tags[hole] = m_tags[j];
+        KeyAt(hole) = KeyAt(j);
+        TagAt(hole) = TagAt(j);
         if (!m_first.empty()) m_first[hole] = m_first[j];
-        m_tags[j] = 0;
+        TagAt(j) = 0;
         hole = j;
     }
 }
@@ -73,7 +71,7 @@ void ProcessedIdList::Append(DWORD id) {
     const auto index = static_cast<std::uint32_t>(m_values.size());
     GrowIfFull();
     const size_t slot = Probe(id);
-    if (m_tags[slot])
+    if (TagAt(slot))
         ++m_repeats.try_emplace(id, 1).first->second;
     else
         Take(slot, id, index);
@@ -85,7 +83,7 @@ bool ProcessedIdList::AppendUnique(DWORD id) {
     // One probe finds the identifier or the slot it takes.
     GrowIfFull();
     const size_t slot = Probe(id);
-    if (m_tags[slot]) return false;
+    if (TagAt(slot)) return false;
     Take(slot, id, index);
     Push(id);
     return true;
@@ -97,10 +95,9 @@ void ProcessedIdList::AppendLittleEndian(const void* bytes, size_t count, bool u
     const size_t before = m_values.size();
     auto index = static_cast<std::uint32_t>(before);
     // The table's fields in locals: the stores below would otherwise make the compiler load them anew.
-    DWORD* const keys = m_keys.data();
-    std::uint8_t* const tags = m_tags.data();
+    Group* const groups = m_groups.data();
     std::uint32_t* const first = m_first.empty() ? nullptr : m_first.data();
-    const size_t mask = m_keys.size() - 1;
+    const size_t slots = m_slots;
     size_t used = m_used;
     // What goes into the list, gathered first: one insert at the end of the deque copies block by block.
     std::vector<DWORD> kept;
@@ -110,11 +107,14 @@ void ProcessedIdList::AppendLittleEndian(const void* bytes, size_t count, bool u
         const DWORD id = p[0] | (DWORD(p[1]) << 8) | (DWORD(p[2]) << 16) | (DWORD(p[3]) << 24);
         const std::uint64_t hash = Hash(id);
         const std::uint8_t tag = Tag(hash);
-        size_t i = Home(hash);
-        while (tags[i] != 0 && (tags[i] != tag || keys[i] != id)) i = (i + 1) & mask;
-        if (tags[i] == 0) {
-            keys[i] = id;
-            tags[i] = tag;
+        size_t i = static_cast<size_t>(((hash >> 32) * slots) >> 32);
+        while (groups[i / kGroup].tags[i % kGroup] != 0 &&
+               (groups[i / kGroup].tags[i % kGroup] != tag || groups[i / kGroup].keys[i % kGroup] != id))
+            i = i + 1 == slots ? 0 : i + 1;
+        Group& group = groups[i / kGroup];
+        if (group.tags[i % kGroup] == 0) {
+            group.keys[i % kGroup] = id;
+            group.tags[i % kGroup] = tag;
             if (first) first[i] = index;
             ++used;
         } else {
@@ -166,11 +166,10 @@ void ProcessedIdList::Compact() {
 void ProcessedIdList::Clear() {
     m_values.clear();
     m_removed.clear();
-    m_keys.clear();
-    m_tags.clear();
+    m_groups.clear();
+    m_slots = 0;
     m_first.clear();
     m_repeats.clear();
-    m_shift = 64;
     m_live = 0;
     m_used = 0;
 }

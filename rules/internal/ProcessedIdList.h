@@ -55,38 +55,48 @@ private:
     static constexpr std::uint32_t kUnknown = ~std::uint32_t(0);
 
     // The table holds each distinct value once. Beside each slot a tag byte: 0 for a free slot, else
-    // seven bits of the value's hash. A search reads the tags and looks at a value only when its tag
-    // matches, so that for a value not there (what a check asks about nearly always) it touches one
-    // byte a slot instead of four: for lists of 50,000 identifiers the tags stay in the caches where the
-    // values would not, and that is the cost that counts.
+    // seven bits of the value's hash; a search looks at a value only when its tag matches. Twelve slots
+    // share a cache line, tags first: for lists of 50,000 identifiers the table outgrows the caches and
+    // each line (and page) a probe touches is a wait for memory, so a search that misses and the append
+    // after it touch one line instead of one for the tag and another for the value.
+    static constexpr size_t kGroup = 12;
+    struct alignas(64) Group {
+        std::uint8_t tags[kGroup];
+        std::uint8_t unused[4];
+        DWORD keys[kGroup];
+    };
+    static_assert(sizeof(Group) == 64);
+    std::uint8_t& TagAt(size_t i) { return m_groups[i / kGroup].tags[i % kGroup]; }
+    std::uint8_t TagAt(size_t i) const { return m_groups[i / kGroup].tags[i % kGroup]; }
+    DWORD& KeyAt(size_t i) { return m_groups[i / kGroup].keys[i % kGroup]; }
+    DWORD KeyAt(size_t i) const { return m_groups[i / kGroup].keys[i % kGroup]; }
+    size_t Next(size_t i) const { return i + 1 == m_slots ? 0 : i + 1; }
+
     size_t FindSlot(DWORD id) const {
-        if (m_keys.empty()) return kNone;
+        if (m_slots == 0) return kNone;
         const size_t i = Probe(id);
-        return m_tags[i] ? i : kNone;
+        return TagAt(i) ? i : kNone;
     }
-    std::uint64_t Hash(DWORD id) const { return static_cast<std::uint64_t>(id) * 0x9E3779B97F4A7C15ull; }
+    static std::uint64_t Hash(DWORD id) { return static_cast<std::uint64_t>(id) * 0x9E3779B97F4A7C15ull; }
     // Fibonacci hashing: the top bits of the product spread runs and strides of numbers as well as the
-    // CRC-32 values identifiers usually are. The tag comes from bits the slot number never uses.
-    size_t Home(std::uint64_t hash) const { return static_cast<size_t>(hash >> m_shift); }
+    // CRC-32 values identifiers usually are; scaled to the number of slots, which need not be a power of
+    // two. The tag comes from lower bits, which the slot number hardly depends on.
+    size_t Home(std::uint64_t hash) const { return static_cast<size_t>(((hash >> 32) * m_slots) >> 32); }
     static std::uint8_t Tag(std::uint64_t hash) {
-        return static_cast<std::uint8_t>(0x80 | ((hash >> 32) & 0x7F));
+        return static_cast<std::uint8_t>(0x80 | ((hash >> 24) & 0x7F));
     }
     // The slot of id, or the free slot where it would go (the table has room for one more).
     size_t Probe(DWORD id) const {
         const std::uint64_t hash = Hash(id);
         const std::uint8_t tag = Tag(hash);
-        const size_t mask = m_keys.size() - 1;
         size_t i = Home(hash);
-        // The value's line is fetched beside the tag's: a search that misses is nearly always followed by
-        // the append that writes there, and two fetches at once cost about one.
-        __builtin_prefetch(&m_keys[i], 1);
-        while (m_tags[i] != 0 && (m_tags[i] != tag || m_keys[i] != id)) i = (i + 1) & mask;
+        while (TagAt(i) != 0 && (TagAt(i) != tag || KeyAt(i) != id)) i = Next(i);
         return i;
     }
     // Fills a free slot.
     void Take(size_t slot, DWORD id, std::uint32_t index) {
-        m_keys[slot] = id;
-        m_tags[slot] = Tag(Hash(id));
+        KeyAt(slot) = id;
+        TagAt(slot) = Tag(Hash(id));
         if (!m_first.empty()) m_first[slot] = index;
         ++m_used;
     }
@@ -94,26 +104,25 @@ private:
     void TrackPositions();
     void Erase(size_t slot);
     void Grow(size_t slots);
-    bool Full() const { return (m_used + 1) * 4 > m_keys.size() * 3; }
+    bool Full() const { return (m_used + 1) * 4 > m_slots * 3; }
     void GrowIfFull() {
-        if (Full()) Grow(m_keys.empty() ? kFirstSlots : m_keys.size() * 2);
+        if (Full()) Grow(m_slots == 0 ? kFirstSlots : m_slots * 2);
     }
     void Push(DWORD id);
     // Drops removed entries once they outnumber the live ones.
     void Compact();
 
-    static constexpr size_t kFirstSlots = 16;
+    static constexpr size_t kFirstSlots = kGroup;
 
     // List order, removed entries included. Growing a deque never moves what it holds: copying a list of
     // 50,000 identifiers into fresh memory would cost more than all the searches between two growths.
     std::deque<DWORD> m_values;
     std::vector<bool> m_removed;  // empty until the first removal, then one flag per entry
     size_t m_live = 0;
-    // Open addressing, linear probing, power-of-two size, at most 3/4 full.
-    std::vector<DWORD> m_keys;
-    std::vector<std::uint8_t> m_tags;
+    // Open addressing, linear probing, at most 3/4 full.
+    std::vector<Group> m_groups;
+    size_t m_slots = 0;
     size_t m_used = 0;
-    int m_shift = 64;  // 64 - log2(slots)
     // Beside each slot, where the value's first live occurrence is; only removals need it, so it is empty
     // until the first one.
     std::vector<std::uint32_t> m_first;

@@ -107,4 +107,22 @@ TEST(ProcessedIdList, DrainsToEmptyAndServesAgain) {
     EXPECT_FALSE(copy.Contains(0));
 }
 
+// Every table size on the way up, with probes running past the last slot back to the first and
+// removals shifting entries back across that wrap.
+TEST(ProcessedIdList, FindsEveryValueAtEverySizeItGrowsThrough) {
+    ProcessedIdList ids;
+    std::vector<DWORD> present;
+    for (DWORD i = 1; i <= 20000; ++i) {
+        ids.Append(i * 2654435761u);
+        present.push_back(i * 2654435761u);
+        if (i % 3 == 0) {
+            ASSERT_TRUE(ids.RemoveFirst(present[i / 2]));
+            present[i / 2] = 0;  // never stored
+        }
+        if ((i & (i - 1)) != 0 && i % 997 != 0) continue;
+        for (DWORD id : present) ASSERT_EQ(ids.Contains(id), id != 0) << i;
+        ASSERT_FALSE(ids.Contains(i * 2654435761u + 1)) << i;
+    }
+}
+
 }  // namespace
