@@ -7,6 +7,7 @@
 #include "host/AccountCheck.h"
 #include "host/ConnectionSecurity.h"
 #include "host/HeaderText.h"
+#include "host/MailSend.h"
 #include "rules/CAutoResponderProfile.h"
 #include "rules/CForwardMailProfile.h"
 #include "transport/CMIMEMessage.h"
@@ -31,22 +32,6 @@ protected:
 private:
     std::vector<HeaderLine> m_extra;
 };
-
-std::string CrlfText(std::string_view text) {
-    std::string out;
-    out.reserve(text.size() + text.size() / 40);
-    for (size_t i = 0; i < text.size(); ++i) {
-        if (text[i] == '\r') {
-            out += "\r\n";
-            if (i + 1 < text.size() && text[i + 1] == '\n') ++i;
-        } else if (text[i] == '\n') {
-            out += "\r\n";
-        } else {
-            out += text[i];
-        }
-    }
-    return out;
-}
 
 bool HasEightBit(std::string_view s) {
     for (char c : s)

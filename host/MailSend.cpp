@@ -116,23 +116,6 @@ bool HasEightBit(const std::string& s) {
     return false;
 }
 
-// The text as the library expects it: CRLF line ends.
-std::string CrlfText(const std::string& text) {
-    std::string out;
-    out.reserve(text.size() + text.size() / 40);
-    for (size_t i = 0; i < text.size(); ++i) {
-        if (text[i] == '\r') {
-            out += "\r\n";
-            if (i + 1 < text.size() && text[i + 1] == '\n') ++i;
-        } else if (text[i] == '\n') {
-            out += "\r\n";
-        } else {
-            out += text[i];
-        }
-    }
-    return out;
-}
-
 std::unique_ptr<CMailMessage> Compose(const SendOptions& o) {
     const std::string body = CrlfText(o.body);
     // 8-bit text goes in a MIME text part, where it can say its character set.
@@ -235,6 +218,22 @@ int RunMailSend(const SendOptions& options, FILE* out, FILE* err) {
         return 1;
     }
     return 0;
+}
+
+std::string CrlfText(std::string_view text) {
+    std::string out;
+    out.reserve(text.size() + text.size() / 40);
+    for (size_t i = 0; i < text.size(); ++i) {
+        if (text[i] == '\r') {
+            out += "\r\n";
+            if (i + 1 < text.size() && text[i + 1] == '\n') ++i;
+        } else if (text[i] == '\n') {
+            out += "\r\n";
+        } else {
+            out += text[i];
+        }
+    }
+    return out;
 }
 
 }  // namespace tavik::host

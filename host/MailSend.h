@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "host/ConnectionSecurity.h"
@@ -33,5 +34,8 @@ bool SplitRecipient(const std::string& text, std::string& address, std::string& 
 // "< ..." the moment they arrive, and "* ..." says what TLS agreed once the connection is encrypted.
 // Failures go to err as "tavik send: ...". Returns the exit code: 0 sent, 1 failed.
 int RunMailSend(const SendOptions& options, FILE* out, FILE* err);
+
+// Text with every line end (CR, LF or CRLF) made CRLF, as the library's mail classes expect.
+std::string CrlfText(std::string_view text);
 
 }  // namespace tavik::host
